@@ -1,0 +1,35 @@
+// The service "fastapi": tokens that grant calls of API methods.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+#include "zelttokenmanager/token_service.h"
+
+namespace ZELT::TokenManager {
+
+/// Grants and permits calls of named API methods.
+///
+/// A grant is {"api": string, "method": string, "runner": permitted list}, where "runner" says who
+/// may run the method (see `IsIdentityInPermittedList`) and is "requester" when absent. Names are
+/// compared byte for byte. Other members of a grant are carried along unchanged.
+///
+/// Stateless: any number of threads may call it. Malformed input is a `std::runtime_error`; shapes
+/// are tested as far as the search reaches.
+class [[gnu::visibility("default")]] FastAPI : public TokenService {
+ public:
+  /// Returns "fastapi".
+  std::string GetName() override;
+
+  /// Request: {"payload": [{"api": string, "method": string}, ...]}; `privilege`: array of grants.
+  /// Returns the first matching grant for each requested method, in the order of the request.
+  /// Throws `std::runtime_error` when one is not granted.
+  Json::Value Issue(const Json::Value& request, const Json::Value& privilege) override;
+
+  /// Request: {"payload": {"api": string, "method": string, "runner": string}}. The first stored
+  /// grant of that method alone decides; without one the answer is false.
+  bool Validate(const Json::Value& request, const Json::Value& data) override;
+};
+
+}  // namespace ZELT::TokenManager

@@ -1,0 +1,45 @@
+// The client's end of a connection to a daemon.
+#pragma once
+
+#include <string>
+
+namespace zeltdaemon {
+
+/// A connected stream socket, or none. Not copyable; destruction closes the descriptor.
+class SockConnection {
+ public:
+  SockConnection() = default;
+  ~SockConnection();
+  SockConnection(const SockConnection&) = delete;
+  SockConnection& operator=(const SockConnection&) = delete;
+
+  /// Receives one message into `message`. Returns false, leaving `message` as it was, when the
+  /// stream is empty or fails, the message is longer than allowed, or the peer takes longer than
+  /// allowed (see message.h).
+  bool Recv(std::string& message);
+
+  /// Closes the descriptor if it is open.
+  void Disconnect();
+
+ protected:
+  int fd = -1;  ///< -1 when closed
+};
+
+/// A connection to the local domain socket at a path.
+class DomainSockConnection : public SockConnection {
+ public:
+  explicit DomainSockConnection(const std::string& path);
+
+  /// Opens the connection, waiting while the daemon's backlog is full. Returns false when nobody
+  /// listens or the wait takes longer than allowed.
+  bool Connect();
+
+  /// Sends `message`, which holds no newline, as one message. Returns false when it is longer than
+  /// allowed, when the peer is gone, or takes longer than allowed.
+  bool Send(const std::string& message);
+
+ private:
+  std::string path;
+};
+
+}  // namespace zeltdaemon

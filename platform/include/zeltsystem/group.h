@@ -1,0 +1,19 @@
+// Groups of local users, as a list of names that is emptied from its front.
+#pragma once
+
+struct QLIBCSzList;
+
+/// `scope` of `QLIBGroupInfoListGet`: the primary group and all supplementary ones.
+constexpr int kQLIBAllGroups = 1;
+
+/// Returns a newly allocated list of the names of the groups that the local user `user_name`
+/// belongs to, or null when the user is unknown or the lookup fails. `scope` must be
+/// `kQLIBAllGroups`.
+QLIBCSzList* QLIBGroupInfoListGet(const char* user_name, int scope);
+
+/// Removes the first name and returns it, or null when the list is empty. The list keeps owning
+/// the text, which is valid until the next call.
+const char* QLIBCSzListShift(QLIBCSzList* list);
+
+/// Releases a list; a null pointer is no error.
+void QLIBCSzListFree(QLIBCSzList* list);

@@ -1,0 +1,99 @@
+#include "zeltdaemon/domain_sock_connection.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+
+#include "zeltdaemon/message.h"
+
+namespace zeltdaemon {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Waits until `fd` is ready for `events`; false when the deadline passes first.
+bool Await(int fd, short events, Clock::time_point deadline) {
+  pollfd wanted{.fd = fd, .events = events, .revents = 0};
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    const int ready = poll(&wanted, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+    if (ready >= 0) return ready > 0;
+    if (errno != EINTR) return false;
+  }
+}
+
+// Makes connect(2) give up on a full backlog in the end, socket(7).
+bool LimitConnect(int fd) {
+  const timeval limit{.tv_sec = kClientDeadline.count(), .tv_usec = 0};
+  return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
+}
+
+bool ConnectTo(int fd, const std::string& path) {
+  sockaddr_un address{};
+  if (path.size() >= sizeof address.sun_path) return false;
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, path.size());
+  int result = 0;
+  do {
+    result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  } while (result < 0 && errno == EINTR);
+  return result == 0;
+}
+
+}  // namespace
+
+SockConnection::~SockConnection() { Disconnect(); }
+
+bool SockConnection::Recv(std::string& message) {
+  const auto deadline = Clock::now() + kClientDeadline;
+  MessageReader reader;
+  auto state = MessageReader::State::kIncomplete;
+  while (state == MessageReader::State::kIncomplete) {
+    if (!Await(fd, POLLIN, deadline)) return false;
+    state = reader.Read(fd);
+  }
+  if (state == MessageReader::State::kFailed) return false;
+  message = reader.Take();
+  return true;
+}
+
+void SockConnection::Disconnect() {
+  if (fd != -1) close(fd);
+  fd = -1;
+}
+
+DomainSockConnection::DomainSockConnection(const std::string& socket_path) : path(socket_path) {}
+
+bool DomainSockConnection::Connect() {
+  Disconnect();
+  fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd != -1 && LimitConnect(fd) && ConnectTo(fd, path)) return true;
+  Disconnect();
+  return false;
+}
+
+bool DomainSockConnection::Send(const std::string& message) {
+  if (message.size() > kMaxMessageBytes) return false;
+  const auto deadline = Clock::now() + kClientDeadline;
+  const std::string line = message + '\n';
+  std::size_t sent = 0;
+  while (sent < line.size()) {
+    const ssize_t count =
+        send(fd, line.data() + sent, line.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count >= 0) {
+      sent += static_cast<std::size_t>(count);
+    } else if (errno == EAGAIN) {
+      if (!Await(fd, POLLOUT, deadline)) return false;
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace zeltdaemon

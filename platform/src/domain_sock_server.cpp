@@ -1,0 +1,449 @@
+#include "zeltdaemon/domain_sock_server.h"
+
+#include <event2/event.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "zeltdaemon/message.h"
+
+namespace zeltdaemon {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Connections accepted before others that became ready get their turn.
+constexpr int kAcceptsAtOnce = 64;
+
+// Descriptors that waiting connections must leave to the handler's files and to the process.
+constexpr rlim_t kReservedDescriptors = 24;
+
+// How long nobody is accepted after descriptors or memory ran out: trying again at once would spin,
+// and service must be back within a second.
+constexpr timeval kAcceptPause{.tv_sec = 0, .tv_usec = 100000};
+
+// Neighbours can bring about what is logged here, and must not be able to fill the log with it.
+constexpr std::chrono::seconds kLogInterval{60};
+
+class RareLog {
+ public:
+  // Whether the last line is long enough ago; if so, this is the new last line.
+  bool IsDue() {
+    if (Clock::now() < next) return false;
+    next = Clock::now() + kLogInterval;
+    return true;
+  }
+
+ private:
+  Clock::time_point next = Clock::now();
+};
+
+std::runtime_error SystemError(const std::string& what) {
+  return std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+sockaddr_un Address(const std::string& path) {
+  sockaddr_un address{};
+  if (path.size() >= sizeof address.sun_path) throw std::runtime_error(path + ": path too long");
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, path.size());
+  return address;
+}
+
+int MakeSocket() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw SystemError("socket");
+  return fd;
+}
+
+// A full backlog refuses with EAGAIN, unix(7): then somebody listens too.
+bool IsServed(const std::string& path) {
+  const sockaddr_un address = Address(path);
+  const int fd = MakeSocket();
+  const int result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  const bool refused = result < 0 && (errno == ECONNREFUSED || errno == ENOENT);
+  close(fd);
+  return !refused;
+}
+
+void RemoveStaleSocket(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) return;
+  if (!S_ISSOCK(status.st_mode))
+    throw std::runtime_error(path + " is not a socket, remove it first");
+  if (IsServed(path)) throw std::runtime_error("another daemon serves " + path);
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) throw SystemError("cannot replace " + path);
+}
+
+// Nobody can connect before listen(2), so nobody sees the file with its first mode.
+void BindAndListen(int fd, const std::string& path, int backlog) {
+  const sockaddr_un address = Address(path);
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      chmod(path.c_str(), 0666) != 0 || listen(fd, backlog) != 0) {
+    throw SystemError("cannot listen on " + path);
+  }
+}
+
+unsigned int WaitingLimit(unsigned int wanted) {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const rlim_t spare =
+      std::max(descriptors.rlim_cur, kReservedDescriptors + 1) - kReservedDescriptors;
+  return static_cast<unsigned int>(std::min<rlim_t>(wanted, spare));
+}
+
+uid_t PeerUser(int fd) {
+  ucred peer{};
+  socklen_t length = sizeof peer;
+  return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 ? peer.uid
+                                                                      : static_cast<uid_t>(-1);
+}
+
+// Sends what the client takes without waiting, and leaves the rest in `text`: nothing when the
+// client is gone.
+void SendSome(int fd, std::string& text) {
+  std::size_t sent = 0;
+  while (sent < text.size()) {
+    const ssize_t count = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0 && errno == EAGAIN) break;
+    if (count < 0) return text.clear();
+    sent += static_cast<std::size_t>(count);
+  }
+  text.erase(0, sent);
+}
+
+timeval TimeLeft(Clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
+  const auto count = std::max<std::chrono::microseconds::rep>(left.count(), 1);
+  return {.tv_sec = count / 1000000, .tv_usec = count % 1000000};
+}
+
+}  // namespace
+
+// The event loop of one process. A connection whose request is there when it is accepted is
+// answered and closed without the loop ever hearing of it; every other one is kept here until its
+// request is complete, then until its answer is taken.
+class DomainSockServer::Loop {
+ public:
+  Loop(int listener_fd, const ServerLimits& server_limits, const Handler& request_handler);
+  ~Loop();
+  Loop(const Loop&) = delete;
+  Loop& operator=(const Loop&) = delete;
+
+  void AddSignal(int number, std::function<void()>& action);
+  void Run();
+  void End(bool with_backlog);
+
+ private:
+  struct EventDeleter {
+    void operator()(event* pending) const { event_free(pending); }
+    void operator()(event_base* events) const { event_base_free(events); }
+  };
+  using Event = std::unique_ptr<event, EventDeleter>;
+
+  struct Connection {
+    Loop* loop;
+    int fd;
+    uid_t user;
+    MessageReader reader;
+    std::string answer;  // what is left of it
+    Clock::time_point deadline;
+    Event ready;
+  };
+
+  struct User {
+    unsigned int waiting = 0;
+    bool logged = false;
+  };
+
+  Event MakeEvent(evutil_socket_t fd, short what, event_callback_fn callback, void* argument);
+  bool AcceptOne();
+  void PauseAccepting();
+  void Welcome(int fd);
+  bool Admit(uid_t user);
+  Connection* Keep(int fd);
+  void Drop(Connection& connection);
+  void Await(Connection& connection, short what);
+  void Read(Connection& connection);
+  void Write(Connection& connection);
+  std::string Respond(int fd, const std::string& request);
+  void AwaitWrite(Connection& connection, std::string answer);
+  void Drain();
+
+  int listener;
+  const ServerLimits& limits;
+  const Handler& handler;
+  unsigned int max_waiting;
+  std::unique_ptr<event_base, EventDeleter> base;
+  Event acceptable;
+  Event resume;
+  std::vector<Event> signals;
+  std::map<uid_t, User> users;  // with waiting connections
+  std::map<int, Connection> connections;
+  RareLog exhaustion_log;
+  RareLog full_log;
+  bool ending = false;
+  bool finish_backlog = false;
+};
+
+DomainSockServer::Loop::Loop(int listener_fd, const ServerLimits& server_limits,
+                             const Handler& request_handler)
+    : listener(listener_fd),
+      limits(server_limits),
+      handler(request_handler),
+      max_waiting(WaitingLimit(server_limits.waiting)),
+      base(event_base_new()) {
+  if (!base) throw std::runtime_error("no event loop");
+  const auto accept_some = [](evutil_socket_t, short, void* loop) {
+    for (int i = 0; i < kAcceptsAtOnce && static_cast<Loop*>(loop)->AcceptOne(); ++i) {
+    }
+  };
+  const auto go_on = [](evutil_socket_t, short, void* loop) {
+    event_add(static_cast<Loop*>(loop)->acceptable.get(), nullptr);
+  };
+  acceptable = MakeEvent(listener, EV_READ | EV_PERSIST, accept_some, this);
+  resume = MakeEvent(-1, 0, go_on, this);
+  event_add(acceptable.get(), nullptr);
+}
+
+DomainSockServer::Loop::~Loop() {
+  for (const auto& [fd, connection] : connections) close(fd);
+}
+
+DomainSockServer::Loop::Event DomainSockServer::Loop::MakeEvent(evutil_socket_t fd, short what,
+                                                                event_callback_fn callback,
+                                                                void* argument) {
+  Event made(event_new(base.get(), fd, what, callback, argument));
+  if (!made) throw std::bad_alloc();
+  return made;
+}
+
+void DomainSockServer::Loop::AddSignal(int number, std::function<void()>& action) {
+  const auto run = [](evutil_socket_t, short, void* act) {
+    (*static_cast<std::function<void()>*>(act))();
+  };
+  signals.push_back(MakeEvent(number, EV_SIGNAL | EV_PERSIST, run, &action));
+  event_add(signals.back().get(), nullptr);
+}
+
+void DomainSockServer::Loop::Run() {
+  while (!ending) event_base_loop(base.get(), EVLOOP_ONCE);
+  Drain();
+}
+
+void DomainSockServer::Loop::End(bool with_backlog) {
+  ending = true;
+  finish_backlog = with_backlog;
+}
+
+// Returns whether there may be more to accept.
+bool DomainSockServer::Loop::AcceptOne() {
+  const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (fd >= 0) {
+    Welcome(fd);
+    return true;
+  }
+  switch (errno) {
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+      PauseAccepting();
+      return false;
+    case EAGAIN:
+      return false;
+    default:  // the connection failed, accept(2)
+      return true;
+  }
+}
+
+void DomainSockServer::Loop::PauseAccepting() {
+  const int error = errno;
+  event_del(acceptable.get());
+  event_add(resume.get(), &kAcceptPause);
+  if (!exhaustion_log.IsDue()) return;
+  syslog(LOG_WARNING, "cannot accept connections for now: %s", std::strerror(error));
+}
+
+void DomainSockServer::Loop::Welcome(int fd) {
+  MessageReader reader;
+  const MessageReader::State state = reader.Read(fd);
+  std::string unsent;
+  if (state == MessageReader::State::kComplete) unsent = Respond(fd, reader.Take());
+  const bool incomplete = state == MessageReader::State::kIncomplete && !ending;
+  if (!incomplete && unsent.empty()) {
+    close(fd);
+    return;
+  }
+  Connection* connection = Keep(fd);
+  if (connection == nullptr) return;
+  if (!unsent.empty()) return AwaitWrite(*connection, std::move(unsent));
+  connection->reader = std::move(reader);
+  connection->deadline = Clock::now() + limits.request_deadline;
+  Await(*connection, EV_READ);
+}
+
+// Counts one more waiting connection of `user`, or returns false at a limit.
+bool DomainSockServer::Loop::Admit(uid_t user) {
+  if (connections.size() >= max_waiting) {
+    if (full_log.IsDue()) {
+      syslog(LOG_WARNING, "%zu connections wait: further ones are closed", connections.size());
+    }
+    return false;
+  }
+  User& known = users[user];
+  if (known.waiting < limits.waiting_per_user) {
+    ++known.waiting;
+    return true;
+  }
+  if (!known.logged) {
+    syslog(LOG_WARNING, "%u connections of user %u wait: further ones are closed", known.waiting,
+           user);
+  }
+  known.logged = true;
+  return false;
+}
+
+// Takes over `fd`. Returns null, having closed it, at a limit.
+DomainSockServer::Loop::Connection* DomainSockServer::Loop::Keep(int fd) {
+  const uid_t user = PeerUser(fd);
+  if (!Admit(user)) {
+    close(fd);
+    return nullptr;
+  }
+  Connection& kept = connections[fd];
+  kept.loop = this;
+  kept.fd = fd;
+  kept.user = user;
+  return &kept;
+}
+
+void DomainSockServer::Loop::Drop(Connection& connection) {
+  const auto user = users.find(connection.user);
+  if (--user->second.waiting == 0) users.erase(user);
+  const int fd = connection.fd;
+  connections.erase(fd);
+  close(fd);
+}
+
+// Goes on with `connection` when its socket is ready for `what`, or its deadline passes.
+void DomainSockServer::Loop::Await(Connection& connection, short what) {
+  const auto go_on = [](evutil_socket_t, short happened, void* waiting) {
+    Connection& kept = *static_cast<Connection*>(waiting);
+    if ((happened & EV_TIMEOUT) != 0) return kept.loop->Drop(kept);
+    (happened & EV_READ) != 0 ? kept.loop->Read(kept) : kept.loop->Write(kept);
+  };
+  connection.ready = MakeEvent(connection.fd, what, go_on, &connection);
+  const timeval left = TimeLeft(connection.deadline);
+  event_add(connection.ready.get(), &left);
+}
+
+void DomainSockServer::Loop::Read(Connection& connection) {
+  switch (connection.reader.Read(connection.fd)) {
+    case MessageReader::State::kIncomplete:
+      return ending ? Drop(connection) : Await(connection, EV_READ);
+    case MessageReader::State::kFailed:
+      return Drop(connection);
+    case MessageReader::State::kComplete:
+      break;
+  }
+  std::string unsent = Respond(connection.fd, connection.reader.Take());
+  unsent.empty() ? Drop(connection) : AwaitWrite(connection, std::move(unsent));
+}
+
+// Returns what of the answer the client does not take yet.
+std::string DomainSockServer::Loop::Respond(int fd, const std::string& request) {
+  std::string answer = handler(fd, request);
+  answer += '\n';
+  SendSome(fd, answer);
+  return answer;
+}
+
+void DomainSockServer::Loop::AwaitWrite(Connection& connection, std::string answer) {
+  connection.answer = std::move(answer);
+  connection.deadline = Clock::now() + limits.answer_deadline;
+  Await(connection, EV_WRITE);
+}
+
+void DomainSockServer::Loop::Write(Connection& connection) {
+  SendSome(connection.fd, connection.answer);
+  connection.answer.empty() ? Drop(connection) : Await(connection, EV_WRITE);
+}
+
+// Finishes what has been received.
+void DomainSockServer::Loop::Drain() {
+  event_del(acceptable.get());
+  event_del(resume.get());
+  while (finish_backlog && AcceptOne()) {
+  }
+  for (auto next = connections.begin(); next != connections.end();) {
+    Connection& connection = (next++)->second;
+    if (connection.answer.empty()) Read(connection);  // its request may have become complete
+  }
+  while (!connections.empty()) event_base_loop(base.get(), EVLOOP_ONCE);
+}
+
+DomainSockServer::DomainSockServer(const std::string& socket_path,
+                                   const ServerLimits& server_limits)
+    : path(socket_path), limits(server_limits), maker(getpid()) {
+  RemoveStaleSocket(path);
+  listener = MakeSocket();
+  try {
+    BindAndListen(listener, path, limits.backlog);
+  } catch (...) {
+    close(listener);
+    throw;
+  }
+  struct stat status {};
+  lstat(path.c_str(), &status);
+  device = status.st_dev;
+  inode = status.st_ino;
+}
+
+DomainSockServer::~DomainSockServer() {
+  if (getpid() == maker) RemoveSocket();
+  close(listener);
+}
+
+void DomainSockServer::OnSignal(int number, std::function<void()> action) {
+  signal_actions[number] = std::move(action);
+}
+
+void DomainSockServer::Serve(const Handler& handler) {
+  Loop serving(listener, limits, handler);
+  sigset_t handled;
+  sigemptyset(&handled);
+  for (auto& [number, action] : signal_actions) {
+    serving.AddSignal(number, action);
+    sigaddset(&handled, number);
+  }
+  sigprocmask(SIG_UNBLOCK, &handled, nullptr);
+  loop = &serving;
+  serving.Run();
+  loop = nullptr;
+}
+
+void DomainSockServer::Stop() { loop->End(true); }
+
+void DomainSockServer::HandOver() { loop->End(false); }
+
+void DomainSockServer::RemoveSocket() {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0) return;
+  if (status.st_dev == device && status.st_ino == inode) unlink(path.c_str());
+}
+
+}  // namespace zeltdaemon

@@ -1,0 +1,67 @@
+#include "json_member.h"
+
+#include <stdexcept>
+
+namespace ZELT::TokenManager {
+namespace {
+
+void ExpectMember(bool of_type, const char* name, const char* type, const char* where) {
+  if (of_type) return;
+  throw std::runtime_error(std::string(where) + " invalid type of \"" + name + "\", " + type +
+                           " expected");
+}
+
+void Expect(bool of_type, const char* type, const char* where) {
+  if (of_type) return;
+  throw std::runtime_error(std::string(where) + " invalid type, " + type + " expected");
+}
+
+}  // namespace
+
+std::string StringMember(const Json::Value& object, const char* name, const char* where) {
+  const Json::Value& member = MemberOrNull(object, name);
+  ExpectMember(member.isString(), name, "String", where);
+  return member.asString();
+}
+
+int IntMember(const Json::Value& object, const char* name, const char* where) {
+  const Json::Value& member = MemberOrNull(object, name);
+  ExpectMember(member.isInt(), name, "Int", where);
+  return member.asInt();
+}
+
+const Json::Value& ObjectMember(const Json::Value& object, const char* name, const char* where) {
+  const Json::Value& member = MemberOrNull(object, name);
+  ExpectMember(member.isObject(), name, "Object", where);
+  return member;
+}
+
+const Json::Value& ArrayMember(const Json::Value& object, const char* name, const char* where) {
+  const Json::Value& member = MemberOrNull(object, name);
+  ExpectMember(member.isArray(), name, "Array", where);
+  return member;
+}
+
+void ExpectArray(const Json::Value& value, const char* where) {
+  Expect(value.isArray(), "Array", where);
+}
+
+std::string ExpectString(const Json::Value& value, const char* where) {
+  Expect(value.isString(), "String", where);
+  return value.asString();
+}
+
+const Json::Value& MemberOrNull(const Json::Value& object, const std::string& name) {
+  // Asked for a member, an array or a scalar would throw an error of jsoncpp's own.
+  return object.isObject() ? object[name] : Json::Value::nullSingleton();
+}
+
+std::string TextOf(const Json::Value& value) {
+  return value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string();
+}
+
+bool TruthOf(const Json::Value& value) {
+  return value.isConvertibleTo(Json::booleanValue) && value.asBool();
+}
+
+}  // namespace ZELT::TokenManager

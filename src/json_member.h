@@ -1,0 +1,31 @@
+// Checks of the shape of JSON that comes from outside. A failed check throws `std::runtime_error`
+// with a text that begins with `where`, the place by which people and programs know the error:
+// "<where> invalid type of \"<name>\", String expected".
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+namespace ZELT::TokenManager {
+
+// Each returns the member `name` of `object` when that is an object with such a member of the type.
+std::string StringMember(const Json::Value& object, const char* name, const char* where);
+int IntMember(const Json::Value& object, const char* name, const char* where);
+const Json::Value& ObjectMember(const Json::Value& object, const char* name, const char* where);
+const Json::Value& ArrayMember(const Json::Value& object, const char* name, const char* where);
+
+/// Throws "<where> invalid type, Array expected" unless `value` is an array.
+void ExpectArray(const Json::Value& value, const char* where);
+
+/// Throws "<where> invalid type, String expected" unless `value` is a string, and returns its text.
+std::string ExpectString(const Json::Value& value, const char* where);
+
+/// Returns the member `name`, or null when `object` is no object or lacks it.
+const Json::Value& MemberOrNull(const Json::Value& object, const std::string& name);
+
+// Conversions that never throw: what does not convert reads as the empty string or false.
+std::string TextOf(const Json::Value& value);
+bool TruthOf(const Json::Value& value);
+
+}  // namespace ZELT::TokenManager

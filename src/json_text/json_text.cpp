@@ -1,0 +1,97 @@
+#include "json_text.h"
+
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/writer.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+namespace ZELT::TokenManager {
+namespace {
+
+// Bounds what a file that somebody else may write can make this process hold in memory.
+constexpr std::size_t kMaxFileBytes = 4U << 20;
+
+// Builders are made once: making one costs several times a write or a parse.
+Json::StreamWriterBuilder WriterBuilder() {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["commentStyle"] = "None";
+  builder["emitUTF8"] = true;
+  return builder;
+}
+
+Json::CharReaderBuilder ReaderBuilder() {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["strictRoot"] = false;
+  builder["collectComments"] = false;
+  return builder;
+}
+
+class File {
+ public:
+  // Without O_NONBLOCK a FIFO would hold this process up until somebody writes to it.
+  explicit File(const std::string& path)
+      : fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {}
+  ~File() {
+    if (fd >= 0) close(fd);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  bool IsRegular() const {
+    struct stat status {};
+    return fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  }
+
+  // The size in the file's status is not asked: it may change meanwhile.
+  bool ReadAll(std::string& text) const {
+    std::array<char, 4096> chunk;  // NOLINT(*-member-init): written before it is read
+    while (text.size() <= kMaxFileBytes) {
+      const ssize_t count = read(fd, chunk.data(), chunk.size());
+      if (count == 0) return true;
+      if (count > 0) text.append(chunk.data(), static_cast<std::size_t>(count));
+      if (count < 0 && errno != EINTR) return false;
+    }
+    return false;
+  }
+
+ private:
+  int fd;
+};
+
+}  // namespace
+
+std::string toString(const Json::Value& value) {
+  static const Json::StreamWriterBuilder builder = WriterBuilder();
+  return Json::writeString(builder, value);
+}
+
+bool fromString(const std::string& text, Json::Value& value) {
+  static const Json::CharReaderBuilder builder = ReaderBuilder();
+  // The reader ignores whatever follows a NUL byte.
+  if (text.find('\0') != std::string::npos) return false;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value parsed;
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, nullptr)) return false;
+  } catch (const Json::Exception&) {  // too deeply nested
+    return false;
+  }
+  value = std::move(parsed);
+  return true;
+}
+
+bool fromFile(const std::string& path, Json::Value& value) {
+  const File file(path);
+  std::string text;
+  return file.IsRegular() && file.ReadAll(text) && fromString(text, value);
+}
+
+}  // namespace ZELT::TokenManager

@@ -1,0 +1,54 @@
+#include "zelttokenmanager/service/fastapi.h"
+
+#include <stdexcept>
+
+#include "json_member.h"
+#include "service/grant.h"
+
+namespace ZELT::TokenManager {
+namespace {
+
+// Grants are tested as the search reaches them, so that only those looked at can be malformed.
+const Json::Value& FindGrant(const Json::Value& privilege, const std::string& api,
+                             const std::string& method) {
+  for (const Json::Value& grant : privilege) {
+    const std::string granted_api = StringMember(grant, "api", "service/fastapi.cpp:34");
+    const std::string granted_method = StringMember(grant, "method", "service/fastapi.cpp:35");
+    if (granted_api == api && granted_method == method) return grant;
+  }
+  throw std::runtime_error("service/fastapi.cpp:47 api=" + api + " method=" + method +
+                           " is not on the permitted list");
+}
+
+}  // namespace
+
+std::string FastAPI::GetName() { return "fastapi"; }
+
+Json::Value FastAPI::Issue(const Json::Value& request, const Json::Value& privilege) {
+  Json::Value granted(Json::arrayValue);
+  const Json::Value& payload = ArrayMember(request, "payload", "service/fastapi.cpp:22");
+  ExpectArray(privilege, "service/fastapi.cpp:23");
+  for (const Json::Value& wanted : payload) {
+    const std::string api = StringMember(wanted, "api", "service/fastapi.cpp:26");
+    const std::string method = StringMember(wanted, "method", "service/fastapi.cpp:27");
+    granted.append(FindGrant(privilege, api, method));
+  }
+  return granted;
+}
+
+bool FastAPI::Validate(const Json::Value& request, const Json::Value& data) {
+  const Json::Value& payload = ObjectMember(request, "payload", "service/fastapi.cpp:58");
+  const std::string api = StringMember(payload, "api", "service/fastapi.cpp:59");
+  const std::string method = StringMember(payload, "method", "service/fastapi.cpp:60");
+  const std::string runner = StringMember(payload, "runner", "service/fastapi.cpp:61");
+  for (const Json::Value& grant : ArrayMember(data, "payload", "service/fastapi.cpp:62")) {
+    const std::string granted_api = StringMember(grant, "api", "service/fastapi.cpp:67");
+    const std::string granted_method = StringMember(grant, "method", "service/fastapi.cpp:68");
+    if (granted_api == api && granted_method == method) {
+      return IsAdmitted(runner, grant, "runner", data);
+    }
+  }
+  return false;
+}
+
+}  // namespace ZELT::TokenManager

@@ -1,0 +1,194 @@
+#include "zelttokenmanager/token_manager.h"
+
+#include <json/value.h>
+#include <unistd.h>
+
+#include <boost/filesystem/directory.hpp>
+#include <boost/filesystem/path.hpp>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "json_member.h"
+#include "json_text.h"
+#include "zeltrandom/random.h"
+#include "zeltsystem/user.h"
+
+namespace ZELT::TokenManager {
+namespace {
+
+constexpr const char* kPackages = "/var/packages";
+constexpr int kShortestToken = 32;
+constexpr int kLongestToken = 64;
+
+std::string UserName(uid_t uid) {
+  ZELTUser* found = nullptr;
+  const int result = ZELTUserGetLocalByUID(uid, &found);
+  const std::unique_ptr<ZELTUser, void (*)(ZELTUser*)> user(found, ZELTUserFree);
+  if (result != 0) throw std::runtime_error("token_manager.cpp:35 failed to get username from uid");
+  return user->name;
+}
+
+// The user under whom the package in `directory` runs. A privilege file that is missing, cannot be
+// read or names nobody leaves the package running under its own name.
+std::string PackageUser(const boost::filesystem::path& directory, const std::string& package) {
+  Json::Value privilege;
+  fromFile((directory / "conf" / "privilege").native(), privilege);
+  const std::string username = TextOf(MemberOrNull(privilege, "username"));
+  return username.empty() ? package : username;
+}
+
+std::string PackageOf(const std::string& user) {
+  for (const auto& entry : boost::filesystem::directory_iterator(kPackages)) {
+    const std::string package = entry.path().stem().native();
+    if (PackageUser(entry.path(), package) == user) return package;
+  }
+  throw std::runtime_error("token_manager.cpp:66 failed to get package name from uid");
+}
+
+Json::Int64 MonotonicTime() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+}  // namespace
+
+TokenService::~TokenService() = default;
+
+TokenManager::TokenManager(const std::string& config_directory,
+                           std::shared_ptr<TokenStorage> token_store,
+                           std::shared_ptr<CacheStorage> token_cache)
+    : installed_config(config_directory),
+      store(std::move(token_store)),
+      cache(std::move(token_cache)) {}
+
+void TokenManager::AddService(std::shared_ptr<TokenService> service) {
+  const std::string name = service->GetName();
+  if (!services.try_emplace(name, std::move(service)).second) {
+    throw std::runtime_error("token_manager.cpp:79 service already exists in the manager");
+  }
+}
+
+void TokenManager::RemoveService(const std::string& name) { services.erase(name); }
+
+std::shared_ptr<TokenService> TokenManager::GetService(const std::string& name) {
+  const auto found = services.find(name);
+  if (found == services.end()) throw std::runtime_error("token_manager.cpp:249 invalid service");
+  return found->second;
+}
+
+std::string TokenManager::GenerateToken() const {
+  RANDOM::ZELTRandom generator;
+  const auto length = static_cast<unsigned int>(generator.random(kShortestToken, kLongestToken));
+  std::string token;
+  if (!generator.getString(RANDOM::POOL_URL_FRIENDLY, length, token)) {
+    throw std::runtime_error("token_manager.cpp:205 failed to generate token");
+  }
+  return token;
+}
+
+Json::Value TokenManager::GetAssociatedData(const std::string& token) const {
+  if (!cache) return store->GetAssociatedData(token);
+  try {
+    return cache->GetAssociatedData(token);
+  } catch (const cache_miss&) {
+    Json::Value data = store->GetAssociatedData(token);
+    cache->Insert(token, data);
+    return data;
+  }
+}
+
+void TokenManager::InsertTokenInformation(const std::string& token, const Json::Value& data) const {
+  store->Insert(token, data);
+  if (cache) cache->Insert(token, data);
+}
+
+void TokenManager::RemoveTokenInformation(const std::string& token) const {
+  if (cache) cache->Remove(token);
+  store->Remove(token);
+}
+
+Json::Value TokenManager::GetInstalledConfig(const std::string& package) const {
+  Json::Value config;
+  if (!fromFile(installed_config + "/" + package, config)) {
+    throw std::runtime_error("token_manager.cpp:260 failed to get installed config");
+  }
+  return config;
+}
+
+void TokenManager::IssueToken(const ucred& credential, const Json::Value& request,
+                              Json::Value& response) {
+  response["success"] = false;
+  const std::string service = StringMember(request, "service", "token_manager.cpp:95");
+  const std::string requester = UserName(credential.uid);
+  const Json::Value config = GetInstalledConfig(PackageOf(requester));
+
+  Json::Value data(Json::objectValue);
+  data["service"] = service;
+  data["requester"] = requester;
+  data["pid"] = credential.pid;
+  data["created_at"] = MonotonicTime();
+  data["payload"] = GetService(service)->Issue(request, MemberOrNull(config, service));
+
+  const std::string token = GenerateToken();
+  InsertTokenInformation(token, data);
+  response["token"] = token;
+  response["success"] = true;
+}
+
+void TokenManager::ValidateToken(const ucred& /*credential*/, const Json::Value& request,
+                                 Json::Value& response) {
+  response["success"] = false;
+  const std::string token = StringMember(request, "token", "token_manager.cpp:120");
+  const std::string service = StringMember(request, "service", "token_manager.cpp:121");
+
+  const Json::Value data = GetAssociatedData(token);
+  if (StringMember(data, "service", "token_manager.cpp:127") != service) {
+    throw std::runtime_error("token_manager.cpp:130 unmatched service");
+  }
+
+  response["permitted"] = Json::nullValue;
+  response["permitted"] = GetService(service)->Validate(request, data);
+  response["success"] = true;
+}
+
+void TokenManager::RevokeToken(const ucred& credential, const Json::Value& request,
+                               Json::Value& response) const {
+  response["success"] = false;
+  const std::string token = StringMember(request, "token", "token_manager.cpp:142");
+  const std::string service = StringMember(request, "service", "token_manager.cpp:143");
+
+  const Json::Value data = GetAssociatedData(token);
+  const std::string stored_service = StringMember(data, "service", "token_manager.cpp:149");
+  const int owner = IntMember(data, "pid", "token_manager.cpp:150");
+  if (stored_service != service) {
+    throw std::runtime_error("token_manager.cpp:153 unmatched service");
+  }
+  if (owner != credential.pid) throw std::runtime_error("token_manager.cpp:156 unmatched pid");
+
+  RemoveTokenInformation(token);
+  response["success"] = true;
+}
+
+void TokenManager::TransferToken(const ucred& credential, const Json::Value& request,
+                                 Json::Value& response) const {
+  response["success"] = false;
+  const std::string token = StringMember(request, "token", "token_manager.cpp:168");
+  const std::string service = StringMember(request, "service", "token_manager.cpp:169");
+  const int new_owner = IntMember(request, "payload", "token_manager.cpp:170");
+
+  Json::Value data = GetAssociatedData(token);
+  const std::string stored_service = StringMember(data, "service", "token_manager.cpp:177");
+  const int owner = IntMember(data, "pid", "token_manager.cpp:178");
+  if (stored_service != service) {
+    throw std::runtime_error("token_manager.cpp:181 unmatched service");
+  }
+  if (owner != credential.pid) throw std::runtime_error("token_manager.cpp:184 unmatched pid");
+  if (getpgid(new_owner) < 0) {
+    throw std::runtime_error("token_manager.cpp:188 cannot transfer token ownership");
+  }
+
+  data["pid"] = new_owner;
+  RemoveTokenInformation(token);
+  InsertTokenInformation(token, data);
+  response["success"] = true;
+}
+
+}  // namespace ZELT::TokenManager
