@@ -1,0 +1,38 @@
+// zelttokenmgrd, the token daemon.
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+#include "options.h"
+#include "supervisor.h"
+
+namespace {
+
+void PrepareProcess(const Options& options) {
+  openlog("zelttokenmgrd", LOG_PID | LOG_NDELAY | (options.log_to_stderr ? LOG_PERROR : 0),
+          LOG_DAEMON);
+  umask(S_IRWXG | S_IRWXO);  // the store holds tokens
+  signal(SIGPIPE, SIG_IGN);  // a client that left is an error of send(2)
+  signal(SIGXFSZ, SIG_IGN);  // a store at the file-size limit is an error of write(2)
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = ParseOptions(argc, argv);
+  PrepareProcess(options);
+  try {
+    Supervisor supervisor(options);
+    supervisor.Run();
+    syslog(LOG_NOTICE, "stopped");
+    return EXIT_SUCCESS;
+  } catch (const std::exception& error) {
+    syslog(LOG_ERR, "%s", error.what());
+    if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error.what() << '\n';
+    return EXIT_FAILURE;
+  }
+}

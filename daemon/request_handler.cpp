@@ -1,0 +1,141 @@
+#include "request_handler.h"
+
+#include <sys/socket.h>
+#include <sysexits.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <map>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "json_text.h"
+#include "zelttokenmanager/token_storage.h"
+#include "zelttokenmanager/utils.h"
+
+using ZELT::TokenManager::FileLock;
+using ZELT::TokenManager::fromString;
+using ZELT::TokenManager::GetPeerCredential;
+using ZELT::TokenManager::TokenManager;
+using ZELT::TokenManager::toString;
+
+struct RequestHandler::Operation {
+  void (*run)(TokenManager&, const ucred&, const Json::Value&, Json::Value&);
+  bool changes;     // something that is kept
+  bool needs_undo;  // failing half-way, it would lose the token
+};
+
+namespace {
+
+// What a client wrote into its request stands in the log only when it is shorter than any token: a
+// client that mixes up its arguments must not have its token logged.
+constexpr std::size_t kLongestLoggedName = 31;
+constexpr std::size_t kLongestLoggedReason = 256;
+
+// As JSON text, because a client's line breaks must not look like lines of the log.
+std::string Name(const Json::Value& request, const char* member) {
+  if (!request.isObject() || !request[member].isString()) return "none";
+  const std::string name = request[member].asString();
+  return name.size() > kLongestLoggedName ? "too long" : toString(name);
+}
+
+void LogRefusal(int connection, const Json::Value& request, std::string_view reason) {
+  ucred peer{};
+  try {
+    peer = GetPeerCredential(connection);
+  } catch (const std::runtime_error&) {
+    peer.pid = -1;
+  }
+  const std::string text = toString(std::string(reason.substr(0, kLongestLoggedReason)));
+  syslog(LOG_NOTICE, "refused type=%s service=%s pid=%d uid=%u reason=%s",
+         Name(request, "type").c_str(), Name(request, "service").c_str(), peer.pid, peer.uid,
+         text.c_str());
+}
+
+// The store ends a token at a space and a line at a newline, the cache ends a token at a NUL byte:
+// with one of them in it, a text would mean one token to the store and another to the cache.
+void ExpectWholeToken(const Json::Value& request) {
+  const Json::Value& token = request["token"];
+  if (token.isString() &&
+      token.asString().find_first_of(std::string_view(" \n\0", 3)) != std::string::npos) {
+    throw std::runtime_error("no token holds a space, a newline or a NUL byte");
+  }
+}
+
+}  // namespace
+
+RequestHandler::RequestHandler(TokenManager& token_manager, std::shared_ptr<SafeStore> store,
+                               SharedState& shared_state, const std::string& workers_lock_path)
+    : manager(token_manager),
+      safe_store(std::move(store)),
+      shared(shared_state),
+      lock_path(workers_lock_path) {}
+
+std::string RequestHandler::Answer(int connection, const std::string& text) {
+  Json::Value request;
+  Json::Value response(Json::objectValue);
+  response["success"] = false;
+  try {
+    if (!fromString(text, request) || !request.isObject()) {
+      throw std::runtime_error("not a JSON object");
+    }
+    Handle(connection, request, response);
+  } catch (const std::exception& refusal) {
+    response["success"] = false;
+    LogRefusal(connection, request, refusal.what());
+  }
+  shared.answered = true;
+  return toString(response);
+}
+
+void RequestHandler::Handle(int connection, const Json::Value& request, Json::Value& response) {
+  static const std::map<std::string, Operation> operations = {
+      {"issue",
+       {.run = [](auto& m, auto&... args) { m.IssueToken(args...); },
+        .changes = true,
+        .needs_undo = false}},
+      {"validate",
+       {.run = [](auto& m, auto&... args) { m.ValidateToken(args...); },
+        .changes = false,
+        .needs_undo = false}},
+      {"revoke",
+       {.run = [](auto& m, auto&... args) { m.RevokeToken(args...); },
+        .changes = true,
+        .needs_undo = false}},
+      {"transfer",
+       {.run = [](auto& m, auto&... args) { m.TransferToken(args...); },
+        .changes = true,
+        .needs_undo = true}},
+  };
+  const Json::Value& type = request["type"];
+  const auto found = operations.find(type.isString() ? type.asString() : "");
+  if (found == operations.end()) throw std::runtime_error("unknown type of request");
+
+  const ucred peer = GetPeerCredential(connection);
+  // Processes of a foreign pid namespace all have this id here, so it cannot own anything.
+  if (found->second.changes && peer.pid == 0) {
+    throw std::runtime_error("the peer's process has no id here");
+  }
+  ExpectWholeToken(request);
+  Run(found->second, peer, request, response);
+}
+
+void RequestHandler::Run(const Operation& operation, const ucred& peer, const Json::Value& request,
+                         Json::Value& response) {
+  const FileLock lock(lock_path, operation.changes);
+  if (shared.changing) _exit(EX_TEMPFAIL);
+  if (!operation.changes) return operation.run(manager, peer, request, response);
+
+  shared.changing = true;
+  safe_store->AllowUncopied(!operation.needs_undo);
+  try {
+    operation.run(manager, peer, request, response);
+    safe_store->Commit();
+  } catch (...) {
+    safe_store->Rollback();
+    shared.changing = false;
+    throw;
+  }
+  shared.changing = false;
+}
