@@ -34,13 +34,13 @@ std::string UserName(uid_t uid) {
 std::string PackageUser(const boost::filesystem::path& directory, const std::string& package) {
   Json::Value privilege;
   fromFile((directory / "conf" / "privilege").native(), privilege);
-  const std::string username = TextOf(MemberOrNull(privilege, "username"));
+  std::string username = TextOf(MemberOrNull(privilege, "username"));
   return username.empty() ? package : username;
 }
 
 std::string PackageOf(const std::string& user) {
   for (const auto& entry : boost::filesystem::directory_iterator(kPackages)) {
-    const std::string package = entry.path().stem().native();
+    std::string package = entry.path().stem().native();
     if (PackageUser(entry.path(), package) == user) return package;
   }
   throw std::runtime_error("token_manager.cpp:66 failed to get package name from uid");
@@ -61,9 +61,10 @@ TokenManager::TokenManager(const std::string& config_directory,
 
 void TokenManager::AddService(std::shared_ptr<TokenService> service) {
   const std::string name = service->GetName();
-  if (!services.try_emplace(name, std::move(service)).second) {
+  if (services.contains(name)) {
     throw std::runtime_error("token_manager.cpp:79 service already exists in the manager");
   }
+  services[name] = std::move(service);
 }
 
 void TokenManager::RemoveService(const std::string& name) { services.erase(name); }

@@ -70,7 +70,7 @@ bool IsInList(const std::string& identity, const Json::Value& permitted) {
   const std::set<std::string> groups = GroupsOf(identity);
   for (const Json::Value& element : permitted) {
     const std::string name = ExpectString(element, "utils.cpp:170");
-    if (IsGroup(name) ? groups.count(name.substr(1)) != 0 : name == identity) return true;
+    if (IsGroup(name) ? groups.contains(name.substr(1)) : name == identity) return true;
   }
   return false;
 }

@@ -96,6 +96,8 @@ JsonFileStorage::JsonFileStorage(const std::string& path)
   }
 }
 
+JsonFileStorage::~JsonFileStorage() = default;
+
 void JsonFileStorage::Insert(const std::string& token, const Json::Value& data) {
   const FileLock lock(lock_path, true);
   if (!fs::exists(storage_path) && QLIBCFileTouch(storage_path.c_str()) != 0) {

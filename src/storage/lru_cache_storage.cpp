@@ -34,6 +34,8 @@ LRUCacheStorage::LRUCacheStorage(unsigned int size)
       records(segment.construct<RecencyList>(ipc::anonymous_instance)(allocator)),
       stats(segment.construct<_ShmCacheStats>(ipc::anonymous_instance)()) {}
 
+LRUCacheStorage::~LRUCacheStorage() = default;
+
 // Runs a step that allocates in the segment, evicting one record after each allocation that fails.
 template <typename Step>
 auto LRUCacheStorage::EvictUntilItFits(Step step) {
@@ -120,14 +122,14 @@ void LRUCacheStorage::Admit(const std::string& token, const Json::Value& data) {
 LRUCacheStorage::ShmString LRUCacheStorage::ToShm(const char* text, std::size_t length) {
   // A text longer than the whole segment is a length_error to the string, not a failed allocation.
   if (length >= segment.get_size()) throw ipc::bad_alloc();
-  return ShmString(text, length, allocator);
+  return {text, length, allocator};
 }
 
 LRUCacheStorage::ShmString LRUCacheStorage::Key(const std::string& token) {
   return ToShm(token.c_str(), std::char_traits<char>::length(token.c_str()));
 }
 
-Json::Value LRUCacheStorage::Use(RecencyList::iterator record) {
+Json::Value LRUCacheStorage::Use(const RecencyList::iterator& record) {
   Json::Value data;
   fromString(std::string(record->second.data(), record->second.size()), data);
   records->splice(records->begin(), *records, record);

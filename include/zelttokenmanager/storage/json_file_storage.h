@@ -26,6 +26,7 @@ class [[gnu::visibility("default")]] JsonFileStorage : public TokenStorage {
   /// makes the lock file. The store file itself is made by the first `Insert`. Failures of the
   /// directory pass through as `boost::filesystem::filesystem_error`.
   explicit JsonFileStorage(const std::string& path);
+  ~JsonFileStorage() override;
 
   /// Appends a record. When it cannot be written whole, what was written of it is cut off again as
   /// far as the file allows.

@@ -47,6 +47,9 @@ class [[gnu::visibility("default")]] LRUCacheStorage : public CacheStorage {
   /// `boost::interprocess::bad_alloc` when it is too small for the empty cache.
   explicit LRUCacheStorage(unsigned int size);
 
+  /// Unmaps the block, which lives on while another process maps it.
+  ~LRUCacheStorage() override;
+
   /// Admits the record, or logs that it could not. Throws only
   /// `boost::interprocess::lock_exception`.
   void Insert(const std::string& token, const Json::Value& data) override;
@@ -89,7 +92,7 @@ class [[gnu::visibility("default")]] LRUCacheStorage : public CacheStorage {
   [[gnu::visibility("hidden")]] auto EvictUntilItFits(Step step);
   [[gnu::visibility("hidden")]] ShmString ToShm(const char* text, std::size_t length);
   [[gnu::visibility("hidden")]] ShmString Key(const std::string& token);
-  [[gnu::visibility("hidden")]] Json::Value Use(RecencyList::iterator record);
+  [[gnu::visibility("hidden")]] Json::Value Use(const RecencyList::iterator& record);
   [[gnu::visibility("hidden")]] void Count(std::uint64_t & counter);
 
   boost::interprocess::mapped_region region;
