@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <list>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -34,21 +35,8 @@ constexpr rlim_t kReservedDescriptors = 24;
 // and service must be back within a second.
 constexpr timeval kAcceptPause{.tv_sec = 0, .tv_usec = 100000};
 
-// Neighbours can bring about what is logged here, and must not be able to fill the log with it.
-constexpr std::chrono::seconds kLogInterval{60};
-
-class RareLog {
- public:
-  // Whether the last line is long enough ago; if so, this is the new last line.
-  bool IsDue() {
-    if (Clock::now() < next) return false;
-    next = Clock::now() + kLogInterval;
-    return true;
-  }
-
- private:
-  Clock::time_point next = Clock::now();
-};
+// At most one line about that in the log in this time: neighbours can bring it about.
+constexpr std::chrono::seconds kExhaustionLogInterval{60};
 
 std::runtime_error SystemError(const std::string& what) {
   return std::runtime_error(what + ": " + std::strerror(errno));
@@ -158,6 +146,7 @@ class DomainSockServer::Loop {
     Loop* loop;
     int fd;
     uid_t user;
+    std::list<Connection*>::iterator place;  // in the user's list
     MessageReader reader;
     std::string answer;  // what is left of it
     Clock::time_point deadline;
@@ -165,7 +154,7 @@ class DomainSockServer::Loop {
   };
 
   struct User {
-    unsigned int waiting = 0;
+    std::list<Connection*> waiting;  // the oldest first
     bool logged = false;
   };
 
@@ -173,8 +162,8 @@ class DomainSockServer::Loop {
   bool AcceptOne();
   void PauseAccepting();
   void Welcome(int fd);
-  bool Admit(uid_t user);
-  Connection* Keep(int fd);
+  Connection& Keep(int fd);
+  void DropOldest(uid_t user);
   void Drop(Connection& connection);
   void Await(Connection& connection, short what);
   void Read(Connection& connection);
@@ -193,8 +182,7 @@ class DomainSockServer::Loop {
   std::vector<Event> signals;
   std::map<uid_t, User> users;  // with waiting connections
   std::map<int, Connection> connections;
-  RareLog exhaustion_log;
-  RareLog full_log;
+  Clock::time_point next_exhaustion_log = Clock::now();
   bool ending = false;
   bool finish_backlog = false;
 };
@@ -274,7 +262,8 @@ void DomainSockServer::Loop::PauseAccepting() {
   const int error = errno;
   event_del(acceptable.get());
   event_add(resume.get(), &kAcceptPause);
-  if (!exhaustion_log.IsDue()) return;
+  if (Clock::now() < next_exhaustion_log) return;
+  next_exhaustion_log = Clock::now() + kExhaustionLogInterval;
   syslog(LOG_WARNING, "cannot accept connections for now: %s", std::strerror(error));
 }
 
@@ -288,52 +277,48 @@ void DomainSockServer::Loop::Welcome(int fd) {
     close(fd);
     return;
   }
-  Connection* connection = Keep(fd);
-  if (connection == nullptr) return;
-  if (!unsent.empty()) return AwaitWrite(*connection, std::move(unsent));
-  connection->reader = std::move(reader);
-  connection->deadline = Clock::now() + limits.request_deadline;
-  Await(*connection, EV_READ);
+  Connection& connection = Keep(fd);
+  if (!unsent.empty()) return AwaitWrite(connection, std::move(unsent));
+  connection.reader = std::move(reader);
+  connection.deadline = Clock::now() + limits.request_deadline;
+  Await(connection, EV_READ);
 }
 
-// Counts one more waiting connection of `user`, or returns false at a limit.
-bool DomainSockServer::Loop::Admit(uid_t user) {
-  if (connections.size() >= max_waiting) {
-    if (full_log.IsDue()) {
-      syslog(LOG_WARNING, "%zu connections wait: further ones are closed", connections.size());
-    }
-    return false;
-  }
-  User& known = users[user];
-  if (known.waiting < limits.waiting_per_user) {
-    ++known.waiting;
-    return true;
-  }
-  if (!known.logged) {
-    syslog(LOG_WARNING, "%u connections of user %u wait: further ones are closed", known.waiting,
-           user);
-  }
-  known.logged = true;
-  return false;
-}
-
-// Takes over `fd`. Returns null, having closed it, at a limit.
-DomainSockServer::Loop::Connection* DomainSockServer::Loop::Keep(int fd) {
+// Takes over `fd`, making room for it first. Who has waited longest goes: an honest client waits
+// for a moment only. At the limit for all it is the user with the most who loses a connection.
+DomainSockServer::Loop::Connection& DomainSockServer::Loop::Keep(int fd) {
   const uid_t user = PeerUser(fd);
-  if (!Admit(user)) {
-    close(fd);
-    return nullptr;
+  if (users[user].waiting.size() >= limits.waiting_per_user) {
+    DropOldest(user);
+  } else if (connections.size() >= max_waiting) {
+    const auto fewer = [](const auto& a, const auto& b) {
+      return a.second.waiting.size() < b.second.waiting.size();
+    };
+    DropOldest(std::max_element(users.begin(), users.end(), fewer)->first);
   }
   Connection& kept = connections[fd];
   kept.loop = this;
   kept.fd = fd;
   kept.user = user;
-  return &kept;
+  std::list<Connection*>& waiting = users[user].waiting;
+  kept.place = waiting.insert(waiting.end(), &kept);
+  return kept;
+}
+
+void DomainSockServer::Loop::DropOldest(uid_t user) {
+  User& full = users[user];
+  if (!full.logged) {
+    syslog(LOG_WARNING, "user %u has %zu of %zu waiting connections: the oldest make room", user,
+           full.waiting.size(), connections.size());
+  }
+  full.logged = true;
+  Drop(*full.waiting.front());
 }
 
 void DomainSockServer::Loop::Drop(Connection& connection) {
   const auto user = users.find(connection.user);
-  if (--user->second.waiting == 0) users.erase(user);
+  user->second.waiting.erase(connection.place);
+  if (user->second.waiting.empty()) users.erase(user);
   const int fd = connection.fd;
   connections.erase(fd);
   close(fd);
