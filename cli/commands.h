@@ -1,0 +1,30 @@
+// What each command does. All throw `Failure`.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+#include <vector>
+
+/// The arguments of the command line. Each command reads its own.
+struct Arguments {
+  std::string service;
+  std::string token;
+  std::string payload;
+  int pid = 0;
+  int owner = 0;  ///< 0: not given
+  std::vector<std::string> command;
+};
+
+/// What a command has to say and to return.
+struct Result {
+  std::string text;   ///< for people; empty: nothing to print
+  Json::Value value;  ///< for programs: members beside "success"
+  int exit_code = 0;
+};
+
+Result Issue(const Arguments& arguments);
+Result Validate(const Arguments& arguments);
+Result Revoke(const Arguments& arguments);
+Result Transfer(const Arguments& arguments);
+Result Run(const Arguments& arguments);
