@@ -83,7 +83,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
 
   CLI::App* Add(const char* name, const char* description, const char* example, Command command) {
     CLI::App* added = app.add_subcommand(name, description);
-    added->add_option("SERVICE", arguments.service, "\"fastapi\" or \"taskmanager\"")->required();
+    added->add_option("SERVICE", arguments.service, R"("fastapi" or "taskmanager")")->required();
     added->footer(std::string("Example: ") + example);
     added->callback([this, command] { invocation.command = command; });
     return added;

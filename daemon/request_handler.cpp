@@ -5,6 +5,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <map>
 #include <stdexcept>
 #include <string_view>
@@ -28,29 +30,40 @@ struct RequestHandler::Operation {
 
 namespace {
 
-// What a client wrote into its request stands in the log only when it is shorter than any token: a
-// client that mixes up its arguments must not have its token logged.
-constexpr std::size_t kLongestLoggedName = 31;
-constexpr std::size_t kLongestLoggedReason = 256;
+constexpr std::size_t kShortestToken = 32;
+constexpr std::size_t kLongestLoggedText = 256;
 
-// As JSON text, because a client's line breaks must not look like lines of the log.
-std::string Name(const Json::Value& request, const char* member) {
+// A client that mixes up its arguments must not have its token logged: whatever could be one is
+// left out. As JSON text, because a client's line breaks must not look like lines of the log.
+std::string Loggable(std::string_view text) {
+  const auto in_token = [](unsigned char c) {
+    return std::isalnum(c) != 0 || c == '-' || c == '_';
+  };
+  std::string loggable;
+  for (auto next = text.begin(); next != text.end() && loggable.size() < kLongestLoggedText;) {
+    const auto end = std::find_if_not(next, text.end(), in_token);
+    const std::string_view word(next, end);
+    loggable += word.size() < kShortestToken ? word : "...";
+    next = end;
+    if (next != text.end()) loggable += *next++;
+  }
+  return toString(loggable);
+}
+
+std::string LoggableMember(const Json::Value& request, const char* member) {
   if (!request.isObject() || !request[member].isString()) return "none";
-  const std::string name = request[member].asString();
-  return name.size() > kLongestLoggedName ? "too long" : toString(name);
+  return Loggable(request[member].asString());
 }
 
 void LogRefusal(int connection, const Json::Value& request, std::string_view reason) {
-  ucred peer{};
+  ucred peer{.pid = -1, .uid = static_cast<uid_t>(-1), .gid = static_cast<gid_t>(-1)};
   try {
     peer = GetPeerCredential(connection);
-  } catch (const std::runtime_error&) {
-    peer.pid = -1;
+  } catch (const std::runtime_error&) {  // the refusal is logged all the same
   }
-  const std::string text = toString(std::string(reason.substr(0, kLongestLoggedReason)));
   syslog(LOG_NOTICE, "refused type=%s service=%s pid=%d uid=%u reason=%s",
-         Name(request, "type").c_str(), Name(request, "service").c_str(), peer.pid, peer.uid,
-         text.c_str());
+         LoggableMember(request, "type").c_str(), LoggableMember(request, "service").c_str(),
+         peer.pid, peer.uid, Loggable(reason).c_str());
 }
 
 // The store ends a token at a space and a line at a newline, the cache ends a token at a NUL byte:

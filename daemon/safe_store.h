@@ -35,7 +35,6 @@ class SafeStore : public ZELT::TokenManager::TokenStorage {
 
  private:
   void Copy();
-  void Restore();
   void EndLastLine();
 
   ZELT::TokenManager::JsonFileStorage store;

@@ -12,12 +12,14 @@ namespace zeltdaemon {
 
 /// What a client can take from a server. A connection waits when its request has not arrived in
 /// whole by the time it is accepted; one that has its request ready is served whatever the limits.
+/// At a limit the connection that has waited longest is closed for each further one.
 struct ServerLimits {
   /// Waiting connections in all: far more than honest clients leave waiting at a time, and with
   /// the rest of the process within the usual 1024 descriptors.
   unsigned int waiting = 512;
 
-  /// Waiting connections of one user, so that it takes many users to reach the limit for all.
+  /// Waiting connections of one user, so that it takes many users to reach the limit for all. There
+  /// it is the user with the most who loses one.
   unsigned int waiting_per_user = 64;
 
   /// Connections that the kernel keeps until they are accepted, so that a burst of clients waits
