@@ -13,10 +13,9 @@
 #include <utility>
 
 #include "json_text.h"
-#include "zelttokenmanager/token_storage.h"
+#include "workers_lock.h"
 #include "zelttokenmanager/utils.h"
 
-using ZELT::TokenManager::FileLock;
 using ZELT::TokenManager::fromString;
 using ZELT::TokenManager::GetPeerCredential;
 using ZELT::TokenManager::TokenManager;
@@ -79,11 +78,8 @@ void ExpectWholeToken(const Json::Value& request) {
 }  // namespace
 
 RequestHandler::RequestHandler(TokenManager& token_manager, std::shared_ptr<SafeStore> store,
-                               SharedState& shared_state, const std::string& workers_lock_path)
-    : manager(token_manager),
-      safe_store(std::move(store)),
-      shared(shared_state),
-      lock_path(workers_lock_path) {}
+                               SharedState& shared_state)
+    : manager(token_manager), safe_store(std::move(store)), shared(shared_state) {}
 
 std::string RequestHandler::Answer(int connection, const std::string& text) {
   Json::Value request;
@@ -136,7 +132,7 @@ void RequestHandler::Handle(int connection, const Json::Value& request, Json::Va
 
 void RequestHandler::Run(const Operation& operation, const ucred& peer, const Json::Value& request,
                          Json::Value& response) {
-  const FileLock lock(lock_path, operation.changes);
+  const WorkersLock lock(safe_store->Path(), shared, operation.changes);
   if (shared.changing) _exit(EX_TEMPFAIL);
   if (!operation.changes) return operation.run(manager, peer, request, response);
 

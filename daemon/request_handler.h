@@ -10,17 +10,15 @@
 #include "shared_state.h"
 #include "zelttokenmanager/token_manager.h"
 
-/// Answers requests, one at a time, each under the workers' lock: shared when it only reads,
-/// exclusive when it changes something. A worker that waits for the store of a token while another
-/// revokes it could otherwise put the revoked record back into the cache.
+/// Answers requests, one at a time, each under the workers' lock.
 ///
-/// Processes: each worker has its own object over one lock file and one `SharedState`. A worker
-/// that finds a change cut short ends at once, unanswered, and leaves the mending to the next
+/// Processes: each worker has its own object over one store and one `SharedState`. A worker that
+/// finds a change cut short ends at once, unanswered, and leaves the mending to the next
 /// generation.
 class RequestHandler {
  public:
   RequestHandler(ZELT::TokenManager::TokenManager& token_manager, std::shared_ptr<SafeStore> store,
-                 SharedState& shared_state, const std::string& workers_lock_path);
+                 SharedState& shared_state);
 
   /// Returns the response to the request `text` that came over `connection`. Whatever a client
   /// sends is answered; the reason of a refusal goes to the log, and a token never does.
@@ -36,5 +34,4 @@ class RequestHandler {
   ZELT::TokenManager::TokenManager& manager;
   std::shared_ptr<SafeStore> safe_store;
   SharedState& shared;
-  std::string lock_path;
 };

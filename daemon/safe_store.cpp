@@ -12,6 +12,8 @@ using ZELT::TokenManager::FileLock;
 SafeStore::SafeStore(const std::string& path)
     : store(path), store_path(path), lock_path(path + ".lock"), undo_path(path + ".undo") {}
 
+const std::string& SafeStore::Path() const { return store_path; }
+
 void SafeStore::Recover() {
   const FileLock lock(lock_path, true);
   if (fs::exists(undo_path)) {

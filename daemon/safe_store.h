@@ -16,6 +16,8 @@ class SafeStore : public ZELT::TokenManager::TokenStorage {
  public:
   explicit SafeStore(const std::string& path);
 
+  const std::string& Path() const;
+
   /// Brings a store whose last user was killed back into order: undoes a removal that was not
   /// committed, and ends a torn last line, which the next record would become a part of. To be
   /// called while nobody else changes the store.

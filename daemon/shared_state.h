@@ -9,6 +9,9 @@ struct SharedState {
   /// set knows that the worker before was killed in the middle of a change.
   std::atomic<bool> changing = false;
 
+  /// Set while a worker waits for the workers' lock in order to change something.
+  std::atomic<bool> writer_waits = false;
+
   /// Set once a worker has answered: the generation is able to serve.
   std::atomic<bool> answered = false;
 };

@@ -15,7 +15,7 @@
 #include "json_text.h"
 #include "readiness.h"
 #include "request_handler.h"
-#include "zeltsystem/file.h"
+#include "workers_lock.h"
 #include "zelttokenmanager/service/fastapi.h"
 #include "zelttokenmanager/service/taskmanager.h"
 #include "zelttokenmanager/storage/lru_cache_storage.h"
@@ -78,7 +78,6 @@ void AwaitChild(steady_clock::time_point deadline) {
 
 Supervisor::Supervisor(const Options& daemon_options)
     : options(daemon_options),
-      workers_lock_path(daemon_options.store + ".workers"),
       store(std::make_shared<SafeStore>(daemon_options.store)),
       generation(MakeGeneration()),
       server(kSocketPath, daemon_options.limits) {
@@ -110,19 +109,18 @@ void Supervisor::Run() {
 }
 
 Supervisor::Generation Supervisor::MakeGeneration() {
-  if (QLIBCFileTouch(workers_lock_path.c_str()) != 0) {
-    throw std::system_error(errno, std::generic_category(), workers_lock_path);
-  }
-  // Under the workers' lock no live worker, be it another daemon's, is in the middle of a change.
-  const FileLock lock(workers_lock_path, true);
-  store->Recover();
-
+  WorkersLock::MakeFiles(store->Path());
   Generation made;
+  made.shared = MakeSharedState();
+  {
+    // Under the workers' lock no live worker, be it another daemon's, is in the middle of a change.
+    const WorkersLock lock(store->Path(), *made.shared, true);
+    store->Recover();
+  }
   if (options.cache_bytes != 0) made.cache = std::make_shared<LRUCacheStorage>(options.cache_bytes);
   made.manager = std::make_unique<TokenManager>(options.installed_config, store, made.cache);
   made.manager->AddService(std::make_shared<FastAPI>());
   made.manager->AddService(std::make_shared<TaskManager>());
-  made.shared = MakeSharedState();
   return made;
 }
 
@@ -176,7 +174,7 @@ void Supervisor::Serve() {
   signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides
   signal(SIGUSR1, SIG_IGN);
 
-  RequestHandler handler(*generation.manager, store, *generation.shared, workers_lock_path);
+  RequestHandler handler(*generation.manager, store, *generation.shared);
   server.OnSignal(SIGTERM, [this] { server.Stop(); });
   server.OnSignal(kHandOver, [this] { server.HandOver(); });
   server.Serve([&handler](int connection, const std::string& request) {

@@ -53,7 +53,6 @@ class Supervisor {
   void LogStatistics();
 
   const Options& options;
-  std::string workers_lock_path;
   std::shared_ptr<SafeStore> store;
   Generation generation;
   zeltdaemon::DomainSockServer server;
