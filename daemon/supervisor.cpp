@@ -80,7 +80,8 @@ Supervisor::Supervisor(const Options& daemon_options)
     : options(daemon_options),
       store(std::make_shared<SafeStore>(daemon_options.store)),
       generation(MakeGeneration()),
-      server(kSocketPath, daemon_options.limits) {
+      server(kSocketPath, daemon_options.limits),
+      supervisor(getpid()) {
   const sigset_t signals = SupervisorSignals();
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
@@ -168,7 +169,6 @@ void Supervisor::Work() {
 }
 
 void Supervisor::Serve() {
-  const pid_t supervisor = getppid();
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // whatever the worker waits for
   if (getppid() != supervisor) return;
   signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides

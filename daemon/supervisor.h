@@ -56,5 +56,6 @@ class Supervisor {
   std::shared_ptr<SafeStore> store;
   Generation generation;
   zeltdaemon::DomainSockServer server;
+  pid_t supervisor;
   int stillborn = 0;  // generations in a row that died at once
 };

@@ -15,6 +15,7 @@
 #include <list>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -37,6 +38,10 @@ constexpr timeval kAcceptPause{.tv_sec = 0, .tv_usec = 100000};
 
 // At most one line about that in the log in this time: neighbours can bring it about.
 constexpr std::chrono::seconds kExhaustionLogInterval{60};
+
+// The processes of a server that was killed take a moment to close its socket.
+constexpr std::chrono::milliseconds kDyingGrace{500};
+constexpr std::chrono::milliseconds kDyingPoll{10};
 
 std::runtime_error SystemError(const std::string& what) {
   return std::runtime_error(what + ": " + std::strerror(errno));
@@ -71,7 +76,11 @@ void RemoveStaleSocket(const std::string& path) {
   if (lstat(path.c_str(), &status) != 0) return;
   if (!S_ISSOCK(status.st_mode))
     throw std::runtime_error(path + " is not a socket, remove it first");
-  if (IsServed(path)) throw std::runtime_error("another daemon serves " + path);
+  const auto deadline = Clock::now() + kDyingGrace;
+  while (IsServed(path)) {
+    if (Clock::now() > deadline) throw std::runtime_error("another daemon serves " + path);
+    std::this_thread::sleep_for(kDyingPoll);
+  }
   if (unlink(path.c_str()) != 0 && errno != ENOENT) throw SystemError("cannot replace " + path);
 }
 
