@@ -140,11 +140,12 @@ void RequestHandler::Run(const Operation& operation, const ucred& peer, const Js
   safe_store->AllowUncopied(!operation.needs_undo);
   try {
     operation.run(manager, peer, request, response);
-    safe_store->Commit();
   } catch (...) {
     safe_store->Rollback();
     shared.changing = false;
     throw;
   }
+  // Should one of these throw, the change counts as cut short: the next generation undoes it.
+  safe_store->Commit();
   shared.changing = false;
 }

@@ -44,10 +44,13 @@ constexpr milliseconds kStopGrace{6000};
 constexpr milliseconds kStillborn{20};
 constexpr int kMaxStillborn = 10;
 
-sigset_t SupervisorSignals() {
+// Blocks the signals that the supervisor takes, and returns them.
+sigset_t BlockSignals() {
+  signal(SIGCHLD, SIG_DFL);  // ignored, which may be inherited, it would never come
   sigset_t signals;
   sigemptyset(&signals);
   for (const int number : {SIGTERM, SIGINT, SIGUSR1, SIGCHLD}) sigaddset(&signals, number);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
   return signals;
 }
 
@@ -77,20 +80,17 @@ void AwaitChild(steady_clock::time_point deadline) {
 }  // namespace
 
 Supervisor::Supervisor(const Options& daemon_options)
-    : options(daemon_options),
+    : signals(BlockSignals()),
+      options(daemon_options),
       store(std::make_shared<SafeStore>(daemon_options.store)),
       generation(MakeGeneration()),
       server(kSocketPath, daemon_options.limits),
-      supervisor(getpid()) {
-  const sigset_t signals = SupervisorSignals();
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-}
+      supervisor(getpid()) {}
 
 void Supervisor::Run() {
   ForkWorkers();
   syslog(LOG_NOTICE, "ready, serving %s with %u workers", kSocketPath, options.workers);
   NotifyReady();
-  const sigset_t signals = SupervisorSignals();
   for (;;) {
     switch (sigwaitinfo(&signals, nullptr)) {
       case SIGTERM:

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,7 @@ class Supervisor {
   bool ReapWorkers();
   void LogStatistics();
 
+  const sigset_t signals;
   const Options& options;
   std::shared_ptr<SafeStore> store;
   Generation generation;

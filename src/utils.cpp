@@ -13,6 +13,7 @@ namespace ZELT::TokenManager {
 namespace {
 
 constexpr const char* kSocketPath = "/tmp/zelttokenmgr.sock";
+constexpr int kAllGroups = 1;  // for QLIBGroupInfoListGet: primary and supplementary
 constexpr char kGroupMark = '@';
 
 Json::Value SendRequest(const Json::Value& request) {
@@ -54,7 +55,7 @@ std::set<std::string> GroupsOfUser(const std::string& user) {
   // A name with a NUL byte would be looked up as the shorter name before it.
   const bool is_name = user.find('\0') == std::string::npos;
   const std::unique_ptr<QLIBCSzList, void (*)(QLIBCSzList*)> list(
-      is_name ? QLIBGroupInfoListGet(user.c_str(), kQLIBAllGroups) : nullptr, QLIBCSzListFree);
+      is_name ? QLIBGroupInfoListGet(user.c_str(), kAllGroups) : nullptr, QLIBCSzListFree);
   if (!list) throw std::runtime_error("utils.cpp:37 failed to lookup groups of user");
   std::set<std::string> groups;
   while (const char* group = QLIBCSzListShift(list.get())) groups.emplace(group);

@@ -11,8 +11,13 @@ using namespace TestSupport;
 
 using JsonFileTest = PrivateFiles;
 
-const std::vector<std::string> kGood = {
-    "{\"a\":1}", " [1, 2]\n", "\"a\"", "5", "null", std::string(900, '[') + std::string(900, ']')};
+const std::vector<std::string> kGood = {"{\"a\":1}",
+                                        " [1, 2]\n",
+                                        "\"a\"",
+                                        "5",
+                                        "null",
+                                        R"(["a/*\"//",{"":[]}])",
+                                        std::string(900, '[') + std::string(900, ']')};
 
 const std::vector<std::string> kBad = {"",
                                        " \n",
@@ -21,12 +26,15 @@ const std::vector<std::string> kBad = {"",
                                        "1 2",
                                        "{} // comment",
                                        "/* comment */ {}",
+                                       "[1/**/,2]",
+                                       R"({"a":"/"/**/})",
+                                       R"({"":1, })",
                                        "{\"a\":1,}",
                                        "[1,]",
-                                       "{\"a\":1,\"a\":1}",
+                                       R"({"a":1,"a":1})",
                                        std::string("{}\0", 3),
                                        std::string("{}\0{}", 5),
-                                       std::string("\"a\0b\"", 5),
+                                       '"' + std::string("a\0b", 3) + '"',
                                        std::string(5000, '[') + std::string(5000, ']'),
                                        std::string(1 << 20, '['),
                                        "{'a':1}",

@@ -121,7 +121,7 @@ TEST_F(LRUCacheTest, DropsARecordThatIsTooLarge) {
 }
 
 TEST_F(LRUCacheTest, FailsForATokenThatIsTooLarge) {
-  const std::string token(2 * kSize, 't');
+  const std::string token(std::size_t{2} * kSize, 't');
   cache.Insert("a", 1);
   EXPECT_EQ(Outcome([&] { cache.Remove(token); }),
             "storage/lru_cache_storage.cpp:132 failed to remove record in cache");
@@ -190,9 +190,9 @@ TEST_F(LRUCacheTest, SerialisesThreadsOfForkedProcessesToo) {
     return 0;
   };
   const pid_t process = Start(work);
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 3; ++thread) {
-    threads.emplace_back(work);
+  std::vector<std::thread> threads(3);
+  for (std::thread& thread : threads) {
+    thread = std::thread(work);
   }
   for (std::thread& thread : threads) {
     thread.join();

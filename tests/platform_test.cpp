@@ -1,12 +1,17 @@
-#include <sys/resource.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <climits>
+#include <memory>
 #include <set>
+#include <thread>
 
 #include "support/testing.h"
+#include "zeltdaemon/domain_sock_connection.h"
+#include "zeltdaemon/domain_sock_server.h"
 #include "zeltdaemon/message.h"
 #include "zeltrandom/random.h"
 #include "zeltsystem/file.h"
@@ -16,6 +21,7 @@
 namespace ZELT::TestSupport {
 namespace {
 
+using zeltdaemon::DomainSockServer;
 using zeltdaemon::kMaxMessageBytes;
 using zeltdaemon::MessageReader;
 using State = MessageReader::State;
@@ -60,6 +66,123 @@ TEST(MessageTest, EndsAtANewlineOrAtTheEndOfTheStream) {
   for (const auto& row : rows) EXPECT_TRUE(Received(row.pieces) == row.message);
 }
 
+using ServerTest = PrivateFiles;
+
+constexpr const char* kPath = "/tmp/socket";
+
+struct Client : zeltdaemon::DomainSockConnection {
+  explicit Client(const std::string& request = "", const std::string& socket = kPath)
+      : DomainSockConnection(socket), connected(Connect()) {
+    EXPECT_TRUE(request.empty() || Send(request));
+  }
+  int Descriptor() const { return fd; }
+  bool SendByte() const { return send(fd, "x", 1, MSG_NOSIGNAL) == 1; }
+  std::string Answer() {
+    std::string answer = "none";
+    Recv(answer);
+    return answer;
+  }
+
+  bool connected;
+};
+
+std::string Echo(const std::string& request) { return request; }
+
+// Serves on a thread of its own, until a client says "stop" at the latest.
+class Serving {
+ public:
+  Serving(DomainSockServer& server, const std::function<std::string(const std::string&)>& answer)
+      : thread([&server, answer] {
+          server.Serve([&](int /*connection*/, const std::string& request) {
+            if (request == "stop") server.Stop();
+            return answer(request);
+          });
+        }) {}
+  Serving(const Serving&) = delete;
+  Serving& operator=(const Serving&) = delete;
+  ~Serving() {
+    const Client last("stop");
+    thread.join();
+  }
+
+ private:
+  std::thread thread;
+};
+
+TEST_F(ServerTest, ClosesSlowClientsAtTheirDeadline) {
+  constexpr std::chrono::seconds kDeadline(1);
+  DomainSockServer server(kPath, {.request_deadline = kDeadline, .answer_deadline = kDeadline});
+  const Serving serving(server, [](const auto&) { return std::string(kMaxMessageBytes, 'x'); });
+  Client silent;
+  Client trickling;
+  Client deaf("ask");
+  EXPECT_EQ(Client("ask").Answer().size(), kMaxMessageBytes);
+  while (trickling.SendByte()) std::this_thread::yield();
+  EXPECT_EQ(silent.Answer(), "none");
+  pollfd closed{.fd = deaf.Descriptor(), .events = POLLRDHUP, .revents = 0};
+  EXPECT_EQ(poll(&closed, 1, 30000), 1);
+  EXPECT_LT(deaf.Answer().size(), kMaxMessageBytes);
+}
+
+TEST_F(ServerTest, ServesWhatArrivedInTimeDuringAStall) {
+  constexpr std::chrono::milliseconds kStall(1100);
+  DomainSockServer server(kPath, {.request_deadline = std::chrono::seconds(1)});
+  Client early;
+  const Client stalling("stall");
+  const Serving serving(server, [&](const std::string& request) {
+    if (request == "stall") {
+      EXPECT_TRUE(early.Send("early"));
+      std::this_thread::sleep_for(kStall);
+    }
+    return request;
+  });
+  EXPECT_EQ(early.Answer(), "early");
+}
+
+TEST_F(ServerTest, LogsAUserAtHisLimitOnce) {
+  DomainSockServer server(kPath, {.waiting_per_user = 1});
+  TakeLog();
+  Client first;
+  Client second;
+  Client ready("in whole");
+  Client last;
+  const Serving serving(server, Echo);
+  EXPECT_EQ(first.Answer() + second.Answer() + ready.Answer(), "nonenonein whole");
+  EXPECT_TRUE(last.Send("late"));
+  EXPECT_EQ(last.Answer(), "late");
+  EXPECT_EQ(TakeLog(), "<4>user " + std::to_string(geteuid()) +
+                           " has 1 of 1 waiting connections: the oldest make room\n");
+}
+
+TEST_F(ServerTest, EndsWithOrWithoutTheBacklog) {
+  DomainSockServer server(kPath);
+  constexpr unsigned int kClients = 100;  // more than are accepted at once
+  std::vector<std::unique_ptr<Client>> clients;
+  while (clients.size() < kClients) clients.push_back(std::make_unique<Client>("request"));
+  unsigned int answered = 0;
+  server.Serve([&](int /*connection*/, const std::string& request) {
+    ++answered;
+    server.HandOver();
+    return request;
+  });
+  EXPECT_LT(answered, kClients);
+  server.Serve([&](int /*connection*/, const std::string& request) {
+    ++answered;
+    server.Stop();
+    return request;
+  });
+  EXPECT_EQ(answered, kClients);
+}
+
+TEST_F(ServerTest, NeedsAServerAndAShortPath) {
+  const std::string too_long(200, 'x');
+  EXPECT_FALSE(Client().connected);
+  EXPECT_FALSE(Client("", too_long).connected);
+  EXPECT_EQ(Client().Answer(), "none");
+  EXPECT_EQ(Outcome([&] { const DomainSockServer server(too_long); }),
+            too_long + ": path too long");
+}
+
 TEST(RandomTest, DrawsEveryNumberAndEveryCharacter) {
   RANDOM::ZELTRandom generator;
   std::set<int> numbers;
@@ -91,14 +214,14 @@ TEST_F(SystemTest, FindsUsersAndGroupsHoweverMany) {
     groups += "g" + std::to_string(i) + ":x:" + std::to_string(5000 + i) + ":" + many + "bob\n";
   }
   WriteFile("/etc/group", groups);
-  QLIBCSzList* list = QLIBGroupInfoListGet("bob", kQLIBAllGroups);
+  QLIBCSzList* list = QLIBGroupInfoListGet("bob", 1);
   ASSERT_NE(list, nullptr);
   std::set<std::string> names;
   while (const char* name = QLIBCSzListShift(list)) names.insert(name);
   QLIBCSzListFree(list);
   EXPECT_EQ(names.size(), 201U);
   EXPECT_TRUE(names.count("users") == 1 && names.count("g199") == 1);
-  EXPECT_EQ(QLIBGroupInfoListGet("gone", kQLIBAllGroups), nullptr);
+  EXPECT_EQ(QLIBGroupInfoListGet("gone", 1), nullptr);
 
   ZELTUser* user = nullptr;
   EXPECT_NE(ZELTUserGetLocalByUID(4999, &user), 0);

@@ -27,9 +27,12 @@ bool Await(int fd, short events, Clock::time_point deadline) {
   }
 }
 
-// Makes connect(2) give up on a full backlog in the end, socket(7).
-bool LimitConnect(int fd) {
-  const timeval limit{.tv_sec = kClientDeadline.count(), .tv_usec = 0};
+// Makes connect(2) give up on a full backlog in the end, socket(7). False when the deadline is
+// past.
+bool LimitConnect(int fd, Clock::time_point deadline) {
+  const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now()).count();
+  if (left <= 0) return false;
+  const timeval limit{.tv_sec = left / 1000000, .tv_usec = left % 1000000};
   return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
 }
 
@@ -38,11 +41,12 @@ bool ConnectTo(int fd, const std::string& path) {
   if (path.size() >= sizeof address.sun_path) return false;
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, path.size());
-  int result = 0;
-  do {
-    result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  } while (result < 0 && errno == EINTR);
-  return result == 0;
+  const auto deadline = Clock::now() + kClientDeadline;
+  while (LimitConnect(fd, deadline)) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return true;
+    if (errno != EINTR) return false;
+  }
+  return false;
 }
 
 }  // namespace
@@ -50,6 +54,7 @@ bool ConnectTo(int fd, const std::string& path) {
 SockConnection::~SockConnection() { Disconnect(); }
 
 bool SockConnection::Recv(std::string& message) {
+  if (fd == -1) return false;  // poll(2) would wait
   const auto deadline = Clock::now() + kClientDeadline;
   MessageReader reader;
   auto state = MessageReader::State::kIncomplete;
@@ -72,7 +77,7 @@ DomainSockConnection::DomainSockConnection(const std::string& socket_path) : pat
 bool DomainSockConnection::Connect() {
   Disconnect();
   fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd != -1 && LimitConnect(fd) && ConnectTo(fd, path)) return true;
+  if (fd != -1 && ConnectTo(fd, path)) return true;
   Disconnect();
   return false;
 }

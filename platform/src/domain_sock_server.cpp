@@ -1,6 +1,8 @@
 #include "zeltdaemon/domain_sock_server.h"
 
 #include <event2/event.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -41,7 +43,11 @@ constexpr std::chrono::seconds kExhaustionLogInterval{60};
 
 // The processes of a server that was killed take a moment to close its socket.
 constexpr std::chrono::milliseconds kDyingGrace{500};
-constexpr std::chrono::milliseconds kDyingPoll{10};
+
+// Far longer than a server needs to start.
+constexpr std::chrono::milliseconds kStartLockWait{1000};
+
+constexpr std::chrono::milliseconds kPollInterval{10};
 
 std::runtime_error SystemError(const std::string& what) {
   return std::runtime_error(what + ": " + std::strerror(errno));
@@ -79,7 +85,7 @@ void RemoveStaleSocket(const std::string& path) {
   const auto deadline = Clock::now() + kDyingGrace;
   while (IsServed(path)) {
     if (Clock::now() > deadline) throw std::runtime_error("another daemon serves " + path);
-    std::this_thread::sleep_for(kDyingPoll);
+    std::this_thread::sleep_for(kPollInterval);
   }
   if (unlink(path.c_str()) != 0 && errno != ENOENT) throw SystemError("cannot replace " + path);
 }
@@ -92,6 +98,26 @@ void BindAndListen(int fd, const std::string& path, int backlog) {
     throw SystemError("cannot listen on " + path);
   }
 }
+
+// Keeps two servers that start at once from taking each other's socket for a stale one. Anybody may
+// hold the lock on the folder, so it is waited for only so long: without it they are rarely at
+// odds.
+class StartLock {
+ public:
+  explicit StartLock(const std::string& path)
+      : folder(open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_CLOEXEC)) {
+    const auto deadline = Clock::now() + kStartLockWait;
+    while (flock(folder, LOCK_EX | LOCK_NB) != 0 && Clock::now() < deadline) {
+      std::this_thread::sleep_for(kPollInterval);
+    }
+  }
+  ~StartLock() { close(folder); }
+  StartLock(const StartLock&) = delete;
+  StartLock& operator=(const StartLock&) = delete;
+
+ private:
+  int folder;
+};
 
 unsigned int WaitingLimit(unsigned int wanted) {
   rlimit descriptors{};
@@ -172,7 +198,7 @@ class DomainSockServer::Loop {
   void PauseAccepting();
   void Welcome(int fd);
   Connection& Keep(int fd);
-  void DropOldest(uid_t user);
+  Connection* InTheWay(uid_t user);
   void Drop(Connection& connection);
   void Await(Connection& connection, short what);
   void Read(Connection& connection);
@@ -204,12 +230,12 @@ DomainSockServer::Loop::Loop(int listener_fd, const ServerLimits& server_limits,
       max_waiting(WaitingLimit(server_limits.waiting)),
       base(event_base_new()) {
   if (!base) throw std::runtime_error("no event loop");
-  const auto accept_some = [](evutil_socket_t, short, void* loop) {
-    for (int i = 0; i < kAcceptsAtOnce && static_cast<Loop*>(loop)->AcceptOne(); ++i) {
+  const auto accept_some = [](evutil_socket_t, short, void* self) {
+    for (int i = 0; i < kAcceptsAtOnce && static_cast<Loop*>(self)->AcceptOne(); ++i) {
     }
   };
-  const auto go_on = [](evutil_socket_t, short, void* loop) {
-    event_add(static_cast<Loop*>(loop)->acceptable.get(), nullptr);
+  const auto go_on = [](evutil_socket_t, short, void* self) {
+    event_add(static_cast<Loop*>(self)->acceptable.get(), nullptr);
   };
   acceptable = MakeEvent(listener, EV_READ | EV_PERSIST, accept_some, this);
   resume = MakeEvent(-1, 0, go_on, this);
@@ -293,35 +319,37 @@ void DomainSockServer::Loop::Welcome(int fd) {
   Await(connection, EV_READ);
 }
 
-// Takes over `fd`, making room for it first. Who has waited longest goes: an honest client waits
-// for a moment only. At the limit for all it is the user with the most who loses a connection.
+// Takes over `fd`, and makes room for it.
 DomainSockServer::Loop::Connection& DomainSockServer::Loop::Keep(int fd) {
   const uid_t user = PeerUser(fd);
-  if (users[user].waiting.size() >= limits.waiting_per_user) {
-    DropOldest(user);
-  } else if (connections.size() >= max_waiting) {
-    const auto fewer = [](const auto& a, const auto& b) {
-      return a.second.waiting.size() < b.second.waiting.size();
-    };
-    DropOldest(std::max_element(users.begin(), users.end(), fewer)->first);
-  }
+  Connection* const oldest = InTheWay(user);
   Connection& kept = connections[fd];
   kept.loop = this;
   kept.fd = fd;
   kept.user = user;
   std::list<Connection*>& waiting = users[user].waiting;
   kept.place = waiting.insert(waiting.end(), &kept);
+  // Only now, as a user without connections is forgotten, and would be logged again.
+  if (oldest != nullptr) Drop(*oldest);
   return kept;
 }
 
-void DomainSockServer::Loop::DropOldest(uid_t user) {
-  User& full = users[user];
-  if (!full.logged) {
-    syslog(LOG_WARNING, "user %u has %zu of %zu waiting connections: the oldest make room", user,
-           full.waiting.size(), connections.size());
+// Returns the connection that has to go for a further one of `user`, or null below the limits. Who
+// has waited longest goes: an honest client waits for a moment only. At the limit for all it is the
+// user with the most who loses a connection.
+DomainSockServer::Loop::Connection* DomainSockServer::Loop::InTheWay(uid_t user) {
+  auto full = users.find(user);
+  if (full == users.end() || full->second.waiting.size() < limits.waiting_per_user) {
+    if (connections.size() < max_waiting) return nullptr;
+    full = std::max_element(users.begin(), users.end(), [](const auto& a, const auto& b) {
+      return a.second.waiting.size() < b.second.waiting.size();
+    });
   }
-  full.logged = true;
-  Drop(*full.waiting.front());
+  if (!std::exchange(full->second.logged, true)) {
+    syslog(LOG_WARNING, "user %u has %zu of %zu waiting connections: the oldest make room",
+           full->first, full->second.waiting.size(), connections.size());
+  }
+  return full->second.waiting.front();
 }
 
 void DomainSockServer::Loop::Drop(Connection& connection) {
@@ -333,16 +361,17 @@ void DomainSockServer::Loop::Drop(Connection& connection) {
   close(fd);
 }
 
-// Goes on with `connection` when its socket is ready for `what`, or its deadline passes.
+// Goes on with `connection` when its socket is ready for `what`, and a last time at its deadline:
+// after a stall the loop reports the deadline alone, though the request may have come long before.
 void DomainSockServer::Loop::Await(Connection& connection, short what) {
-  const auto go_on = [](evutil_socket_t, short happened, void* waiting) {
+  if (Clock::now() >= connection.deadline) return Drop(connection);
+  const auto go_on = [](evutil_socket_t, short, void* waiting) {
     Connection& kept = *static_cast<Connection*>(waiting);
-    if ((happened & EV_TIMEOUT) != 0) return kept.loop->Drop(kept);
-    (happened & EV_READ) != 0 ? kept.loop->Read(kept) : kept.loop->Write(kept);
+    kept.answer.empty() ? kept.loop->Read(kept) : kept.loop->Write(kept);
   };
   connection.ready = MakeEvent(connection.fd, what, go_on, &connection);
   const timeval left = TimeLeft(connection.deadline);
-  event_add(connection.ready.get(), &left);
+  if (event_add(connection.ready.get(), &left) != 0) Drop(connection);
 }
 
 void DomainSockServer::Loop::Read(Connection& connection) {
@@ -393,6 +422,7 @@ void DomainSockServer::Loop::Drain() {
 DomainSockServer::DomainSockServer(const std::string& socket_path,
                                    const ServerLimits& server_limits)
     : path(socket_path), limits(server_limits), maker(getpid()) {
+  const StartLock lock(path);
   RemoveStaleSocket(path);
   listener = MakeSocket();
   try {

@@ -18,6 +18,7 @@ struct QLIBCSzList {
 
 namespace {
 
+constexpr int kAllGroups = 1;
 constexpr int kMaxGroups = 65536;  // NGROUPS_MAX of the kernel
 
 bool PrimaryGroup(const char* user_name, gid_t& group) {
@@ -65,7 +66,7 @@ bool AddName(gid_t id, std::deque<std::string>& names) {
 
 QLIBCSzList* QLIBGroupInfoListGet(const char* user_name, int scope) {
   std::vector<gid_t> ids;
-  if (scope != kQLIBAllGroups || !GroupIds(user_name, ids)) return nullptr;
+  if (scope != kAllGroups || !GroupIds(user_name, ids)) return nullptr;
   auto list = std::make_unique<QLIBCSzList>();
   for (const gid_t id : ids) {
     if (!AddName(id, list->names)) return nullptr;

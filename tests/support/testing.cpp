@@ -2,12 +2,14 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
@@ -144,6 +146,7 @@ pid_t Start(const std::function<int()>& work) {
   if (process != 0) {
     return process;
   }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that hangs and is ended takes its processes along
   try {
     _exit(work());
   } catch (const std::exception&) {

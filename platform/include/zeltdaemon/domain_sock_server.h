@@ -12,7 +12,8 @@ namespace zeltdaemon {
 
 /// What a client can take from a server. A connection waits when its request has not arrived in
 /// whole by the time it is accepted; one that has its request ready is served whatever the limits.
-/// At a limit the connection that has waited longest is closed for each further one.
+/// At a limit the connection that has waited longest is closed for each further one. Limits are at
+/// least 1.
 struct ServerLimits {
   /// Waiting connections in all: far more than honest clients leave waiting at a time, and with
   /// the rest of the process within the usual 1024 descriptors.

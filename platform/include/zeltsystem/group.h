@@ -3,12 +3,9 @@
 
 struct QLIBCSzList;
 
-/// `scope` of `QLIBGroupInfoListGet`: the primary group and all supplementary ones.
-constexpr int kQLIBAllGroups = 1;
-
 /// Returns a newly allocated list of the names of the groups that the local user `user_name`
-/// belongs to, or null when the user is unknown or the lookup fails. `scope` must be
-/// `kQLIBAllGroups`.
+/// belongs to, or null when the user is unknown or the lookup fails. `scope` must be 1: the primary
+/// group and all supplementary ones.
 QLIBCSzList* QLIBGroupInfoListGet(const char* user_name, int scope);
 
 /// Removes the first name and returns it, or null when the list is empty. The list keeps owning
