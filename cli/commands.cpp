@@ -12,17 +12,21 @@ using namespace ZELT::TokenManager;
 
 namespace {
 
-constexpr const char* kReasonInLog = "; the daemon's log says why (journalctl -t zelttokenmgrd)";
+constexpr const char* kReasonInLog = "; its log says why (journalctl -t zelttokenmgrd)";
 
+// The library tells its failures apart by their texts only.
 Failure Explain(const std::string& error) {
   const auto is = [&error](std::string_view where) { return error.starts_with(where); };
-  if (is("utils.cpp:89") || is("utils.cpp:108")) return {kRefused, error + kReasonInLog};
+  const std::string cause = " (" + error + ")";
+  if (is("utils.cpp:89") || is("utils.cpp:108")) {
+    return {kRefused, "the daemon refused" + cause + kReasonInLog};
+  }
   if (is("utils.cpp:62")) {
-    return {kUnavailable, error +
-                              "; start the daemon with \"systemctl start zelttokenmgrd\" or "
+    return {kUnavailable, "the daemon cannot be reached" + cause +
+                              "; start it with \"systemctl start zelttokenmgrd\" or "
                               "\"zelttokenmgrd --stderr\""};
   }
-  return {kUnavailable, error};
+  return {kUnavailable, "the exchange with the daemon broke off" + cause + kReasonInLog};
 }
 
 // Makes one exchange with the daemon.
@@ -36,16 +40,27 @@ auto Ask(const Exchange& exchange) {
 }
 
 void Demand(bool done, const std::string& what) {
-  if (!done) throw Failure(kRefused, "token manager cannot " + what + " token" + kReasonInLog);
+  if (!done) throw Failure(kRefused, "the daemon refused to " + what + " the token" + kReasonInLog);
 }
 
 std::string IssueToken(const Arguments& arguments) {
   const Json::Value payload = ReadPayload(arguments.payload);
-  return Ask([&] { return SendIssueRequest(arguments.service, payload); });
+  std::string token = Ask([&] { return SendIssueRequest(arguments.service, payload); });
+  if (token.empty()) throw Failure(kUnavailable, "the daemon answered without a token");
+  return token;
 }
 
-bool RevokeToken(const std::string& service, const std::string& token) {
-  return Ask([&] { return SendRevokeRequest(service, token); });
+void RevokeToken(const std::string& service, const std::string& token) {
+  Demand(Ask([&] { return SendRevokeRequest(service, token); }), "revoke");
+}
+
+// Nobody else could revoke the token. How the command ended counts more than whether this works.
+void TakeBack(const std::string& service, const std::string& token) {
+  try {
+    RevokeToken(service, token);
+  } catch (const Failure& failure) {
+    std::cerr << "zelttoken: " << failure.what() << '\n';
+  }
 }
 
 void TransferToken(const std::string& service, const std::string& token, int pid) {
@@ -61,14 +76,17 @@ Result Issue(const Arguments& arguments) {
   if (arguments.owner == 0) return result;
   try {
     TransferToken(arguments.service, token, arguments.owner);
-  } catch (const Failure&) {
-    RevokeToken(arguments.service, token);  // nobody else could
+  } catch (...) {
+    TakeBack(arguments.service, token);
     throw;
   }
   return result;
 }
 
 Result Validate(const Arguments& arguments) {
+  if (arguments.token == "-" && arguments.payload == "-") {
+    throw Failure(kUsage, "only one of TOKEN and PAYLOAD can be standard input");
+  }
   const Json::Value payload = ReadPayload(arguments.payload);
   const std::string token = ReadToken(arguments.token);
   const bool permitted =
@@ -81,7 +99,7 @@ Result Validate(const Arguments& arguments) {
 }
 
 Result Revoke(const Arguments& arguments) {
-  Demand(RevokeToken(arguments.service, ReadToken(arguments.token)), "revoke");
+  RevokeToken(arguments.service, ReadToken(arguments.token));
   return {};
 }
 
@@ -91,17 +109,16 @@ Result Transfer(const Arguments& arguments) {
 }
 
 Result Run(const Arguments& arguments) {
+  Runner runner;  // holds signals back before there is a token that one could leave behind
   const std::string token = IssueToken(arguments);
   Result result;
   try {
-    result.exit_code = RunWithToken(arguments.command, token);
-  } catch (const Failure&) {
-    RevokeToken(arguments.service, token);
+    result.exit_code = runner.Run(arguments.command, token);
+  } catch (...) {
+    TakeBack(arguments.service, token);
     throw;
   }
+  TakeBack(arguments.service, token);
   result.value["exit"] = result.exit_code;
-  if (!RevokeToken(arguments.service, token)) {
-    std::cerr << "zelttoken: token manager cannot revoke token" << kReasonInLog << '\n';
-  }
   return result;
 }

@@ -52,7 +52,8 @@ std::string Resolve(const std::string& argument) {
 
 std::string ReadToken(const std::string& argument) {
   std::string token = Resolve(argument);
-  if (token.ends_with('\n')) token.pop_back();
+  // An argument itself is taken as it stands.
+  if (token != argument && token.ends_with('\n')) token.pop_back();
   if (token.empty()) throw Failure(kUsage, "the token is empty");
   return token;
 }

@@ -22,8 +22,7 @@ struct Invocation {
 };
 
 constexpr const char* kOwnership =
-    "A token belongs to the process that asks for it: only that process may revoke it\n"
-    "or transfer it.";
+    "Only the process that asked for a token may revoke it; --owner hands it on.\n";
 
 // What CLI11 would take for options although it is a token: one in 64 begins with "-".
 bool IsTokenWithDash(std::string_view word) {
@@ -31,6 +30,13 @@ bool IsTokenWithDash(std::string_view word) {
   const auto is_safe = [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '_'; };
   return word.size() >= kShortestToken && word.starts_with('-') &&
          std::all_of(word.begin(), word.end(), is_safe);
+}
+
+// Returns what is wrong with `text`. CLI11 itself would take "010" for 8 and "0x10" for 16.
+std::string CheckProcessId(const std::string& text) {
+  const auto is_digit = [](unsigned char c) { return std::isdigit(c) != 0; };
+  const bool is_number = !text.starts_with('0') && std::all_of(text.begin(), text.end(), is_digit);
+  return is_number && !text.empty() ? "" : text + " is not a process id";
 }
 
 // Put before such a token while CLI11 has it; no word that a person types begins with it.
@@ -45,8 +51,7 @@ class Parser {
     app.fallthrough();
     app.footer(
         std::string("A TOKEN or PAYLOAD is the value itself, @FILE or - (standard input).\n") +
-        kOwnership + R"(
-Exit codes: 0, 1 refused or not permitted, 64 bad usage, 69 no daemon.
+        kOwnership + R"(Exit codes: 0, 1 refused or not permitted, 64 bad usage, 69 no daemon.
 Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
          "method":"get","runner":"alice"}')");
     AddIssue();
@@ -59,6 +64,8 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   // Throws CLI::ParseError.
   void Parse(std::vector<std::string> words) {
     TakeCommand(words);
+    // CLI11 sets the flag only when nothing else is wrong.
+    invocation.json = std::find(words.begin(), words.end(), "--json") != words.end();
     for (std::string& word : words) {
       if (IsTokenWithDash(word)) word.insert(0, 1, kEscape);
     }
@@ -67,7 +74,16 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     if (arguments.token.starts_with(kEscape)) arguments.token.erase(0, 1);
   }
 
-  int Exit(const CLI::ParseError& error) { return app.exit(error) == 0 ? 0 : kUsage; }
+  // Prints help or the version, when that is what stopped CLI11. Throws `Failure` otherwise.
+  int Exit(const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
+    const auto commands = app.get_subcommands();
+    if (commands.empty()) {
+      throw Failure(kUsage, "name a command: issue, validate, revoke, transfer or run; see --help");
+    }
+    throw Failure(kUsage, std::string(error.what()) + "; see zelttoken " +
+                              commands.front()->get_name() + " --help");
+  }
 
  private:
   // CLI11 would read a word in brackets as a list, so it does not get to see the command to run.
@@ -98,12 +114,14 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddIssue() {
-    CLI::App* issue =
-        Add("issue", "Ask for a token and print it",
-            R"(zelttoken issue fastapi '[{"api":"Demo.Item","method":"get"}]' --owner $$)", Issue);
+    CLI::App* issue = Add("issue", "Ask for a token and print it",
+                          R"(zelttoken issue fastapi --owner $$
+         '[{"api":"Demo.Item","method":"get"}]')",
+                          Issue);
+    issue->footer(kOwnership + issue->get_footer());
     AddPayload(issue);
     issue->add_option("--owner", arguments.owner, "Hand the token to this process at once")
-        ->check(CLI::PositiveNumber)
+        ->check(CheckProcessId)
         ->type_name("PID");
   }
 
@@ -124,17 +142,15 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddTransfer() {
-    CLI::App* transfer = Add("transfer", "Hand a token that this process owns to another process",
+    CLI::App* transfer = Add("transfer", "Hand on a token that this process owns",
                              "exec zelttoken transfer fastapi @token 4711", Transfer);
     AddToken(transfer);
-    transfer->add_option("PID", arguments.pid, "The new owner")
-        ->check(CLI::PositiveNumber)
-        ->required();
+    transfer->add_option("PID", arguments.pid, "The new owner")->check(CheckProcessId)->required();
   }
 
   void AddRun() {
     CLI::App* run = Add("run",
-                        "Run a command with a token in ZELT_TOKEN, then revoke the token:\n"
+                        "Run a command with a token, then revoke the token:\n"
                         "zelttoken run SERVICE PAYLOAD -- COMMAND [ARG...]",
                         "zelttoken run fastapi @payload.json -- sh -c 'echo $ZELT_TOKEN'", Run);
     AddPayload(run);
@@ -158,6 +174,7 @@ void Print(const Invocation& invocation, const Result& result) {
   } else if (!result.text.empty()) {
     std::cout << result.text << '\n';
   }
+  if (!std::cout.flush()) throw Failure(kRefused, "cannot write to standard output");
 }
 
 void PrintError(const Invocation& invocation, const std::string& error) {

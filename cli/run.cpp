@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -17,16 +16,27 @@ constexpr int kNotFound = 127;
 constexpr int kNotExecutable = 126;
 constexpr int kEndedBySignal = 128;
 
-sigset_t SignalsToPassOn() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGALRM, SIGWINCH}) {
-    sigaddset(&signals, number);
-  }
-  return signals;
+}  // namespace
+
+Runner::Runner() {
+  sigfillset(&held_back);
+  for (const int stop : {SIGTSTP, SIGTTIN, SIGTTOU}) sigdelset(&held_back, stop);
+  sigprocmask(SIG_BLOCK, &held_back, &mask_before);
+  // Where it was ignored, the kernel would keep no exit status (waitpid(2)).
+  child_handler_before = std::signal(SIGCHLD, SIG_DFL);
 }
 
-[[noreturn]] void Execute(std::vector<std::string>& command, const std::string& token) {
+int Runner::Run(std::vector<std::string> command, const std::string& token) {
+  sigpending(&early);
+  const pid_t child = fork();
+  if (child < 0) throw Failure(kRefused, std::string("cannot fork: ") + std::strerror(errno));
+  if (child == 0) Execute(command, token);
+  return AwaitEnd(child);
+}
+
+void Runner::Execute(std::vector<std::string>& command, const std::string& token) {
+  std::signal(SIGCHLD, child_handler_before);
+  sigprocmask(SIG_SETMASK, &mask_before, nullptr);
   setenv("ZELT_TOKEN", token.c_str(), 1);
   std::vector<char*> arguments;
   arguments.reserve(command.size() + 1);
@@ -38,35 +48,20 @@ sigset_t SignalsToPassOn() {
   _exit(error == ENOENT ? kNotFound : kNotExecutable);
 }
 
-// A signal of the terminal's reaches the command by itself.
-void PassOn(const siginfo_t& signal, pid_t child) {
-  if (signal.si_code != SI_KERNEL) kill(child, signal.si_signo);
+// A signal of the terminal's reaches a command that is there by itself.
+void Runner::PassOn(const siginfo_t& signal, pid_t child) {
+  const bool is_early = sigismember(&early, signal.si_signo) == 1;
+  if (is_early || signal.si_code != SI_KERNEL) kill(child, signal.si_signo);
+  sigdelset(&early, signal.si_signo);
 }
 
-int AwaitEnd(pid_t child, const sigset_t& signals) {
+int Runner::AwaitEnd(pid_t child) {
   for (;;) {
     siginfo_t signal{};
-    sigwaitinfo(&signals, &signal);
+    if (sigwaitinfo(&held_back, &signal) < 0) continue;  // EINTR, after a stop
     if (signal.si_signo != SIGCHLD) PassOn(signal, child);
     int status = 0;
     if (waitpid(child, &status, WNOHANG) != child) continue;
     return WIFSIGNALED(status) ? kEndedBySignal + WTERMSIG(status) : WEXITSTATUS(status);
   }
-}
-
-}  // namespace
-
-int RunWithToken(std::vector<std::string> command, const std::string& token) {
-  // Blocked before the fork, so that none is lost between it and the wait.
-  sigset_t signals = SignalsToPassOn();
-  sigaddset(&signals, SIGCHLD);
-  sigset_t before;
-  sigprocmask(SIG_BLOCK, &signals, &before);
-  const pid_t child = fork();
-  if (child < 0) throw Failure(kRefused, std::string("cannot fork: ") + std::strerror(errno));
-  if (child == 0) {
-    sigprocmask(SIG_SETMASK, &before, nullptr);
-    Execute(command, token);
-  }
-  return AwaitEnd(child, signals);
 }

@@ -1,10 +1,29 @@
 // Running a command and taking part in its life.
 #pragma once
 
+#include <csignal>
 #include <string>
 #include <vector>
 
-/// Runs `command` with `token` in the environment as ZELT_TOKEN, and waits for it. Signals that are
-/// sent to this process meanwhile go on to the command. Returns its exit code, 128 + N when signal
-/// N ended it, 127 when there is no such command and 126 when it cannot be run, as shells do.
-int RunWithToken(std::vector<std::string> command, const std::string& token);
+/// Runs a command as a shell would. From its construction until this process ends, signals wait for
+/// `Run`, which passes them on: none but SIGKILL and those that stop a job end this process early.
+/// One thread; one runner in a process.
+class Runner {
+ public:
+  Runner();
+
+  /// Runs `command` with `token` in the environment as ZELT_TOKEN, and waits for it. Returns its
+  /// exit code, 128 + N when signal N ended it, 127 when there is no such command and 126 when it
+  /// cannot be run. Throws `Failure` when there can be no new process.
+  int Run(std::vector<std::string> command, const std::string& token);
+
+ private:
+  [[noreturn]] void Execute(std::vector<std::string>& command, const std::string& token);
+  void PassOn(const siginfo_t& signal, pid_t child);
+  int AwaitEnd(pid_t child);
+
+  sigset_t held_back{};
+  sigset_t mask_before{};
+  sigset_t early{};  ///< what came before there was a command
+  sighandler_t child_handler_before = SIG_DFL;
+};

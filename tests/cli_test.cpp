@@ -27,10 +27,12 @@ TEST_F(CliTest, AnswersWithoutADaemon) {
       {{"issue", "fastapi", "@/tmp/none"}, 64, "cannot open /tmp/none"},
       {{"issue", "fastapi", "@/dev/zero"}, 64, "more than 1 MiB"},
       {{"revoke", "fastapi", "@/tmp/empty"}, 64, "token is empty"},
+      {{"validate", "fastapi", "-", "-"}, 64, "only one of TOKEN and PAYLOAD"},
       {{"issue", "fastapi", kGet, "--owner", "0"}, 64, "--owner"},
+      {{"issue", "fastapi", kGet, "--owner", "010"}, 64, "not a process id"},
       {{"transfer", "fastapi", "t", "2147483648"}, 64, "PID"},
       {{"run", "fastapi", kGet}, 64, "COMMAND"},
-      {{}, 64, "subcommand"},
+      {{}, 64, "name a command"},
   };
   for (const auto& row : rows) {
     const Ended ended = Zelttoken(row.words);
@@ -38,6 +40,8 @@ TEST_F(CliTest, AnswersWithoutADaemon) {
     EXPECT_NE(ended.errors.find(row.error), std::string::npos) << ended.errors;
     EXPECT_EQ(ended.output, "");
   }
+  EXPECT_EQ(Zelttoken({"revoke", "--json", "fastapi"}).output,
+            "{\"error\":\"TOKEN is required; see zelttoken revoke --help\",\"success\":false}\n");
 }
 
 TEST_F(CliTest, TakesATokenThroughItsLife) {
@@ -70,9 +74,12 @@ TEST_F(CliTest, RunsACommandWithATokenThatEndsWithIt) {
   const struct {
     const char* script;
     int exit_code;
-  } rows[] = {{"exit 7", 7},
-              {"kill -KILL $$", 128 + SIGKILL},
-              {"trap 'exit 3' TERM; kill -TERM $PPID; while :; do sleep 0.01; done", 3}};
+  } rows[] = {
+      {"exit 7", 7},
+      {"kill -KILL $$", 128 + SIGKILL},
+      {"kill -PWR $PPID; while :; do sleep 0.01; done", 128 + SIGPWR},
+      {"trap 'exit 3' TERM; kill -TERM $PPID; while :; do sleep 0.01; done", 3},
+      {"trap '' CHLD; exec /proc/$PPID/exe run fastapi @/tmp/payload -- sh -c 'exit 5'", 5}};
   for (const auto& row : rows) {
     const std::string script = std::string("echo $ZELT_TOKEN '[a,b]';") + row.script;
     const Ended ended = Zelttoken({"run", "fastapi", "@/tmp/payload", "--", "sh", "-c", script});
@@ -83,6 +90,12 @@ TEST_F(CliTest, RunsACommandWithATokenThatEndsWithIt) {
   }
   EXPECT_EQ(Zelttoken({"run", "fastapi", kGet, "--", "/none"}).exit_code, 127);
   EXPECT_EQ(Zelttoken({"run", "fastapi", kGet, "--", "/tmp"}).exit_code, 126);
+
+  const std::string stop = "kill " + std::to_string(daemon.pid) +
+                           "; while [ -e /tmp/zelttokenmgr.sock ]; do sleep 0.01; done; exit 3";
+  const Ended ended = Zelttoken({"run", "fastapi", kGet, "--", "sh", "-c", stop});
+  EXPECT_EQ(ended.exit_code, 3);
+  EXPECT_NE(ended.errors.find("utils.cpp:62"), std::string::npos) << ended.errors;
 }
 
 }  // namespace
