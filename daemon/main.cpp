@@ -1,4 +1,5 @@
 // zelttokenmgrd, the token daemon.
+#include <malloc.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -12,9 +13,14 @@
 
 namespace {
 
+constexpr int kLargeBlock = 128 << 10;  // bytes: glibc's own first value, mallopt(3)
+
 void PrepareProcess(const Options& options) {
   openlog("zelttokenmgrd", LOG_PID | LOG_NDELAY | (options.log_to_stderr ? LOG_PERROR : 0),
           LOG_DAEMON);
+  // Fixed, glibc does not raise them after the first large message, and large ones leave no trace.
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, kLargeBlock);
   umask(S_IRWXG | S_IRWXO);  // the store holds tokens
   signal(SIGPIPE, SIG_IGN);  // a client that left is an error of send(2)
   signal(SIGXFSZ, SIG_IGN);  // a store at the file-size limit is an error of write(2)

@@ -29,6 +29,12 @@ struct RequestHandler::Operation {
 
 namespace {
 
+// Values in a request: some thousand API methods or tasks. A message of the greatest length could
+// hold half a million, and keep everybody waiting while it is parsed and copied.
+constexpr std::ptrdiff_t kMaxValues = 10000;
+
+bool BeginsAValue(char c) { return c == ',' || c == '[' || c == '{'; }
+
 constexpr std::size_t kShortestToken = 32;
 constexpr std::size_t kLongestLoggedText = 256;
 
@@ -86,6 +92,9 @@ std::string RequestHandler::Answer(int connection, const std::string& text) {
   Json::Value response(Json::objectValue);
   response["success"] = false;
   try {
+    if (std::count_if(text.begin(), text.end(), BeginsAValue) > kMaxValues) {
+      throw std::runtime_error("too many values");
+    }
     if (!fromString(text, request) || !request.isObject()) {
       throw std::runtime_error("not a JSON object");
     }

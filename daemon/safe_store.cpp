@@ -1,13 +1,41 @@
 #include "safe_store.h"
 
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
-#include <boost/filesystem/fstream.hpp>
-#include <boost/filesystem/operations.hpp>
-#include <stdexcept>
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 using ZELT::TokenManager::FileLock;
+
+namespace {
+
+// Ends the last line of the file where that was torn, so that the next record gets a line of its
+// own. Returns whether it was.
+bool EndLastLine(int file) {
+  const off_t size = lseek(file, 0, SEEK_END);
+  char last = '\n';
+  if (size <= 0 || pread(file, &last, 1, size - 1) != 1 || last == '\n') return false;
+  if (write(file, "\n", 1) == 1) return true;
+  throw std::system_error(errno, std::generic_category(), "cannot end a torn line of the store");
+}
+
+void EndLastLine(const std::string& path) {
+  const int file = open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
+  if (file < 0) return;  // the store itself will say why
+  try {
+    if (EndLastLine(file)) syslog(LOG_WARNING, "ended the torn last line of %s", path.c_str());
+  } catch (...) {
+    close(file);
+    throw;
+  }
+  close(file);
+}
+
+}  // namespace
 
 SafeStore::SafeStore(const std::string& path)
     : store(path), store_path(path), lock_path(path + ".lock"), undo_path(path + ".undo") {}
@@ -16,14 +44,13 @@ const std::string& SafeStore::Path() const { return store_path; }
 
 void SafeStore::Recover() {
   const FileLock lock(lock_path, true);
-  if (fs::exists(undo_path)) {
-    fs::rename(undo_path, store_path);
-    syslog(LOG_WARNING, "undid a change of %s that was cut short", store_path.c_str());
-  }
-  if (fs::is_regular_file(store_path)) EndLastLine();
+  if (!fs::exists(undo_path)) return;
+  fs::rename(undo_path, store_path);
+  syslog(LOG_WARNING, "undid a change of %s that was cut short", store_path.c_str());
 }
 
 void SafeStore::Insert(const std::string& token, const Json::Value& data) {
+  if (fs::is_regular_file(store_path)) EndLastLine(store_path);
   store.Insert(token, data);
 }
 
@@ -58,18 +85,13 @@ void SafeStore::Rollback() {
 void SafeStore::Copy() {
   if (!fs::is_regular_file(store_path)) return;
   const std::string unfinished = undo_path + ".new";
-  fs::copy_file(store_path, unfinished, fs::copy_option::overwrite_if_exists);
+  try {
+    fs::copy_file(store_path, unfinished, fs::copy_options::overwrite_existing);
+  } catch (...) {
+    std::error_code ignored;
+    fs::remove(unfinished, ignored);  // it may have taken the last of the disk
+    throw;
+  }
   fs::rename(unfinished, undo_path);  // so that a file of that name is always whole
   copied = true;
-}
-
-void SafeStore::EndLastLine() {
-  fs::fstream file(store_path, std::ios::in | std::ios::out | std::ios::ate | std::ios::binary);
-  if (!file.is_open()) throw std::runtime_error("cannot open the store " + store_path);
-  if (file.tellg() <= 0) return;
-  file.seekg(-1, std::ios::end);
-  if (file.get() == '\n') return;
-  file.seekp(0, std::ios::end);
-  file << '\n' << std::flush;
-  syslog(LOG_WARNING, "ended the torn last line of %s", store_path.c_str());
 }

@@ -18,11 +18,11 @@ class SafeStore : public ZELT::TokenManager::TokenStorage {
 
   const std::string& Path() const;
 
-  /// Brings a store whose last user was killed back into order: undoes a removal that was not
-  /// committed, and ends a torn last line, which the next record would become a part of. To be
-  /// called while nobody else changes the store.
+  /// Undoes a removal that was not committed, because whoever removed was killed. To be called
+  /// while nobody else changes the store.
   void Recover();
 
+  /// Ends a torn last line first, which the record would become a part of.
   void Insert(const std::string& token, const Json::Value& data) override;
   void Remove(const std::string& token) override;
   Json::Value GetAssociatedData(const std::string& token) override;
@@ -37,7 +37,6 @@ class SafeStore : public ZELT::TokenManager::TokenStorage {
 
  private:
   void Copy();
-  void EndLastLine();
 
   ZELT::TokenManager::JsonFileStorage store;
   std::string store_path;

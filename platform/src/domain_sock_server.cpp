@@ -107,11 +107,13 @@ class StartLock {
   explicit StartLock(const std::string& path)
       : folder(open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_CLOEXEC)) {
     const auto deadline = Clock::now() + kStartLockWait;
-    while (flock(folder, LOCK_EX | LOCK_NB) != 0 && Clock::now() < deadline) {
+    while (folder >= 0 && flock(folder, LOCK_EX | LOCK_NB) != 0 && Clock::now() < deadline) {
       std::this_thread::sleep_for(kPollInterval);
     }
   }
-  ~StartLock() { close(folder); }
+  ~StartLock() {
+    if (folder >= 0) close(folder);
+  }
   StartLock(const StartLock&) = delete;
   StartLock& operator=(const StartLock&) = delete;
 
