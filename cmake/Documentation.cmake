@@ -1,0 +1,36 @@
+# The manual pages, where scdoc is at hand, and the reference of the library's interface: target
+# "docs", where Doxygen is.
+find_program(SCDOC scdoc)
+find_program(GZIP gzip)
+if(SCDOC AND GZIP)
+  foreach(page zelttoken.1 zelttokenmanager.3 zelttoken-files.5 zelttokenmgrd.8)
+    string(REGEX MATCH "[0-9]$" section ${page})
+    set(source ${PROJECT_SOURCE_DIR}/docs/man/${page}.scd)
+    set(example ${PROJECT_SOURCE_DIR}/examples/package.cpp)
+    # The line @EXAMPLE@ stands for the example's text, so that the two never differ. scdoc takes
+    # a backslash for its own.
+    add_custom_command(OUTPUT ${page}.gz
+      COMMAND sed "s/\\\\/&&/g" ${example} |
+        sed -e "/^@EXAMPLE@/r /dev/stdin" -e "/^@EXAMPLE@/d" ${source} | ${SCDOC} > ${page}
+      COMMAND ${GZIP} -n9 -f ${page}
+      DEPENDS ${source} ${example} VERBATIM)
+    list(APPEND man_pages ${PROJECT_BINARY_DIR}/${page}.gz)
+    if(section EQUAL 3)
+      set(component development)
+    else()
+      set(component daemon)
+    endif()
+    install(FILES ${PROJECT_BINARY_DIR}/${page}.gz
+      DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+  endforeach()
+  add_custom_target(man ALL DEPENDS ${man_pages})
+else()
+  message(STATUS "No manual pages: they need scdoc and gzip")
+endif()
+
+find_package(Doxygen QUIET)
+if(DOXYGEN_FOUND)
+  configure_file(docs/Doxyfile.in Doxyfile @ONLY)
+  add_custom_target(docs COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+endif()

@@ -1,0 +1,52 @@
+# What is installed, in three components: the library, what is needed to build against it, and the
+# daemon with its command line.
+include(CMakePackageConfigHelpers)
+
+add_library(ZELT::TokenManager ALIAS zelttokenmanager)
+set_target_properties(zelttokenmanager PROPERTIES EXPORT_NAME TokenManager)
+target_compile_features(zelttokenmanager INTERFACE cxx_std_17)
+
+install(TARGETS zelttokenmanager EXPORT zelttokenmanagerTargets
+  LIBRARY COMPONENT library NAMELINK_COMPONENT development)
+install(TARGETS zelttoken RUNTIME COMPONENT daemon)
+install(TARGETS zelttokenmgrd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
+
+# For those who build against the library.
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zelttokenmanager)
+configure_package_config_file(cmake/zelttokenmanagerConfig.cmake.in
+  zelttokenmanagerConfig.cmake INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(zelttokenmanagerConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+file(RELATIVE_PATH pc_to_prefix
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/zelttokenmanager.pc.in zelttokenmanager.pc @ONLY)
+
+install(EXPORT zelttokenmanagerTargets NAMESPACE ZELT:: DESTINATION ${config_dir}
+  COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/zelttokenmanagerConfig.cmake
+  ${PROJECT_BINARY_DIR}/zelttokenmanagerConfigVersion.cmake
+  DESTINATION ${config_dir} COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/zelttokenmanager.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+install(DIRECTORY include/zelttokenmanager DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  COMPONENT development)
+install(DIRECTORY examples
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelttokenmanager-dev COMPONENT development)
+
+# For administrators.
+configure_file(packaging/zelttokenmgrd.service.in zelttokenmgrd.service @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/zelttokenmgrd.service
+  DESTINATION lib/systemd/system COMPONENT daemon)
+install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME zelttokenmgr.conf
+  COMPONENT daemon)
+install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zelttokenmgr.conf
+  COMPONENT daemon)
+install(FILES packaging/completions/zelttoken packaging/completions/zelttokenmgrd
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT daemon)
+install(FILES docs/errors.md docs/files.md docs/protocol.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zelttokenmgr COMPONENT daemon)
+
+include(cmake/Documentation.cmake)
+if(ZELT_DEBIAN)
+  include(packaging/debian/Debian.cmake)
+endif()

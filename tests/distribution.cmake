@@ -1,0 +1,26 @@
+# What users and administrators find installed. The Debian packages have a test of their own,
+# scripts/test-packages.
+set(distribution ${CMAKE_CURRENT_SOURCE_DIR}/distribution)
+
+if(NOT ZELT_SANITIZE)  # a consumer would have to be built with the same sanitizer
+  add_test(NAME consumers
+    COMMAND ${distribution}/consumers.sh ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
+  set_tests_properties(consumers PROPERTIES ENVIRONMENT "CXX=${CMAKE_CXX_COMPILER}" TIMEOUT 300)
+endif()
+
+add_test(NAME zelttoken_options COMMAND ${distribution}/options.sh
+  $<TARGET_FILE:zelttoken> ${PROJECT_SOURCE_DIR}/docs/man/zelttoken.1.scd
+  ${PROJECT_SOURCE_DIR}/packaging/completions/zelttoken)
+add_test(NAME zelttokenmgrd_options COMMAND ${distribution}/options.sh
+  $<TARGET_FILE:zelttokenmgrd> ${PROJECT_SOURCE_DIR}/docs/man/zelttokenmgrd.8.scd
+  ${PROJECT_SOURCE_DIR}/packaging/completions/zelttokenmgrd)
+
+add_test(NAME quoted_service COMMAND bash -c "diff examples/printing.h <(
+    sed -n '/^```cpp$/,/^```$/p' docs/architecture.md | sed '1d;$d')"
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+
+find_program(SYSTEMD_ANALYZE systemd-analyze)
+if(SYSTEMD_ANALYZE)
+  add_test(NAME service_file COMMAND ${distribution}/service_file.sh
+    ${PROJECT_BINARY_DIR}/zelttokenmgrd.service $<TARGET_FILE:zelttokenmgrd>)
+endif()

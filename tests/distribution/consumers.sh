@@ -1,0 +1,21 @@
+#!/bin/sh
+# Installs into a directory of its own, and builds and runs a program against what is there: with
+# CMake, and with pkg-config.
+# Usage: consumers.sh SOURCE BUILD
+set -eu
+source=$1
+installed=$(mktemp -d)
+trap 'rm -rf "$installed"' EXIT
+cmake --install "$2" --prefix "$installed" >/dev/null
+
+cmake -S "$source/tests/distribution" -B "$installed/build" -DCMAKE_PREFIX_PATH="$installed" \
+  -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_EXTENSIONS=OFF >/dev/null
+cmake --build "$installed/build"
+"$installed/build/consumer"
+
+PKG_CONFIG_PATH=$(dirname "$(find "$installed" -name zelttokenmanager.pc)")
+export PKG_CONFIG_PATH
+# shellcheck disable=SC2046 # several words
+"${CXX:-c++}" -std=c++17 -I "$source/examples" "$source/tests/distribution/consumer.cpp" \
+  -o "$installed/consumer" $(pkg-config --cflags --libs zelttokenmanager)
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir zelttokenmanager) "$installed/consumer"
