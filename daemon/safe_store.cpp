@@ -14,7 +14,7 @@ using ZELT::TokenManager::FileLock;
 namespace {
 
 // Ends the last line of the file where that was torn, so that the next record gets a line of its
-// own. Returns whether it was.
+// own. Returns whether it was. What is no regular file has no size.
 bool EndLastLine(int file) {
   const off_t size = lseek(file, 0, SEEK_END);
   char last = '\n';
@@ -24,7 +24,7 @@ bool EndLastLine(int file) {
 }
 
 void EndLastLine(const std::string& path) {
-  const int file = open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC);
+  const int file = open(path.c_str(), O_RDWR | O_APPEND | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) return;  // the store itself will say why
   try {
     if (EndLastLine(file)) syslog(LOG_WARNING, "ended the torn last line of %s", path.c_str());
@@ -50,7 +50,7 @@ void SafeStore::Recover() {
 }
 
 void SafeStore::Insert(const std::string& token, const Json::Value& data) {
-  if (fs::is_regular_file(store_path)) EndLastLine(store_path);
+  EndLastLine(store_path);
   store.Insert(token, data);
 }
 

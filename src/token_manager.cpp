@@ -145,8 +145,8 @@ void TokenManager::ValidateToken(const ucred& /*credential*/, const Json::Value&
     throw std::runtime_error("token_manager.cpp:130 unmatched service");
   }
 
-  response["permitted"] = Json::nullValue;
-  response["permitted"] = GetService(service)->Validate(request, data);
+  Json::Value& permitted = response["permitted"] = Json::nullValue;
+  permitted = GetService(service)->Validate(request, data);
   response["success"] = true;
 }
 

@@ -100,17 +100,23 @@ JsonFileStorage::~JsonFileStorage() = default;
 
 void JsonFileStorage::Insert(const std::string& token, const Json::Value& data) {
   const FileLock lock(lock_path, true);
-  if (!fs::exists(storage_path) && QLIBCFileTouch(storage_path.c_str()) != 0) {
-    throw std::runtime_error("storage/json_file_storage.cpp:43 failed to create storage");
+  boost::system::error_code unsized;  // the store may be missing, or a device
+  auto old_size = fs::file_size(storage_path, unsized);
+  if (unsized && !fs::exists(storage_path)) {
+    if (QLIBCFileTouch(storage_path.c_str()) != 0) {
+      throw std::runtime_error("storage/json_file_storage.cpp:43 failed to create storage");
+    }
+    unsized.clear();
+    old_size = 0;
   }
-  boost::system::error_code unsized;  // the store may be a device
-  const auto old_size = fs::file_size(storage_path, unsized);
 
-  std::ofstream file(storage_path, std::ios::out | std::ios::app);
+  std::ofstream file;
+  file.rdbuf()->pubsetbuf(nullptr, 0);  // the record is one string already
+  file.open(storage_path, std::ios::out | std::ios::app);
   if (!file.is_open()) {
     throw std::runtime_error("storage/json_file_storage.cpp:48 failed to open storage");
   }
-  // One string, because the stream hands it to the kernel in one write.
+  // The stream hands one string to the kernel in one write.
   file << token + ' ' + toString(data) + '\n' << std::flush;
   file.close();
   if (file.bad()) {
