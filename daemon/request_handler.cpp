@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "json_text.h"
-#include "workers_lock.h"
 #include "zelttokenmanager/utils.h"
 
 using ZELT::TokenManager::fromString;
@@ -84,8 +83,11 @@ void ExpectWholeToken(const Json::Value& request) {
 }  // namespace
 
 RequestHandler::RequestHandler(TokenManager& token_manager, std::shared_ptr<SafeStore> store,
-                               SharedState& shared_state)
-    : manager(token_manager), safe_store(std::move(store)), shared(shared_state) {}
+                               SharedState& shared_state, WorkersLock& lock)
+    : manager(token_manager),
+      safe_store(std::move(store)),
+      shared(shared_state),
+      workers_lock(lock) {}
 
 std::string RequestHandler::Answer(int connection, const std::string& text) {
   Json::Value request;
@@ -141,7 +143,7 @@ void RequestHandler::Handle(int connection, const Json::Value& request, Json::Va
 
 void RequestHandler::Run(const Operation& operation, const ucred& peer, const Json::Value& request,
                          Json::Value& response) {
-  const WorkersLock lock(safe_store->Path(), shared, operation.changes);
+  const WorkersLock::Guard lock(workers_lock, operation.changes);
   if (shared.changing) _exit(EX_TEMPFAIL);
   if (!operation.changes) return operation.run(manager, peer, request, response);
 

@@ -8,6 +8,7 @@
 
 #include "safe_store.h"
 #include "shared_state.h"
+#include "workers_lock.h"
 #include "zelttokenmanager/token_manager.h"
 
 /// Answers requests, one at a time, each under the workers' lock.
@@ -18,7 +19,7 @@
 class RequestHandler {
  public:
   RequestHandler(ZELT::TokenManager::TokenManager& token_manager, std::shared_ptr<SafeStore> store,
-                 SharedState& shared_state);
+                 SharedState& shared_state, WorkersLock& lock);
 
   /// Returns the response to the request `text` that came over `connection`. Whatever a client
   /// sends is answered; the reason of a refusal goes to the log, and a token never does.
@@ -34,4 +35,5 @@ class RequestHandler {
   ZELT::TokenManager::TokenManager& manager;
   std::shared_ptr<SafeStore> safe_store;
   SharedState& shared;
+  WorkersLock& workers_lock;
 };

@@ -15,7 +15,6 @@
 #include "json_text.h"
 #include "readiness.h"
 #include "request_handler.h"
-#include "workers_lock.h"
 #include "zelttokenmanager/service/fastapi.h"
 #include "zelttokenmanager/service/taskmanager.h"
 #include "zelttokenmanager/storage/lru_cache_storage.h"
@@ -110,12 +109,12 @@ void Supervisor::Run() {
 }
 
 Supervisor::Generation Supervisor::MakeGeneration() {
-  WorkersLock::MakeFiles(store->Path());
   Generation made;
   made.shared = MakeSharedState();
+  made.workers_lock = std::make_unique<WorkersLock>(store->Path(), *made.shared);
   {
     // Under the workers' lock no live worker, be it another daemon's, is in the middle of a change.
-    const WorkersLock lock(store->Path(), *made.shared, true);
+    const WorkersLock::Guard lock(*made.workers_lock, true);
     store->Recover();
   }
   if (options.cache_bytes != 0) made.cache = std::make_shared<LRUCacheStorage>(options.cache_bytes);
@@ -174,7 +173,7 @@ void Supervisor::Serve() {
   signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides
   signal(SIGUSR1, SIG_IGN);
 
-  RequestHandler handler(*generation.manager, store, *generation.shared);
+  RequestHandler handler(*generation.manager, store, *generation.shared, *generation.workers_lock);
   server.OnSignal(SIGTERM, [this] { server.Stop(); });
   server.OnSignal(kHandOver, [this] { server.HandOver(); });
   server.Serve([&handler](int connection, const std::string& request) {

@@ -12,6 +12,7 @@
 #include "options.h"
 #include "safe_store.h"
 #include "shared_state.h"
+#include "workers_lock.h"
 #include "zeltdaemon/domain_sock_server.h"
 #include "zelttokenmanager/token_manager.h"
 
@@ -40,6 +41,7 @@ class Supervisor {
     std::shared_ptr<ZELT::TokenManager::CacheStorage> cache;  // may be empty
     std::unique_ptr<ZELT::TokenManager::TokenManager> manager;
     std::shared_ptr<SharedState> shared;
+    std::unique_ptr<WorkersLock> workers_lock;
     std::vector<pid_t> workers;
     std::chrono::steady_clock::time_point born;
   };

@@ -1,11 +1,9 @@
 // The lock among the workers.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "shared_state.h"
-#include "zelttokenmanager/token_storage.h"
 
 /// Held by a worker while it runs a request: shared when the request only reads, exclusive when it
 /// changes something. A worker that fetches a record while another revokes it could otherwise put
@@ -14,14 +12,39 @@
 /// The kernel wakes all who wait for a record lock and lets readers in beside readers, so that many
 /// busy readers would keep a writer out for good. A waiting writer therefore says so, and readers
 /// that come after it wait for its turn.
+///
+/// Processes: those forked after it was made use their copies of one object. The kernel releases
+/// what a process holds when it dies. Threads: one. The two files stay open, because opening them
+/// for each request costs more than locking them.
 class WorkersLock {
  public:
-  /// Makes the two lock files beside the store at `store_path`. Throws `std::system_error`.
-  static void MakeFiles(const std::string& store_path);
+  /// Opens the two lock files beside the store at `store_path`, making them where they are missing.
+  /// Throws `std::system_error`.
+  WorkersLock(const std::string& store_path, SharedState& shared_state);
+  ~WorkersLock();
+  WorkersLock(const WorkersLock&) = delete;
+  WorkersLock& operator=(const WorkersLock&) = delete;
 
-  /// Waits for the lock. Throws what `FileLock` throws.
-  WorkersLock(const std::string& store_path, SharedState& shared, bool exclusive);
+  /// Waits for the lock. Throws `std::system_error`.
+  void Lock(bool exclusive);
+  void Unlock();
+
+  /// Holds the lock for its lifetime.
+  class Guard {
+   public:
+    Guard(WorkersLock& workers_lock, bool exclusive) : lock(workers_lock) { lock.Lock(exclusive); }
+    ~Guard() { lock.Unlock(); }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+
+   private:
+    WorkersLock& lock;
+  };
 
  private:
-  std::optional<ZELT::TokenManager::FileLock> lock;
+  void EndTurn(bool exclusive, bool in_turn);
+
+  SharedState& shared;
+  int lock_file;
+  int turn_file;
 };

@@ -95,7 +95,8 @@ class Daemon {
 
   TokenManager manager{"/var/installed", Store(), std::make_shared<LRUCacheStorage>(kCacheBytes)};
   SharedState shared;
-  RequestHandler handler{manager, Store(), shared};
+  WorkersLock workers_lock{Store()->Path(), shared};
+  RequestHandler handler{manager, Store(), shared, workers_lock};
 };
 
 void ExpectUnlogged(const std::set<std::string>& tokens) {
@@ -122,7 +123,6 @@ void MakeVar() {
     Expect(mkdir(directory, 0755) == 0, "mkdir");
   }
   Overwrite("/var/installed/root", kGrants);
-  WorkersLock::MakeFiles(SafeStore(kStore).Path());  // in the folder that the store makes
 }
 
 }  // namespace

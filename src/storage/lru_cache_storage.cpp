@@ -110,9 +110,9 @@ void LRUCacheStorage::Admit(const std::string& token, const Json::Value& data) {
 
   const std::string serialised = toString(data);
   ShmString text = EvictUntilItFits([&] { return ToShm(serialised.data(), serialised.size()); });
-  EvictUntilItFits([&] { records->emplace_front(key, std::move(text)); });
+  EvictUntilItFits([&] { records->emplace_front(std::move(key), std::move(text)); });
   try {
-    EvictUntilItFits([&] { index->emplace(std::move(key), records->begin()); });
+    EvictUntilItFits([&] { index->emplace(records->front().first, records->begin()); });
   } catch (const ipc::bad_alloc&) {
     records->pop_front();
     throw;
