@@ -1,9 +1,11 @@
 #include "workers_lock.h"
 
 #include <fcntl.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 namespace {
@@ -15,13 +17,20 @@ int Open(const std::string& path) {
 }
 
 // Waits for a lock of the type, or releases it, over the whole file: fcntl(2).
-void Set(int file, int type) {
+bool Set(int file, int type) {
   struct flock lock {};
   lock.l_type = static_cast<decltype(lock.l_type)>(type);
   lock.l_whence = SEEK_SET;
-  while (fcntl(file, F_SETLKW, &lock) != 0) {
-    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "workers' lock");
-  }
+  int result = 0;
+  do {
+    result = fcntl(file, F_SETLKW, &lock);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+void Release(int file) {
+  if (Set(file, F_UNLCK)) return;
+  syslog(LOG_ERR, "cannot release the workers' lock: %s", std::strerror(errno));
 }
 
 }  // namespace
@@ -39,20 +48,17 @@ WorkersLock::~WorkersLock() {
 void WorkersLock::Lock(bool exclusive) {
   const int type = exclusive ? F_WRLCK : F_RDLCK;
   const bool in_turn = exclusive || shared.writer_waits;
-  if (in_turn) Set(turn_file, type);
-  if (exclusive) shared.writer_waits = true;
-  try {
-    Set(lock_file, type);
-  } catch (...) {
-    EndTurn(exclusive, in_turn);
-    throw;
+  if (in_turn && !Set(turn_file, type)) {
+    throw std::system_error(errno, std::generic_category(), "cannot wait for a turn");
   }
-  EndTurn(exclusive, in_turn);
-}
-
-void WorkersLock::EndTurn(bool exclusive, bool in_turn) {
+  if (exclusive) shared.writer_waits = true;
+  const bool locked = Set(lock_file, type);
+  const int error = errno;
   if (exclusive) shared.writer_waits = false;
-  if (in_turn) Set(turn_file, F_UNLCK);
+  if (in_turn) Release(turn_file);
+  if (!locked) {
+    throw std::system_error(error, std::generic_category(), "cannot lock out the other workers");
+  }
 }
 
-void WorkersLock::Unlock() { Set(lock_file, F_UNLCK); }
+void WorkersLock::Unlock() { Release(lock_file); }

@@ -27,6 +27,8 @@ class WorkersLock {
 
   /// Waits for the lock. Throws `std::system_error`.
   void Lock(bool exclusive);
+
+  /// Releases the lock; a failure is logged.
   void Unlock();
 
   /// Holds the lock for its lifetime.
@@ -42,8 +44,6 @@ class WorkersLock {
   };
 
  private:
-  void EndTurn(bool exclusive, bool in_turn);
-
   SharedState& shared;
   int lock_file;
   int turn_file;
