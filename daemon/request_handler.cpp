@@ -35,6 +35,7 @@ constexpr std::ptrdiff_t kMaxValues = 10000;
 bool BeginsAValue(char c) { return c == ',' || c == '[' || c == '{'; }
 
 constexpr std::size_t kShortestToken = 32;
+constexpr std::size_t kLongestToken = 64;
 constexpr std::size_t kLongestLoggedText = 256;
 
 // A client that mixes up its arguments must not have its token logged: whatever could be one is
@@ -73,9 +74,11 @@ void LogRefusal(int connection, const Json::Value& request, std::string_view rea
 // The store ends a token at a space and a line at a newline, the cache ends a token at a NUL byte:
 // with one of them in it, a text would mean one token to the store and another to the cache.
 void ExpectWholeToken(const Json::Value& request) {
-  const Json::Value& token = request["token"];
-  if (token.isString() &&
-      token.asString().find_first_of(std::string_view(" \n\0", 3)) != std::string::npos) {
+  if (!request["token"].isString()) return;
+  const std::string token = request["token"].asString();
+  // Looking it up takes room in the cache, for which others' records would go.
+  if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
+  if (token.find_first_of(std::string_view(" \n\0", 3)) != std::string::npos) {
     throw std::runtime_error("no token holds a space, a newline or a NUL byte");
   }
 }

@@ -6,12 +6,20 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
+
+#include "json_text.h"
 
 namespace fs = std::filesystem;
 using ZELT::TokenManager::FileLock;
+using ZELT::TokenManager::toString;
 
 namespace {
+
+// A thousand granted API methods or tasks. Each validation of a token parses its record, some of
+// that under the mutex of the cache.
+constexpr std::size_t kMaxRecordBytes = 64U << 10;
 
 // Ends the last line of the file where that was torn, so that the next record gets a line of its
 // own. Returns whether it was. What is no regular file has no size.
@@ -50,6 +58,7 @@ void SafeStore::Recover() {
 }
 
 void SafeStore::Insert(const std::string& token, const Json::Value& data) {
+  if (toString(data).size() > kMaxRecordBytes) throw std::runtime_error("the record is too long");
   EndLastLine(store_path);
   store.Insert(token, data);
 }

@@ -22,7 +22,8 @@ class SafeStore : public ZELT::TokenManager::TokenStorage {
   /// while nobody else changes the store.
   void Recover();
 
-  /// Ends a torn last line first, which the record would become a part of.
+  /// Ends a torn last line first, which the record would become a part of. Throws
+  /// `std::runtime_error` for a record of more than 64 KiB.
   void Insert(const std::string& token, const Json::Value& data) override;
   void Remove(const std::string& token) override;
   Json::Value GetAssociatedData(const std::string& token) override;

@@ -125,13 +125,13 @@ Supervisor::Generation Supervisor::MakeGeneration() {
 }
 
 void Supervisor::ForkWorkers() {
-  generation.born = steady_clock::now();
   while (generation.workers.size() < options.workers) {
     const pid_t pid = fork();
     if (pid == 0) Work();
     if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
     generation.workers.push_back(pid);
   }
+  generation.born = steady_clock::now();  // many take longer to fork than to die
 }
 
 void Supervisor::EndWorkers(int signal, milliseconds grace) {

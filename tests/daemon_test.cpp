@@ -128,15 +128,16 @@ TEST_F(DaemonTest, KeepsTheTokenOfATransferThatFails) {
   MountEmpty("/var/small", "size=16384");
   const Daemon daemon({"--store", "/var/small/tokens"});
   std::string token;
-  std::string last;
-  while (!(last = IssuedToken()).empty()) token = last;
+  std::string other;
+  for (std::string last; !(last = IssuedToken()).empty(); token = last) other = token;
   EXPECT_EQ(Ask(R"({"type":"transfer","service":"fastapi","token":")" + token + R"(","payload":)" +
                 std::to_string(daemon.pid) + "}"),
             kRefused);
   EXPECT_EQ(Validate(token), kPermitted);
   EXPECT_EQ(Revoke(token), R"({"success":true})");
   EXPECT_EQ(Validate(token), kRefused);
-  EXPECT_FALSE(IssuedToken().empty());
+  EXPECT_EQ(Revoke(other), R"({"success":true})");
+  EXPECT_FALSE(IssuedToken().empty());  // which may be longer than one of them
 }
 
 TEST_F(DaemonTest, IsNotHeldUpBySilentClients) {

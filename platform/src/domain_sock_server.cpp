@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -43,6 +44,9 @@ constexpr std::chrono::seconds kExhaustionLogInterval{60};
 
 // The processes of a server that was killed take a moment to close its socket.
 constexpr std::chrono::milliseconds kDyingGrace{500};
+
+// How long the close of a descriptor that a client sent along may hold up an older kernel.
+constexpr timeval kLongestClose{.tv_sec = 0, .tv_usec = 20000};
 
 // Far longer than a server needs to start.
 constexpr std::chrono::milliseconds kStartLockWait{1000};
@@ -97,6 +101,26 @@ void BindAndListen(int fd, const std::string& path, int backlog) {
       chmod(path.c_str(), 0666) != 0 || listen(fd, backlog) != 0) {
     throw SystemError("cannot listen on " + path);
   }
+}
+
+// Has the kernel refuse descriptors that a client sends along (SO_PASSRIGHTS, Linux 6.16):
+// receiving them means to close them, and the last close of a TCP socket may wait as long as its
+// sender has asked for (SO_LINGER, socket(7)). Accepted connections inherit it. False on older
+// kernels.
+bool RefuseDescriptors(int fd) {
+  constexpr int kPassRights = 83;
+  const int pass = 0;
+  return setsockopt(fd, SOL_SOCKET, kPassRights, &pass, sizeof pass) == 0;
+}
+
+// There a signal ends the wait: the client can slow the server down, but not stop it.
+void InterruptWaits() {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval tick{.it_interval = kLongestClose, .it_value = kLongestClose};
+  setitimer(ITIMER_REAL, &tick, nullptr);
 }
 
 // Keeps two servers that start at once from taking each other's socket for a stale one. Anybody may
@@ -338,13 +362,16 @@ DomainSockServer::Loop::Connection& DomainSockServer::Loop::Keep(int fd) {
 
 // Returns the connection that has to go for a further one of `user`, or null below the limits. Who
 // has waited longest goes: an honest client waits for a moment only. At the limit for all it is the
-// user with the most who loses a connection.
+// user with the most who loses a connection, and among such the one who has waited longest.
 DomainSockServer::Loop::Connection* DomainSockServer::Loop::InTheWay(uid_t user) {
   auto full = users.find(user);
   if (full == users.end() || full->second.waiting.size() < limits.waiting_per_user) {
     if (connections.size() < max_waiting) return nullptr;
     full = std::max_element(users.begin(), users.end(), [](const auto& a, const auto& b) {
-      return a.second.waiting.size() < b.second.waiting.size();
+      const std::list<Connection*>& ours = a.second.waiting;
+      const std::list<Connection*>& theirs = b.second.waiting;
+      if (ours.size() != theirs.size()) return ours.size() < theirs.size();
+      return ours.front()->deadline > theirs.front()->deadline;
     });
   }
   if (!std::exchange(full->second.logged, true)) {
@@ -427,6 +454,7 @@ DomainSockServer::DomainSockServer(const std::string& socket_path,
   const StartLock lock(path);
   RemoveStaleSocket(path);
   listener = MakeSocket();
+  refuses_descriptors = RefuseDescriptors(listener);
   try {
     BindAndListen(listener, path, limits.backlog);
   } catch (...) {
@@ -457,6 +485,7 @@ void DomainSockServer::Serve(const Handler& handler) {
     sigaddset(&handled, number);
   }
   sigprocmask(SIG_UNBLOCK, &handled, nullptr);
+  if (!refuses_descriptors) InterruptWaits();
   loop = &serving;
   serving.Run();
   loop = nullptr;

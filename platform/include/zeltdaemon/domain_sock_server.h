@@ -79,6 +79,7 @@ class DomainSockServer {
   std::string path;
   ServerLimits limits;
   int listener = -1;
+  bool refuses_descriptors = false;
   dev_t device = 0;
   ino_t inode = 0;
   pid_t maker;
