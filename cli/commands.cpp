@@ -83,6 +83,10 @@ Result Issue(const Arguments& arguments) {
   return result;
 }
 
+void TakeBackIssued(const Arguments& arguments, const Result& issued) {
+  if (arguments.owner == 0) TakeBack(arguments.service, issued.text);
+}
+
 Result Validate(const Arguments& arguments) {
   if (arguments.token == "-" && arguments.payload == "-") {
     throw Failure(kUsage, "only one of TOKEN and PAYLOAD can be standard input");

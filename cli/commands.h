@@ -28,3 +28,7 @@ Result Validate(const Arguments& arguments);
 Result Revoke(const Arguments& arguments);
 Result Transfer(const Arguments& arguments);
 Result Run(const Arguments& arguments);
+
+/// Revokes the token that `Issue` returned, if this process still owns it: to be called when the
+/// token could not be printed. Does not throw.
+void TakeBackIssued(const Arguments& arguments, const Result& issued);

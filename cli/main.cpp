@@ -187,6 +187,17 @@ void PrintError(const Invocation& invocation, const std::string& error) {
   std::cerr << "zelttoken: " << error << '\n';
 }
 
+int Execute(const Invocation& invocation) {
+  const Result result = invocation.command(invocation.arguments);
+  try {
+    Print(invocation, result);
+  } catch (const Failure&) {
+    if (invocation.command == Issue) TakeBackIssued(invocation.arguments, result);
+    throw;
+  }
+  return result.exit_code;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -198,9 +209,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
       return parser.Exit(error);
     }
-    const Result result = invocation.command(invocation.arguments);
-    Print(invocation, result);
-    return result.exit_code;
+    return Execute(invocation);
   } catch (const Failure& failure) {
     PrintError(invocation, failure.what());
     return failure.exit_code;
