@@ -8,7 +8,7 @@ installed=$(mktemp -d)
 trap 'rm -rf "$installed"' EXIT
 cmake --install "$2" --prefix "$installed" >/dev/null
 
-cmake -S "$source/tests/distribution" -B "$installed/build" -DCMAKE_PREFIX_PATH="$installed" \
+cmake -G Ninja -S "$source/tests/distribution" -B "$installed/build" -DCMAKE_PREFIX_PATH="$installed" \
   -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_EXTENSIONS=OFF >/dev/null
 cmake --build "$installed/build"
 "$installed/build/consumer"
