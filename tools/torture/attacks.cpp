@@ -263,6 +263,11 @@ void Attacks::ExpectSize(const std::vector<Size>& before) {
   }
 }
 
+// Workers that have just begun still take memory that they keep.
+void Attacks::AwaitWarmth() {
+  while (TheBoard().answered < kWarm) Pause(1000);
+}
+
 std::vector<Attacks::Size> Attacks::MeasureAtRest() const {
   const Rest rest;
   return Measure();
@@ -270,7 +275,7 @@ std::vector<Attacks::Size> Attacks::MeasureAtRest() const {
 
 unsigned int Attacks::Soak(Seconds duration, unsigned int limit) {
   const unsigned int pause = TheBoard().pause_us.exchange(0);
-  while (TheBoard().answered < kWarm) Pause(1000);
+  AwaitWarmth();
   const auto before = MeasureAtRest();
   const auto end = Clock::now() + duration;
   while (TheBoard().answered < limit && Clock::now() < end) Pause(10000);
@@ -303,6 +308,7 @@ unsigned int Attacks::StarveOfDescriptors(Seconds duration, unsigned int limit) 
 }
 
 unsigned int Attacks::Bother(const Neighbours& neighbours, Seconds duration) {
+  AwaitWarmth();
   const auto before = MeasureAtRest();
   const auto workers = daemon.Workers();
   const auto processes = ForkNeighbours(neighbours);

@@ -50,6 +50,7 @@ class Attacks {
   };
 
   std::vector<Size> Measure() const;
+  static void AwaitWarmth();
   std::vector<Size> MeasureAtRest() const;
   void ExpectSize(const std::vector<Size>& before);
 
