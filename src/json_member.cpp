@@ -11,6 +11,14 @@ void ExpectMember(bool of_type, const char* name, const char* type, const char* 
                            " expected");
 }
 
+// The text of a string value; asString would copy it.
+std::string_view View(const Json::Value& value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  value.getString(&begin, &end);
+  return {begin, end};
+}
+
 void Expect(bool of_type, const char* type, const char* where) {
   if (of_type) return;
   throw std::runtime_error(std::string(where) + " invalid type, " + type + " expected");
@@ -18,10 +26,10 @@ void Expect(bool of_type, const char* type, const char* where) {
 
 }  // namespace
 
-std::string StringMember(const Json::Value& object, const char* name, const char* where) {
+std::string_view StringMember(const Json::Value& object, const char* name, const char* where) {
   const Json::Value& member = MemberOrNull(object, name);
   ExpectMember(member.isString(), name, "String", where);
-  return member.asString();
+  return View(member);
 }
 
 int IntMember(const Json::Value& object, const char* name, const char* where) {
@@ -46,14 +54,16 @@ void ExpectArray(const Json::Value& value, const char* where) {
   Expect(value.isArray(), "Array", where);
 }
 
-std::string ExpectString(const Json::Value& value, const char* where) {
+std::string_view ExpectString(const Json::Value& value, const char* where) {
   Expect(value.isString(), "String", where);
-  return value.asString();
+  return View(value);
 }
 
-const Json::Value& MemberOrNull(const Json::Value& object, const std::string& name) {
+const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name) {
   // Asked for a member, an array or a scalar would throw an error of jsoncpp's own.
-  return object.isObject() ? object[name] : Json::Value::nullSingleton();
+  const Json::Value* member =
+      object.isObject() ? object.find(name.data(), name.data() + name.size()) : nullptr;
+  return member != nullptr ? *member : Json::Value::nullSingleton();
 }
 
 std::string TextOf(const Json::Value& value) {

@@ -6,11 +6,13 @@
 #include <json/value.h>
 
 #include <string>
+#include <string_view>
 
 namespace ZELT::TokenManager {
 
 // Each returns the member `name` of `object` when that is an object with such a member of the type.
-std::string StringMember(const Json::Value& object, const char* name, const char* where);
+// Texts are views into `object`.
+std::string_view StringMember(const Json::Value& object, const char* name, const char* where);
 int IntMember(const Json::Value& object, const char* name, const char* where);
 const Json::Value& ObjectMember(const Json::Value& object, const char* name, const char* where);
 const Json::Value& ArrayMember(const Json::Value& object, const char* name, const char* where);
@@ -18,11 +20,12 @@ const Json::Value& ArrayMember(const Json::Value& object, const char* name, cons
 /// Throws "<where> invalid type, Array expected" unless `value` is an array.
 void ExpectArray(const Json::Value& value, const char* where);
 
-/// Throws "<where> invalid type, String expected" unless `value` is a string, and returns its text.
-std::string ExpectString(const Json::Value& value, const char* where);
+/// Throws "<where> invalid type, String expected" unless `value` is a string, and returns a view
+/// into it.
+std::string_view ExpectString(const Json::Value& value, const char* where);
 
 /// Returns the member `name`, or null when `object` is no object or lacks it.
-const Json::Value& MemberOrNull(const Json::Value& object, const std::string& name);
+const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name);
 
 // Conversions that never throw: what does not convert reads as the empty string or false.
 std::string TextOf(const Json::Value& value);

@@ -7,6 +7,7 @@
 #include <boost/filesystem/path.hpp>
 #include <chrono>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "json_member.h"
@@ -117,7 +118,7 @@ Json::Value TokenManager::GetInstalledConfig(const std::string& package) const {
 void TokenManager::IssueToken(const ucred& credential, const Json::Value& request,
                               Json::Value& response) {
   response["success"] = false;
-  const std::string service = StringMember(request, "service", "token_manager.cpp:95");
+  const std::string service(StringMember(request, "service", "token_manager.cpp:95"));
   const std::string requester = UserName(credential.uid);
   const Json::Value config = GetInstalledConfig(PackageOf(requester));
 
@@ -136,9 +137,9 @@ void TokenManager::IssueToken(const ucred& credential, const Json::Value& reques
 
 void TokenManager::ValidateToken(const ucred& /*credential*/, const Json::Value& request,
                                  Json::Value& response) {
-  response["success"] = false;
-  const std::string token = StringMember(request, "token", "token_manager.cpp:120");
-  const std::string service = StringMember(request, "service", "token_manager.cpp:121");
+  Json::Value& success = response["success"] = false;
+  const std::string token(StringMember(request, "token", "token_manager.cpp:120"));
+  const std::string_view service = StringMember(request, "service", "token_manager.cpp:121");
 
   const Json::Value data = GetAssociatedData(token);
   if (StringMember(data, "service", "token_manager.cpp:127") != service) {
@@ -146,18 +147,18 @@ void TokenManager::ValidateToken(const ucred& /*credential*/, const Json::Value&
   }
 
   Json::Value& permitted = response["permitted"] = Json::nullValue;
-  permitted = GetService(service)->Validate(request, data);
-  response["success"] = true;
+  permitted = GetService(std::string(service))->Validate(request, data);
+  success = true;
 }
 
 void TokenManager::RevokeToken(const ucred& credential, const Json::Value& request,
                                Json::Value& response) const {
   response["success"] = false;
-  const std::string token = StringMember(request, "token", "token_manager.cpp:142");
-  const std::string service = StringMember(request, "service", "token_manager.cpp:143");
+  const std::string token(StringMember(request, "token", "token_manager.cpp:142"));
+  const std::string_view service = StringMember(request, "service", "token_manager.cpp:143");
 
   const Json::Value data = GetAssociatedData(token);
-  const std::string stored_service = StringMember(data, "service", "token_manager.cpp:149");
+  const std::string_view stored_service = StringMember(data, "service", "token_manager.cpp:149");
   const int owner = IntMember(data, "pid", "token_manager.cpp:150");
   if (stored_service != service) {
     throw std::runtime_error("token_manager.cpp:153 unmatched service");
@@ -171,12 +172,12 @@ void TokenManager::RevokeToken(const ucred& credential, const Json::Value& reque
 void TokenManager::TransferToken(const ucred& credential, const Json::Value& request,
                                  Json::Value& response) const {
   response["success"] = false;
-  const std::string token = StringMember(request, "token", "token_manager.cpp:168");
-  const std::string service = StringMember(request, "service", "token_manager.cpp:169");
+  const std::string token(StringMember(request, "token", "token_manager.cpp:168"));
+  const std::string_view service = StringMember(request, "service", "token_manager.cpp:169");
   const int new_owner = IntMember(request, "payload", "token_manager.cpp:170");
 
   Json::Value data = GetAssociatedData(token);
-  const std::string stored_service = StringMember(data, "service", "token_manager.cpp:177");
+  const std::string_view stored_service = StringMember(data, "service", "token_manager.cpp:177");
   const int owner = IntMember(data, "pid", "token_manager.cpp:178");
   if (stored_service != service) {
     throw std::runtime_error("token_manager.cpp:181 unmatched service");

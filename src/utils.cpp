@@ -1,8 +1,10 @@
 #include "zelttokenmanager/utils.h"
 
+#include <functional>
 #include <memory>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 
 #include "json_member.h"
 #include "json_text.h"
@@ -15,6 +17,8 @@ namespace {
 constexpr const char* kSocketPath = "/tmp/zelttokenmgr.sock";
 constexpr int kAllGroups = 1;  // for QLIBGroupInfoListGet: primary and supplementary
 constexpr char kGroupMark = '@';
+
+using Groups = std::set<std::string, std::less<>>;
 
 Json::Value SendRequest(const Json::Value& request) {
   zeltdaemon::DomainSockConnection connection(kSocketPath);
@@ -49,28 +53,28 @@ Json::Value MakeRequest(const char* type, const std::string& service, const std:
 
 bool Succeeded(const Json::Value& response) { return TruthOf(MemberOrNull(response, "success")); }
 
-bool IsGroup(const std::string& identity) { return identity.starts_with(kGroupMark); }
+bool IsGroup(std::string_view identity) { return identity.starts_with(kGroupMark); }
 
-std::set<std::string> GroupsOfUser(const std::string& user) {
+Groups GroupsOfUser(const std::string& user) {
   // A name with a NUL byte would be looked up as the shorter name before it.
   const bool is_name = user.find('\0') == std::string::npos;
   const std::unique_ptr<QLIBCSzList, void (*)(QLIBCSzList*)> list(
       is_name ? QLIBGroupInfoListGet(user.c_str(), kAllGroups) : nullptr, QLIBCSzListFree);
   if (!list) throw std::runtime_error("utils.cpp:37 failed to lookup groups of user");
-  std::set<std::string> groups;
+  Groups groups;
   while (const char* group = QLIBCSzListShift(list.get())) groups.emplace(group);
   return groups;
 }
 
-std::set<std::string> GroupsOf(const std::string& identity) {
+Groups GroupsOf(const std::string& identity) {
   if (IsGroup(identity)) return {identity.substr(1)};
   return GroupsOfUser(identity);
 }
 
 bool IsInList(const std::string& identity, const Json::Value& permitted) {
-  const std::set<std::string> groups = GroupsOf(identity);
+  const Groups groups = GroupsOf(identity);
   for (const Json::Value& element : permitted) {
-    const std::string name = ExpectString(element, "utils.cpp:170");
+    const std::string_view name = ExpectString(element, "utils.cpp:170");
     if (IsGroup(name) ? groups.contains(name.substr(1)) : name == identity) return true;
   }
   return false;

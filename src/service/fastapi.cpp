@@ -1,6 +1,8 @@
 #include "zelttokenmanager/service/fastapi.h"
 
 #include <stdexcept>
+#include <string>
+#include <string_view>
 
 #include "json_member.h"
 #include "service/grant.h"
@@ -9,15 +11,15 @@ namespace ZELT::TokenManager {
 namespace {
 
 // Grants are tested as the search reaches them, so that only those looked at can be malformed.
-const Json::Value& FindGrant(const Json::Value& privilege, const std::string& api,
-                             const std::string& method) {
+const Json::Value& FindGrant(const Json::Value& privilege, std::string_view api,
+                             std::string_view method) {
   for (const Json::Value& grant : privilege) {
-    const std::string granted_api = StringMember(grant, "api", "service/fastapi.cpp:34");
-    const std::string granted_method = StringMember(grant, "method", "service/fastapi.cpp:35");
+    const std::string_view granted_api = StringMember(grant, "api", "service/fastapi.cpp:34");
+    const std::string_view granted_method = StringMember(grant, "method", "service/fastapi.cpp:35");
     if (granted_api == api && granted_method == method) return grant;
   }
-  throw std::runtime_error("service/fastapi.cpp:47 api=" + api + " method=" + method +
-                           " is not on the permitted list");
+  throw std::runtime_error("service/fastapi.cpp:47 api=" + std::string(api) +
+                           " method=" + std::string(method) + " is not on the permitted list");
 }
 
 }  // namespace
@@ -29,8 +31,8 @@ Json::Value FastAPI::Issue(const Json::Value& request, const Json::Value& privil
   const Json::Value& payload = ArrayMember(request, "payload", "service/fastapi.cpp:22");
   ExpectArray(privilege, "service/fastapi.cpp:23");
   for (const Json::Value& wanted : payload) {
-    const std::string api = StringMember(wanted, "api", "service/fastapi.cpp:26");
-    const std::string method = StringMember(wanted, "method", "service/fastapi.cpp:27");
+    const std::string_view api = StringMember(wanted, "api", "service/fastapi.cpp:26");
+    const std::string_view method = StringMember(wanted, "method", "service/fastapi.cpp:27");
     granted.append(FindGrant(privilege, api, method));
   }
   return granted;
@@ -38,12 +40,12 @@ Json::Value FastAPI::Issue(const Json::Value& request, const Json::Value& privil
 
 bool FastAPI::Validate(const Json::Value& request, const Json::Value& data) {
   const Json::Value& payload = ObjectMember(request, "payload", "service/fastapi.cpp:58");
-  const std::string api = StringMember(payload, "api", "service/fastapi.cpp:59");
-  const std::string method = StringMember(payload, "method", "service/fastapi.cpp:60");
-  const std::string runner = StringMember(payload, "runner", "service/fastapi.cpp:61");
+  const std::string_view api = StringMember(payload, "api", "service/fastapi.cpp:59");
+  const std::string_view method = StringMember(payload, "method", "service/fastapi.cpp:60");
+  const std::string_view runner = StringMember(payload, "runner", "service/fastapi.cpp:61");
   for (const Json::Value& grant : ArrayMember(data, "payload", "service/fastapi.cpp:62")) {
-    const std::string granted_api = StringMember(grant, "api", "service/fastapi.cpp:67");
-    const std::string granted_method = StringMember(grant, "method", "service/fastapi.cpp:68");
+    const std::string_view granted_api = StringMember(grant, "api", "service/fastapi.cpp:67");
+    const std::string_view granted_method = StringMember(grant, "method", "service/fastapi.cpp:68");
     if (granted_api == api && granted_method == method) {
       return IsAdmitted(runner, grant, "runner", data);
     }

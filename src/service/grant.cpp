@@ -5,11 +5,12 @@
 
 namespace ZELT::TokenManager {
 
-bool IsAdmitted(const std::string& identity, const Json::Value& grant, const std::string& list_name,
+bool IsAdmitted(std::string_view identity, const Json::Value& grant, std::string_view list_name,
                 const Json::Value& data) {
   static const Json::Value requester_only("requester");
-  const Json::Value& permitted = grant.isMember(list_name) ? grant[list_name] : requester_only;
-  return IsIdentityInPermittedList(identity, permitted, TextOf(MemberOrNull(data, "requester")));
+  const Json::Value* list = grant.find(list_name.data(), list_name.data() + list_name.size());
+  return IsIdentityInPermittedList(std::string(identity), list != nullptr ? *list : requester_only,
+                                   TextOf(MemberOrNull(data, "requester")));
 }
 
 }  // namespace ZELT::TokenManager

@@ -3,13 +3,13 @@
 
 #include <json/value.h>
 
-#include <string>
+#include <string_view>
 
 namespace ZELT::TokenManager {
 
 /// Returns whether the permitted list that `grant` holds under `list_name` admits `identity`. A
 /// grant without the list admits only the requester in the token's associated `data`.
-bool IsAdmitted(const std::string& identity, const Json::Value& grant, const std::string& list_name,
+bool IsAdmitted(std::string_view identity, const Json::Value& grant, std::string_view list_name,
                 const Json::Value& data);
 
 }  // namespace ZELT::TokenManager

@@ -3,6 +3,8 @@
 #include <functional>
 #include <map>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 
 #include "json_member.h"
 #include "service/grant.h"
@@ -24,16 +26,16 @@ ActionTable MakeActionTable(const TaskManager& tasks) {
 }
 
 // Grants are tested as the search reaches them, so that only those looked at can be malformed.
-const Json::Value& FindGrant(const Json::Value& privilege, const std::string& prefix) {
+const Json::Value& FindGrant(const Json::Value& privilege, std::string_view prefix) {
   for (const Json::Value& grant : privilege) {
     if (StringMember(grant, "prefix", "service/taskmanager.cpp:38") == prefix) return grant;
   }
-  throw std::runtime_error("service/taskmanager.cpp:50 prefix=" + prefix +
+  throw std::runtime_error("service/taskmanager.cpp:50 prefix=" + std::string(prefix) +
                            " is not on the permitted list");
 }
 
 // Whether a grant of `prefix` covers the new task that `args` describe.
-bool CoversNewTask(const Json::Value& args, const std::string& prefix) {
+bool CoversNewTask(const Json::Value& args, std::string_view prefix) {
   const Json::Value& wanted_prefix = MemberOrNull(args, "prefix");
   if (wanted_prefix.isString()) return wanted_prefix.asString() == prefix;
   const Json::Value& task = MemberOrNull(args, "task");
@@ -48,14 +50,14 @@ std::string TaskManager::GetName() { return "taskmanager"; }
 Json::Value TaskManager::Issue(const Json::Value& request, const Json::Value& privilege) {
   Json::Value granted(Json::arrayValue);
   const Json::Value& payload = ObjectMember(request, "payload", "service/taskmanager.cpp:22");
-  const std::string action = StringMember(payload, "action", "service/taskmanager.cpp:23");
+  const std::string_view action = StringMember(payload, "action", "service/taskmanager.cpp:23");
   const Json::Value& args = ArrayMember(payload, "args", "service/taskmanager.cpp:24");
   ExpectArray(privilege, "service/taskmanager.cpp:25");
   if (action != "issue") {
     throw std::runtime_error("service/taskmanager.cpp:28 unexpected action, \"issue\" expected");
   }
   for (const Json::Value& wanted : args) {
-    const std::string prefix = StringMember(wanted, "prefix", "service/taskmanager.cpp:32");
+    const std::string_view prefix = StringMember(wanted, "prefix", "service/taskmanager.cpp:32");
     granted.append(FindGrant(privilege, prefix));
   }
   return granted;
@@ -63,7 +65,7 @@ Json::Value TaskManager::Issue(const Json::Value& request, const Json::Value& pr
 
 bool TaskManager::Validate(const Json::Value& request, const Json::Value& data) {
   const Json::Value& payload = ObjectMember(request, "payload", "service/taskmanager.cpp:73");
-  const std::string action = StringMember(payload, "action", "service/taskmanager.cpp:74");
+  const std::string action(StringMember(payload, "action", "service/taskmanager.cpp:74"));
   const Json::Value& args = ObjectMember(payload, "args", "service/taskmanager.cpp:75");
   const Json::Value& grants = ArrayMember(data, "payload", "service/taskmanager.cpp:76");
 
@@ -80,8 +82,8 @@ bool TaskManager::Validate(const Json::Value& request, const Json::Value& data) 
 
 bool TaskManager::CheckTaskIdAndOwner(const Json::Value& args, const Json::Value& entry,
                                       const Json::Value& data) {
-  const std::string task = StringMember(args, "task", "service/taskmanager.cpp:112");
-  const std::string prefix = StringMember(entry, "prefix", "service/taskmanager.cpp:113");
+  const std::string_view task = StringMember(args, "task", "service/taskmanager.cpp:112");
+  const std::string_view prefix = StringMember(entry, "prefix", "service/taskmanager.cpp:113");
   if (!task.starts_with(prefix)) return false;
   return IsAdmitted(StringMember(args, "owner", "service/taskmanager.cpp:120"), entry, "owner",
                     data);
@@ -89,7 +91,7 @@ bool TaskManager::CheckTaskIdAndOwner(const Json::Value& args, const Json::Value
 
 bool TaskManager::CheckTaskInfoAndOwner(const Json::Value& args, const Json::Value& entry,
                                         const Json::Value& data) {
-  const std::string prefix = StringMember(entry, "prefix", "service/taskmanager.cpp:184");
+  const std::string_view prefix = StringMember(entry, "prefix", "service/taskmanager.cpp:184");
   if (!CoversNewTask(args, prefix)) return false;
   return IsAdmitted(StringMember(args, "owner", "service/taskmanager.cpp:199"), entry, "owner",
                     data);
@@ -97,8 +99,8 @@ bool TaskManager::CheckTaskInfoAndOwner(const Json::Value& args, const Json::Val
 
 bool TaskManager::CheckTaskPrefixAndOwner(const Json::Value& args, const Json::Value& entry,
                                           const Json::Value& data) {
-  const std::string wanted = StringMember(args, "prefix", "service/taskmanager.cpp:148");
-  const std::string prefix = StringMember(entry, "prefix", "service/taskmanager.cpp:149");
+  const std::string_view wanted = StringMember(args, "prefix", "service/taskmanager.cpp:148");
+  const std::string_view prefix = StringMember(entry, "prefix", "service/taskmanager.cpp:149");
   if (wanted != prefix) return false;
   return IsAdmitted(StringMember(args, "owner", "service/taskmanager.cpp:154"), entry, "owner",
                     data);
