@@ -1,5 +1,6 @@
 #include "zelttokenmanager/storage/json_file_storage.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -8,7 +9,7 @@
 #include <boost/interprocess/mapped_region.hpp>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <ext/stdio_filebuf.h>
 #include <optional>
 #include <stdexcept>
 
@@ -20,6 +21,7 @@ namespace {
 
 namespace fs = boost::filesystem;
 namespace ipc = boost::interprocess;
+using Stream = __gnu_cxx::stdio_filebuf<char>;  // over an open descriptor
 
 constexpr fs::perms kDirectoryMode = fs::owner_write | fs::owner_exe;
 
@@ -84,6 +86,25 @@ std::string ReadData(const std::string& storage_path, const std::string& lock_pa
   return record ? std::string(record->data, record->end) : std::string();
 }
 
+// Opens the store's file in order to append to it, and makes it where it is missing. The stream has
+// no buffer: a record is one string, which goes to the kernel in one write.
+Stream OpenToAppend(const std::string& path) {
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC;
+  int file = open(path.c_str(), kFlags);
+  if (file < 0 && !fs::exists(path)) {
+    if (QLIBCFileTouch(path.c_str()) != 0) {
+      throw std::runtime_error("storage/json_file_storage.cpp:43 failed to create storage");
+    }
+    file = open(path.c_str(), kFlags);
+  }
+  Stream stream(file, std::ios::out | std::ios::app, 1);
+  if (!stream.is_open()) {
+    close(file);
+    throw std::runtime_error("storage/json_file_storage.cpp:48 failed to open storage");
+  }
+  return stream;
+}
+
 }  // namespace
 
 JsonFileStorage::JsonFileStorage(const std::string& path)
@@ -100,29 +121,13 @@ JsonFileStorage::~JsonFileStorage() = default;
 
 void JsonFileStorage::Insert(const std::string& token, const Json::Value& data) {
   const FileLock lock(lock_path, true);
-  boost::system::error_code unsized;  // the store may be missing, or a device
-  auto old_size = fs::file_size(storage_path, unsized);
-  if (unsized && !fs::exists(storage_path)) {
-    if (QLIBCFileTouch(storage_path.c_str()) != 0) {
-      throw std::runtime_error("storage/json_file_storage.cpp:43 failed to create storage");
-    }
-    unsized.clear();
-    old_size = 0;
-  }
-
-  std::ofstream file;
-  file.rdbuf()->pubsetbuf(nullptr, 0);  // the record is one string already
-  file.open(storage_path, std::ios::out | std::ios::app);
-  if (!file.is_open()) {
-    throw std::runtime_error("storage/json_file_storage.cpp:48 failed to open storage");
-  }
-  // The stream hands one string to the kernel in one write.
-  file << token + ' ' + toString(data) + '\n' << std::flush;
-  file.close();
-  if (file.bad()) {
+  Stream file = OpenToAppend(storage_path);
+  const off_t old_size = lseek(file.fd(), 0, SEEK_END);
+  const std::string record = token + ' ' + toString(data) + '\n';
+  const auto size = static_cast<std::streamsize>(record.size());
+  if (file.sputn(record.data(), size) != size) {
     // What was written of the line is cut off again: the next one would become a part of it.
-    boost::system::error_code ignored;
-    if (!unsized) fs::resize_file(storage_path, old_size, ignored);
+    [[maybe_unused]] const int ignored = ftruncate(file.fd(), old_size);
     throw std::runtime_error("storage/json_file_storage.cpp:55 failed to update storage");
   }
 }
