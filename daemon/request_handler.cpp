@@ -1,16 +1,13 @@
 #include "request_handler.h"
 
 #include <sys/socket.h>
-#include <sysexits.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <map>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
 
 #include "json_text.h"
 #include "zelttokenmanager/utils.h"
@@ -22,17 +19,22 @@ using ZELT::TokenManager::toString;
 
 struct RequestHandler::Operation {
   void (*run)(TokenManager&, const ucred&, const Json::Value&, Json::Value&);
-  bool changes;     // something that is kept
-  bool needs_undo;  // failing half-way, it would lose the token
+  bool by_owner;   // who has to have a process id
+  bool removes;    // a record
+  bool reinserts;  // it: failing half-way, the token would be lost
 };
 
 namespace {
 
 // Values in a request: some thousand API methods or tasks. A message of the greatest length could
 // hold half a million, and keep everybody waiting while it is parsed and copied.
-constexpr std::ptrdiff_t kMaxValues = 10000;
+constexpr std::size_t kMaxValues = 10000;
 
-bool BeginsAValue(char c) { return c == ',' || c == '[' || c == '{'; }
+bool HoldsTooManyValues(const std::string& text) {
+  const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
+  return text.size() > kMaxValues &&
+         std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
+}
 
 constexpr std::size_t kShortestToken = 32;
 constexpr std::size_t kLongestToken = 64;
@@ -74,32 +76,30 @@ void LogRefusal(int connection, const Json::Value& request, std::string_view rea
 // The store ends a token at a space and a line at a newline, the cache ends a token at a NUL byte:
 // with one of them in it, a text would mean one token to the store and another to the cache.
 void ExpectWholeToken(const Json::Value& request) {
-  if (!request["token"].isString()) return;
-  const std::string token = request["token"].asString();
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  if (!request["token"].getString(&begin, &end)) return;
+  const std::string_view token(begin, end);
   // Looking it up takes room in the cache, for which others' records would go.
   if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
-  if (token.find_first_of(std::string_view(" \n\0", 3)) != std::string::npos) {
+  const auto holds = [token](char c) { return token.find(c) != token.npos; };
+  if (holds(' ') || holds('\n') || holds('\0')) {
     throw std::runtime_error("no token holds a space, a newline or a NUL byte");
   }
 }
 
 }  // namespace
 
-RequestHandler::RequestHandler(TokenManager& token_manager, std::shared_ptr<SafeStore> store,
-                               SharedState& shared_state, WorkersLock& lock)
-    : manager(token_manager),
-      safe_store(std::move(store)),
-      shared(shared_state),
-      workers_lock(lock) {}
+RequestHandler::RequestHandler(TokenManager& token_manager, SafeStore& store,
+                               SharedState& shared_state)
+    : manager(token_manager), safe_store(store), shared(shared_state) {}
 
 std::string RequestHandler::Answer(int connection, const std::string& text) {
   Json::Value request;
   Json::Value response(Json::objectValue);
   response["success"] = false;
   try {
-    if (std::count_if(text.begin(), text.end(), BeginsAValue) > kMaxValues) {
-      throw std::runtime_error("too many values");
-    }
+    if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
     if (!fromString(text, request) || !request.isObject()) {
       throw std::runtime_error("not a JSON object");
     }
@@ -116,20 +116,24 @@ void RequestHandler::Handle(int connection, const Json::Value& request, Json::Va
   static const std::map<std::string, Operation> operations = {
       {"issue",
        {.run = [](auto& m, auto&... args) { m.IssueToken(args...); },
-        .changes = true,
-        .needs_undo = false}},
+        .by_owner = true,
+        .removes = false,
+        .reinserts = false}},
       {"validate",
        {.run = [](auto& m, auto&... args) { m.ValidateToken(args...); },
-        .changes = false,
-        .needs_undo = false}},
+        .by_owner = false,
+        .removes = false,
+        .reinserts = false}},
       {"revoke",
        {.run = [](auto& m, auto&... args) { m.RevokeToken(args...); },
-        .changes = true,
-        .needs_undo = false}},
+        .by_owner = true,
+        .removes = true,
+        .reinserts = false}},
       {"transfer",
        {.run = [](auto& m, auto&... args) { m.TransferToken(args...); },
-        .changes = true,
-        .needs_undo = true}},
+        .by_owner = true,
+        .removes = true,
+        .reinserts = true}},
   };
   const Json::Value& type = request["type"];
   const auto found = operations.find(type.isString() ? type.asString() : "");
@@ -137,7 +141,7 @@ void RequestHandler::Handle(int connection, const Json::Value& request, Json::Va
 
   const ucred peer = GetPeerCredential(connection);
   // Processes of a foreign pid namespace all have this id here, so it cannot own anything.
-  if (found->second.changes && peer.pid == 0) {
+  if (found->second.by_owner && peer.pid == 0) {
     throw std::runtime_error("the peer's process has no id here");
   }
   ExpectWholeToken(request);
@@ -146,20 +150,12 @@ void RequestHandler::Handle(int connection, const Json::Value& request, Json::Va
 
 void RequestHandler::Run(const Operation& operation, const ucred& peer, const Json::Value& request,
                          Json::Value& response) {
-  const WorkersLock::Guard lock(workers_lock, operation.changes);
-  if (shared.changing) _exit(EX_TEMPFAIL);
-  if (!operation.changes) return operation.run(manager, peer, request, response);
-
-  shared.changing = true;
-  safe_store->AllowUncopied(!operation.needs_undo);
+  if (operation.removes) safe_store.BeginRemoval(operation.reinserts);
   try {
     operation.run(manager, peer, request, response);
   } catch (...) {
-    safe_store->Rollback();
-    shared.changing = false;
+    safe_store.Rollback();
     throw;
   }
-  // Should one of these throw, the change counts as cut short: the next generation undoes it.
-  safe_store->Commit();
-  shared.changing = false;
+  safe_store.Commit();
 }

@@ -3,23 +3,20 @@
 
 #include <json/value.h>
 
-#include <memory>
 #include <string>
 
 #include "safe_store.h"
 #include "shared_state.h"
-#include "workers_lock.h"
 #include "zelttokenmanager/token_manager.h"
 
-/// Answers requests, one at a time, each under the workers' lock.
+/// Answers requests, one at a time.
 ///
-/// Processes: each worker has its own object over one store and one `SharedState`. A worker that
-/// finds a change cut short ends at once, unanswered, and leaves the mending to the next
-/// generation.
+/// Processes: each worker has its own object over one manager, one store, which is the manager's,
+/// and one `SharedState`.
 class RequestHandler {
  public:
-  RequestHandler(ZELT::TokenManager::TokenManager& token_manager, std::shared_ptr<SafeStore> store,
-                 SharedState& shared_state, WorkersLock& lock);
+  RequestHandler(ZELT::TokenManager::TokenManager& token_manager, SafeStore& store,
+                 SharedState& shared_state);
 
   /// Returns the response to the request `text` that came over `connection`. Whatever a client
   /// sends is answered; the reason of a refusal goes to the log, and a token never does.
@@ -33,7 +30,6 @@ class RequestHandler {
            Json::Value& response);
 
   ZELT::TokenManager::TokenManager& manager;
-  std::shared_ptr<SafeStore> safe_store;
+  SafeStore& safe_store;
   SharedState& shared;
-  WorkersLock& workers_lock;
 };

@@ -1,9 +1,12 @@
 #include "safe_store.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sysexits.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <stdexcept>
@@ -17,78 +20,124 @@ using ZELT::TokenManager::toString;
 
 namespace {
 
-// A thousand granted API methods or tasks. Each validation of a token parses its record, some of
-// that under the mutex of the cache.
+// A thousand granted API methods or tasks. Each validation of a token parses its record.
 constexpr std::size_t kMaxRecordBytes = 64U << 10;
 
-// Ends the last line of the file where that was torn, so that the next record gets a line of its
-// own. Returns whether it was. What is no regular file has no size.
-bool EndLastLine(int file) {
-  const off_t size = lseek(file, 0, SEEK_END);
-  char last = '\n';
-  if (size <= 0 || pread(file, &last, 1, size - 1) != 1 || last == '\n') return false;
-  if (write(file, "\n", 1) == 1) return true;
-  throw std::system_error(errno, std::generic_category(), "cannot end a torn line of the store");
+// Returns -1 when there is no such file.
+off_t SizeOf(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
 }
 
+// Whether the file ends in the middle of a line. What is no regular file has no size.
+bool IsTorn(int file) {
+  const off_t size = lseek(file, 0, SEEK_END);
+  char last = '\n';
+  return size > 0 && pread(file, &last, 1, size - 1) == 1 && last != '\n';
+}
+
+// Ends the last line of the store where that was torn, so that the next record gets a line of its
+// own.
 void EndLastLine(const std::string& path) {
   const int file = open(path.c_str(), O_RDWR | O_APPEND | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) return;  // the store itself will say why
-  try {
-    if (EndLastLine(file)) syslog(LOG_WARNING, "ended the torn last line of %s", path.c_str());
-  } catch (...) {
-    close(file);
-    throw;
-  }
+  const bool torn = IsTorn(file);
+  const bool ended = torn && write(file, "\n", 1) == 1;
+  const int error = errno;
   close(file);
+  if (torn && !ended) {
+    throw std::system_error(error, std::generic_category(), "cannot end a torn line of the store");
+  }
+  if (torn) syslog(LOG_WARNING, "ended the torn last line of %s", path.c_str());
 }
 
 }  // namespace
 
-SafeStore::SafeStore(const std::string& path)
-    : store(path), store_path(path), lock_path(path + ".lock"), undo_path(path + ".undo") {}
-
-const std::string& SafeStore::Path() const { return store_path; }
+SafeStore::SafeStore(const std::string& path, SharedState& shared_state)
+    : store(path),
+      store_path(path),
+      lock_path(path + ".lock"),
+      undo_path(path + ".undo"),
+      shared(shared_state),
+      workers_lock(path, shared_state) {}
 
 void SafeStore::Recover() {
+  // No worker is in the middle of a change then, be it another daemon's.
+  workers_lock.Lock(true);
+  held = Held::kExclusive;
+  const Ending ending{*this};
   const FileLock lock(lock_path, true);
+  shared.changing = false;
   if (!fs::exists(undo_path)) return;
   fs::rename(undo_path, store_path);
   syslog(LOG_WARNING, "undid a change of %s that was cut short", store_path.c_str());
 }
 
 void SafeStore::Insert(const std::string& token, const Json::Value& data) {
-  if (toString(data).size() > kMaxRecordBytes) throw std::runtime_error("the record is too long");
-  EndLastLine(store_path);
+  const std::size_t length = toString(data).size();
+  if (length > kMaxRecordBytes) throw std::runtime_error("the record is too long");
+  Lock(Held::kExclusive);
+  off_t size = SizeOf(store_path);
+  if (size != shared.whole_size) {
+    EndLastLine(store_path);
+    size = SizeOf(store_path);
+  }
   store.Insert(token, data);
+  shared.whole_size = std::max<off_t>(size, 0) + static_cast<off_t>(token.size() + length + 2);
 }
 
 void SafeStore::Remove(const std::string& token) {
   try {
     Copy();
   } catch (const fs::filesystem_error& error) {
-    if (!uncopied_allowed) throw;
+    if (must_copy) throw;
     syslog(LOG_WARNING, "removing without a copy of the store: %s", error.what());
   }
   store.Remove(token);
 }
 
 Json::Value SafeStore::GetAssociatedData(const std::string& token) {
+  Lock(Held::kShared);
   return store.GetAssociatedData(token);
 }
 
-void SafeStore::AllowUncopied(bool allowed) { uncopied_allowed = allowed; }
+void SafeStore::BeginRemoval(bool copy_needed) {
+  must_copy = copy_needed;
+  Lock(Held::kExclusive);
+}
 
 void SafeStore::Commit() {
+  const Ending ending{*this};
   if (copied) fs::remove(undo_path);
-  copied = false;
+  EndChange();
 }
 
 void SafeStore::Rollback() {
-  if (!copied) return;
+  const Ending ending{*this};
+  if (copied) {
+    const FileLock lock(lock_path, true);
+    fs::rename(undo_path, store_path);
+  }
+  EndChange();
+}
+
+// Not reached when a change could be neither finished nor undone: it counts as cut short then.
+void SafeStore::EndChange() {
   copied = false;
-  const FileLock lock(lock_path, true);
-  fs::rename(undo_path, store_path);
+  if (held == Held::kExclusive) shared.changing = false;
+}
+
+void SafeStore::Lock(Held wanted) {
+  if (held >= wanted) return;
+  workers_lock.Lock(wanted == Held::kExclusive);
+  held = wanted;
+  if (shared.changing) _exit(EX_TEMPFAIL);
+  shared.changing = wanted == Held::kExclusive;
+}
+
+void SafeStore::Unlock() {
+  if (held != Held::kNothing) workers_lock.Unlock();
+  held = Held::kNothing;
 }
 
 void SafeStore::Copy() {

@@ -81,7 +81,8 @@ void AwaitChild(steady_clock::time_point deadline) {
 Supervisor::Supervisor(const Options& daemon_options)
     : signals(BlockSignals()),
       options(daemon_options),
-      store(std::make_shared<SafeStore>(daemon_options.store)),
+      shared(MakeSharedState()),
+      store(std::make_shared<SafeStore>(daemon_options.store, *shared)),
       generation(MakeGeneration()),
       server(kSocketPath, daemon_options.limits),
       supervisor(getpid()) {}
@@ -109,14 +110,9 @@ void Supervisor::Run() {
 }
 
 Supervisor::Generation Supervisor::MakeGeneration() {
+  store->Recover();
+  shared->answered = false;
   Generation made;
-  made.shared = MakeSharedState();
-  made.workers_lock = std::make_unique<WorkersLock>(store->Path(), *made.shared);
-  {
-    // Under the workers' lock no live worker, be it another daemon's, is in the middle of a change.
-    const WorkersLock::Guard lock(*made.workers_lock, true);
-    store->Recover();
-  }
   if (options.cache_bytes != 0) made.cache = std::make_shared<LRUCacheStorage>(options.cache_bytes);
   made.manager = std::make_unique<TokenManager>(options.installed_config, store, made.cache);
   made.manager->AddService(std::make_shared<FastAPI>());
@@ -147,8 +143,7 @@ void Supervisor::EndWorkers(int signal, milliseconds grace) {
 }
 
 void Supervisor::ReplaceGeneration() {
-  const bool died_at_once =
-      !generation.shared->answered && steady_clock::now() - generation.born < kStillborn;
+  const bool died_at_once = !shared->answered && steady_clock::now() - generation.born < kStillborn;
   stillborn = died_at_once ? stillborn + 1 : 0;
   EndWorkers(kHandOver, kHandOverGrace);
   if (stillborn == kMaxStillborn) throw std::runtime_error("workers keep dying at once");
@@ -173,7 +168,7 @@ void Supervisor::Serve() {
   signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides
   signal(SIGUSR1, SIG_IGN);
 
-  RequestHandler handler(*generation.manager, store, *generation.shared, *generation.workers_lock);
+  RequestHandler handler(*generation.manager, *store, *shared);
   server.OnSignal(SIGTERM, [this] { server.Stop(); });
   server.OnSignal(kHandOver, [this] { server.HandOver(); });
   server.Serve([&handler](int connection, const std::string& request) {

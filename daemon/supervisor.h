@@ -12,7 +12,6 @@
 #include "options.h"
 #include "safe_store.h"
 #include "shared_state.h"
-#include "workers_lock.h"
 #include "zeltdaemon/domain_sock_server.h"
 #include "zelttokenmanager/token_manager.h"
 
@@ -40,8 +39,6 @@ class Supervisor {
   struct Generation {
     std::shared_ptr<ZELT::TokenManager::CacheStorage> cache;  // may be empty
     std::unique_ptr<ZELT::TokenManager::TokenManager> manager;
-    std::shared_ptr<SharedState> shared;
-    std::unique_ptr<WorkersLock> workers_lock;
     std::vector<pid_t> workers;
     std::chrono::steady_clock::time_point born;
   };
@@ -57,6 +54,7 @@ class Supervisor {
 
   const sigset_t signals;
   const Options& options;
+  std::shared_ptr<SharedState> shared;
   std::shared_ptr<SafeStore> store;
   Generation generation;
   zeltdaemon::DomainSockServer server;

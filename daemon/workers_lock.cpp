@@ -16,20 +16,21 @@ int Open(const std::string& path) {
   return file;
 }
 
-// Waits for a lock of the type, or releases it, over the whole file: fcntl(2).
-bool Set(int file, int type) {
+// Sets a record lock over the whole file, fcntl(2): waiting for it with F_SETLKW, false with
+// F_SETLK when somebody else's is in the way.
+bool Set(int file, int command, int type) {
   struct flock lock {};
   lock.l_type = static_cast<decltype(lock.l_type)>(type);
   lock.l_whence = SEEK_SET;
   int result = 0;
   do {
-    result = fcntl(file, F_SETLKW, &lock);
+    result = fcntl(file, command, &lock);
   } while (result != 0 && errno == EINTR);
   return result == 0;
 }
 
 void Release(int file) {
-  if (Set(file, F_UNLCK)) return;
+  if (Set(file, F_SETLK, F_UNLCK)) return;
   syslog(LOG_ERR, "cannot release the workers' lock: %s", std::strerror(errno));
 }
 
@@ -47,15 +48,16 @@ WorkersLock::~WorkersLock() {
 
 void WorkersLock::Lock(bool exclusive) {
   const int type = exclusive ? F_WRLCK : F_RDLCK;
-  const bool in_turn = exclusive || shared.writer_waits;
-  if (in_turn && !Set(turn_file, type)) {
+  if (!shared.writer_waits && Set(lock_file, F_SETLK, type)) return;
+
+  if (!Set(turn_file, F_SETLKW, type)) {
     throw std::system_error(errno, std::generic_category(), "cannot wait for a turn");
   }
   if (exclusive) shared.writer_waits = true;
-  const bool locked = Set(lock_file, type);
+  const bool locked = Set(lock_file, F_SETLKW, type);
   const int error = errno;
   if (exclusive) shared.writer_waits = false;
-  if (in_turn) Release(turn_file);
+  Release(turn_file);
   if (!locked) {
     throw std::system_error(error, std::generic_category(), "cannot lock out the other workers");
   }

@@ -5,13 +5,13 @@
 
 #include "shared_state.h"
 
-/// Held by a worker while it runs a request: shared when the request only reads, exclusive when it
-/// changes something. A worker that fetches a record while another revokes it could otherwise put
-/// the revoked record back into the cache.
+/// Held by a worker while it reads the store, shared, or changes something, exclusive, until it is
+/// done with the request. A worker that fetches a record while another revokes it could otherwise
+/// put the revoked record back into the cache. What the cache alone answers needs no lock.
 ///
 /// The kernel wakes all who wait for a record lock and lets readers in beside readers, so that many
-/// busy readers would keep a writer out for good. A waiting writer therefore says so, and readers
-/// that come after it wait for its turn.
+/// busy readers would keep a writer out for good. A waiting writer therefore says so, and whoever
+/// comes after it waits for his turn.
 ///
 /// Processes: those forked after it was made use their copies of one object. The kernel releases
 /// what a process holds when it dies. Threads: one. The two files stay open, because opening them
@@ -30,18 +30,6 @@ class WorkersLock {
 
   /// Releases the lock; a failure is logged.
   void Unlock();
-
-  /// Holds the lock for its lifetime.
-  class Guard {
-   public:
-    Guard(WorkersLock& workers_lock, bool exclusive) : lock(workers_lock) { lock.Lock(exclusive); }
-    ~Guard() { lock.Unlock(); }
-    Guard(const Guard&) = delete;
-    Guard& operator=(const Guard&) = delete;
-
-   private:
-    WorkersLock& lock;
-  };
 
  private:
   SharedState& shared;

@@ -89,14 +89,13 @@ class Daemon {
 
  private:
   static std::shared_ptr<SafeStore> Store() {
-    static const auto store = std::make_shared<SafeStore>(kStore);
+    static const auto store = std::make_shared<SafeStore>(kStore, shared);
     return store;
   }
 
   TokenManager manager{"/var/installed", Store(), std::make_shared<LRUCacheStorage>(kCacheBytes)};
-  SharedState shared;
-  WorkersLock workers_lock{Store()->Path(), shared};
-  RequestHandler handler{manager, Store(), shared, workers_lock};
+  inline static SharedState shared;
+  RequestHandler handler{manager, *Store(), shared};
 };
 
 void ExpectUnlogged(const std::set<std::string>& tokens) {
