@@ -108,7 +108,7 @@ std::string RequestHandler::Answer(int connection, const std::string& text) {
     response["success"] = false;
     LogRefusal(connection, request, refusal.what());
   }
-  shared.answered = true;
+  if (!shared.answered) shared.answered = true;  // a write would take the line from the others
   return toString(response);
 }
 

@@ -132,7 +132,7 @@ void SafeStore::Lock(Held wanted) {
   workers_lock.Lock(wanted == Held::kExclusive);
   held = wanted;
   if (shared.changing) _exit(EX_TEMPFAIL);
-  shared.changing = wanted == Held::kExclusive;
+  if (wanted == Held::kExclusive) shared.changing = true;
 }
 
 void SafeStore::Unlock() {
