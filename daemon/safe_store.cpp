@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "json_text.h"
 
@@ -108,13 +109,13 @@ void SafeStore::BeginRemoval(bool copy_needed) {
 
 void SafeStore::Commit() {
   const Ending ending{*this};
-  if (copied) fs::remove(undo_path);
+  if (std::exchange(copied, false)) fs::remove(undo_path);
   EndChange();
 }
 
 void SafeStore::Rollback() {
   const Ending ending{*this};
-  if (copied) {
+  if (std::exchange(copied, false)) {
     const FileLock lock(lock_path, true);
     fs::rename(undo_path, store_path);
   }
@@ -123,7 +124,6 @@ void SafeStore::Rollback() {
 
 // Not reached when a change could be neither finished nor undone: it counts as cut short then.
 void SafeStore::EndChange() {
-  copied = false;
   if (held == Held::kExclusive) shared.changing = false;
 }
 
