@@ -1,12 +1,10 @@
 #include "safe_store.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sysexits.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <stdexcept>
@@ -23,12 +21,6 @@ namespace {
 
 // A thousand granted API methods or tasks. Each validation of a token parses its record.
 constexpr std::size_t kMaxRecordBytes = 64U << 10;
-
-// Returns -1 when there is no such file.
-off_t SizeOf(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
-}
 
 // Whether the file ends in the middle of a line. What is no regular file has no size.
 bool IsTorn(int file) {
@@ -75,20 +67,16 @@ void SafeStore::Recover() {
 }
 
 void SafeStore::Insert(const std::string& token, const Json::Value& data) {
-  const std::size_t length = toString(data).size();
-  if (length > kMaxRecordBytes) throw std::runtime_error("the record is too long");
+  if (toString(data).size() > kMaxRecordBytes) throw std::runtime_error("the record is too long");
   Lock(Held::kExclusive);
-  off_t size = SizeOf(store_path);
-  if (size != shared.whole_size) {
-    EndLastLine(store_path);
-    size = SizeOf(store_path);
-  }
+  EndLastLine(store_path);
   store.Insert(token, data);
-  shared.whole_size = std::max<off_t>(size, 0) + static_cast<off_t>(token.size() + length + 2);
 }
 
 void SafeStore::Remove(const std::string& token) {
   try {
+    // Without the lock file nothing can be removed, nor be put back.
+    const FileLock lock(lock_path, false);
     Copy();
   } catch (const fs::filesystem_error& error) {
     if (must_copy) throw;

@@ -21,7 +21,8 @@
 /// leaves the mending to `Recover`, before the next generation.
 ///
 /// Processes: those forked after it was made use their copies of one object. Threads: one. Throws
-/// what `JsonFileStorage` and `WorkersLock` throw.
+/// what `JsonFileStorage` and `WorkersLock` throw, and `std::filesystem::filesystem_error` for the
+/// copy.
 class SafeStore : public ZELT::TokenManager::TokenStorage {
  public:
   SafeStore(const std::string& path, SharedState& shared_state);

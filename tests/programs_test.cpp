@@ -242,6 +242,18 @@ TEST_F(ProgramsTest, LocksOtherWorkersOutOfTheStoreOnly) {
   }
 }
 
+TEST_F(ProgramsTest, RefusesChangesWithoutTheLockFile) {
+  const Daemon daemon("--workers 1");
+  const std::string token = Issue();
+  fs::rename(kStore + ".lock", kStore + ".lost");
+  EXPECT_EQ(Issue(), "");
+  EXPECT_EQ(Ask("revoke", token, "null"), kRefused);
+  EXPECT_EQ(Ask("transfer", token, "1"), kRefused);
+  fs::rename(kStore + ".lost", kStore + ".lock");
+  EXPECT_EQ(Validate(token), kPermitted);
+  EXPECT_EQ(Ask("revoke", token, "null"), kDone);
+}
+
 TEST_F(ProgramsTest, KeepsTheTokenOfATransferThatFails) {
   WriteFile("/var/small/full", "");
   MountEmpty("/var/small", "size=16384");
