@@ -5,10 +5,10 @@
 namespace ZELT::TokenManager {
 namespace {
 
-void ExpectMember(bool of_type, const char* name, const char* type, const char* where) {
+void ExpectMember(bool of_type, std::string_view name, const char* type, const char* where) {
   if (of_type) return;
-  throw std::runtime_error(std::string(where) + " invalid type of \"" + name + "\", " + type +
-                           " expected");
+  throw std::runtime_error(std::string(where) + " invalid type of \"" + std::string(name) + "\", " +
+                           type + " expected");
 }
 
 // The text of a string value; asString would copy it.
@@ -26,25 +26,27 @@ void Expect(bool of_type, const char* type, const char* where) {
 
 }  // namespace
 
-std::string_view StringMember(const Json::Value& object, const char* name, const char* where) {
+std::string_view StringMember(const Json::Value& object, std::string_view name, const char* where) {
   const Json::Value& member = MemberOrNull(object, name);
   ExpectMember(member.isString(), name, "String", where);
   return View(member);
 }
 
-int IntMember(const Json::Value& object, const char* name, const char* where) {
+int IntMember(const Json::Value& object, std::string_view name, const char* where) {
   const Json::Value& member = MemberOrNull(object, name);
   ExpectMember(member.isInt(), name, "Int", where);
   return member.asInt();
 }
 
-const Json::Value& ObjectMember(const Json::Value& object, const char* name, const char* where) {
+const Json::Value& ObjectMember(const Json::Value& object, std::string_view name,
+                                const char* where) {
   const Json::Value& member = MemberOrNull(object, name);
   ExpectMember(member.isObject(), name, "Object", where);
   return member;
 }
 
-const Json::Value& ArrayMember(const Json::Value& object, const char* name, const char* where) {
+const Json::Value& ArrayMember(const Json::Value& object, std::string_view name,
+                               const char* where) {
   const Json::Value& member = MemberOrNull(object, name);
   ExpectMember(member.isArray(), name, "Array", where);
   return member;

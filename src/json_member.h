@@ -12,10 +12,11 @@ namespace ZELT::TokenManager {
 
 // Each returns the member `name` of `object` when that is an object with such a member of the type.
 // Texts are views into `object`.
-std::string_view StringMember(const Json::Value& object, const char* name, const char* where);
-int IntMember(const Json::Value& object, const char* name, const char* where);
-const Json::Value& ObjectMember(const Json::Value& object, const char* name, const char* where);
-const Json::Value& ArrayMember(const Json::Value& object, const char* name, const char* where);
+std::string_view StringMember(const Json::Value& object, std::string_view name, const char* where);
+int IntMember(const Json::Value& object, std::string_view name, const char* where);
+const Json::Value& ObjectMember(const Json::Value& object, std::string_view name,
+                                const char* where);
+const Json::Value& ArrayMember(const Json::Value& object, std::string_view name, const char* where);
 
 /// Throws "<where> invalid type, Array expected" unless `value` is an array.
 void ExpectArray(const Json::Value& value, const char* where);

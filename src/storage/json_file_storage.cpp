@@ -122,11 +122,12 @@ JsonFileStorage::~JsonFileStorage() = default;
 void JsonFileStorage::Insert(const std::string& token, const Json::Value& data) {
   const FileLock lock(lock_path, true);
   Stream file = OpenToAppend(storage_path);
-  const off_t old_size = lseek(file.fd(), 0, SEEK_END);
   const std::string record = token + ' ' + toString(data) + '\n';
   const auto size = static_cast<std::streamsize>(record.size());
-  if (file.sputn(record.data(), size) != size) {
+  const std::streamsize written = file.sputn(record.data(), size);
+  if (written != size) {
     // What was written of the line is cut off again: the next one would become a part of it.
+    const off_t old_size = lseek(file.fd(), 0, SEEK_END) - written;
     [[maybe_unused]] const int ignored = ftruncate(file.fd(), old_size);
     throw std::runtime_error("storage/json_file_storage.cpp:55 failed to update storage");
   }
