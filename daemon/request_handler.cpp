@@ -19,9 +19,9 @@ using ZELT::TokenManager::toString;
 
 struct RequestHandler::Operation {
   void (*run)(TokenManager&, const ucred&, const Json::Value&, Json::Value&);
-  bool by_owner;   // who has to have a process id
-  bool removes;    // a record
-  bool reinserts;  // it: failing half-way, the token would be lost
+  bool by_owner = false;   // who has to have a process id
+  bool removes = false;    // a record
+  bool reinserts = false;  // it: failing half-way, the token would be lost
 };
 
 namespace {
@@ -114,21 +114,12 @@ std::string RequestHandler::Answer(int connection, const std::string& text) {
 
 void RequestHandler::Handle(int connection, const Json::Value& request, Json::Value& response) {
   static const std::map<std::string, Operation> operations = {
-      {"issue",
-       {.run = [](auto& m, auto&... args) { m.IssueToken(args...); },
-        .by_owner = true,
-        .removes = false,
-        .reinserts = false}},
-      {"validate",
-       {.run = [](auto& m, auto&... args) { m.ValidateToken(args...); },
-        .by_owner = false,
-        .removes = false,
-        .reinserts = false}},
+      {"issue", {.run = [](auto& m, auto&... args) { m.IssueToken(args...); }, .by_owner = true}},
+      {"validate", {.run = [](auto& m, auto&... args) { m.ValidateToken(args...); }}},
       {"revoke",
        {.run = [](auto& m, auto&... args) { m.RevokeToken(args...); },
         .by_owner = true,
-        .removes = true,
-        .reinserts = false}},
+        .removes = true}},
       {"transfer",
        {.run = [](auto& m, auto&... args) { m.TransferToken(args...); },
         .by_owner = true,
