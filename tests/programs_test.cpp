@@ -155,14 +155,21 @@ TEST_F(ProgramsTest, OnlyOneServesAndItStopsClean) {
 }
 
 TEST_F(ProgramsTest, NotifiesOfItsReadiness) {
-  const sockaddr_un address{AF_UNIX, "/tmp/notify"};
-  const int notified = socket(AF_UNIX, SOCK_DGRAM, 0);
-  ASSERT_EQ(bind(notified, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  const Program daemon("NOTIFY_SOCKET=/tmp/notify exec zelttokenmgrd");
-  std::array<char, 8> message{};
-  EXPECT_EQ(recv(notified, message.data(), message.size() - 1, 0), 7);
-  EXPECT_STREQ(message.data(), "READY=1");
-  close(notified);
+  for (const std::string name : {"/tmp/notify", "@notify"}) {
+    sockaddr_un address{AF_UNIX, ""};
+    name.copy(address.sun_path, name.size());
+    if (name[0] == '@') address.sun_path[0] = '\0';  // abstract, unix(7)
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    const int notified = socket(AF_UNIX, SOCK_DGRAM, 0);
+    ASSERT_EQ(bind(notified, reinterpret_cast<const sockaddr*>(&address), length), 0);
+    const Program daemon("NOTIFY_SOCKET=" + name + " exec zelttokenmgrd");
+    std::array<char, 8> message{};
+    EXPECT_TRUE(Eventually([&] {
+      return recv(notified, message.data(), message.size() - 1, MSG_DONTWAIT) >= 0;
+    })) << name;
+    EXPECT_STREQ(message.data(), "READY=1");
+    close(notified);
+  }
 }
 
 TEST_F(ProgramsTest, ServesOnWhenWorkersAreKilled) {
