@@ -9,7 +9,6 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <sstream>
 #include <string_view>
