@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "zeltdaemon/domain_sock_server.h"
+#include "server.h"
 
 struct Options {
   std::string installed_config = "/var/lib/zelttokenmgr/installed";

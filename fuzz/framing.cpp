@@ -7,9 +7,9 @@
 #include <array>
 #include <optional>
 
+#include "message.h"
 #include "support.h"
 #include "zeltdaemon/domain_sock_connection.h"
-#include "zeltdaemon/message.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <list>
 #include <set>
 
+#include "message.h"
+#include "server.h"
 #include "support/testing.h"
 #include "zeltdaemon/domain_sock_connection.h"
-#include "zeltdaemon/domain_sock_server.h"
-#include "zeltdaemon/message.h"
 #include "zeltrandom/random.h"
 #include "zeltsystem/group.h"
 

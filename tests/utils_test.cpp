@@ -1,7 +1,7 @@
 #include "zelttokenmanager/utils.h"
 
+#include "server.h"
 #include "support/testing.h"
-#include "zeltdaemon/domain_sock_server.h"
 
 namespace ZELT::TokenManager::UtilsTests {
 

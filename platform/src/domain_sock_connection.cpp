@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <chrono>
 
-#include "zeltdaemon/message.h"
+#include "message.h"
 
 namespace zeltdaemon {
 namespace {

@@ -1,4 +1,4 @@
-#include "zeltdaemon/domain_sock_server.h"
+#include "server.h"
 
 #include <event2/event.h>
 #include <fcntl.h>
@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-#include "zeltdaemon/message.h"
+#include "message.h"
 
 namespace zeltdaemon {
 namespace {

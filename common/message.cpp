@@ -1,4 +1,4 @@
-#include "zeltdaemon/message.h"
+#include "message.h"
 
 #include <sys/socket.h>
 

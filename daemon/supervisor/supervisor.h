@@ -11,8 +11,8 @@
 
 #include "options.h"
 #include "safe_store.h"
+#include "server.h"
 #include "shared_state.h"
-#include "zeltdaemon/domain_sock_server.h"
 #include "zelttokenmanager/token_manager.h"
 
 /// Forks the workers, which share the listening socket, the store and one cache, and waits.
