@@ -1,0 +1,10 @@
+// The daemon's log, which never makes a worker wait.
+#pragma once
+
+/// Opens the log: syslog's socket and, with `to_stderr`, standard error as well.
+void OpenLog(bool to_stderr);
+
+/// Writes one line of the given syslog(3) priority. A line that cannot be written at once is
+/// dropped and counted; the next line that can be is preceded by how many were. Control characters,
+/// U+0080 to U+009F, DEL and bidirectional controls in the line are escaped.
+[[gnu::format(printf, 2, 3)]] void Log(int priority, const char* format, ...);

@@ -1,0 +1,15 @@
+// Who is at the other end of a connection.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <chrono>
+
+/// A client as the kernel reported it when its connection was accepted.
+struct Peer {
+  ucred credential{.pid = 0, .uid = static_cast<uid_t>(-1), .gid = static_cast<gid_t>(-1)};
+
+  /// CLOCK_BOOTTIME at acceptance. A process that started later cannot be the one that connected,
+  /// even if it has the same number.
+  std::chrono::nanoseconds accepted{0};
+};

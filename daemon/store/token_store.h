@@ -1,0 +1,84 @@
+// A store as the daemon uses it.
+#pragma once
+
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "peer.h"
+#include "zelttokenmanager/token_storage.h"
+
+/// Which tokens an administrator means: those that meet every condition that is given.
+struct TokenFilter {
+  std::optional<uid_t> user;     ///< who asked for the token
+  std::string service;           ///< empty: any
+  bool orphans = false;          ///< only those whose owner is gone
+  std::vector<std::uint64_t> ids;  ///< empty: any
+};
+
+/// A page of an answer that may be long.
+struct Page {
+  Json::Value rows{Json::arrayValue};
+  std::optional<std::uint64_t> next;  ///< where the next page begins; none: this is the last
+};
+
+/// A `TokenStorage` whose changes come in transactions, and whose tokens can be looked after.
+///
+/// Processes: each worker makes its own object, after it was forked. Threads: one.
+class TokenStore : public ZELT::TokenManager::TokenStorage {
+ public:
+  /// Begins a change on behalf of `peer`. Until `Commit` nobody else changes anything and nobody
+  /// sees what this one has changed. `Insert` and `Remove` may only be called in between.
+  virtual void Begin(const Peer& peer) = 0;
+
+  /// Makes the change last. Throws when it cannot; then nothing was changed.
+  virtual void Commit() = 0;
+
+  /// Takes back what was changed since `Begin`.
+  virtual void Rollback() noexcept = 0;
+
+  /// The id of the token that the current change, or the last committed one, inserted or removed.
+  virtual std::uint64_t ChangedId() const = 0;
+
+  /// Returns a page of tokens with ids greater than `after`, in the order of their ids: objects with
+  /// "id", "service", "requester", "uid", "pid", "owner" (the process's name), "alive", "age"
+  /// (seconds) and "grants".
+  virtual Page List(const TokenFilter& filter, std::uint64_t after) = 0;
+
+  /// Drops the matching tokens of one page, in a transaction of its own. The rows are as of `List`.
+  virtual Page Drop(const TokenFilter& filter, std::uint64_t after) = 0;
+
+  /// Returns a page of what users hold: objects with "uid", "service", "tokens" and "bytes". `after`
+  /// is 0 or the last page's `next`.
+  virtual Page Usage(std::uint64_t after) = 0;
+
+  /// Returns "tokens", "used" and "size" (bytes).
+  Json::Value GetStatistics() override = 0;
+
+  /// Does a bounded piece of what has to be done from time to time. Called about once a second.
+  virtual void KeepHouse() = 0;
+};
+
+/// The scope of one change: rolls back unless it was committed.
+class Change {
+ public:
+  Change(TokenStore& changed_store, const Peer& peer) : store(changed_store) { store.Begin(peer); }
+  ~Change() {
+    if (!committed) store.Rollback();
+  }
+  Change(const Change&) = delete;
+  Change& operator=(const Change&) = delete;
+
+  void Commit() {
+    store.Commit();
+    committed = true;
+  }
+
+ private:
+  TokenStore& store;
+  bool committed = false;
+};
