@@ -10,24 +10,22 @@ using namespace ZELT::TokenManager;
 namespace {
 
 Json::Value AskForPage(const Json::Value& request) {
-  const Json::Value response = SendToDaemon(request);
+  Json::Value response = SendToDaemon(request);
   if (TruthOf(MemberOrNull(response, "success"))) return response;
   throw Failure(kRefused, std::string("the daemon refused; only root and the user that it runs as "
                                       "may look after tokens") +
                               kReasonInLog);
 }
 
-// Calls `take` with each page of the answer to `request`. Pages that did not advance would never
-// end.
+// Calls `take` with each page of the answer to `request`.
 template <typename Take>
 void ForEachPage(Json::Value request, const Take& take) {
-  for (std::uint64_t after = 0;;) {
+  for (;;) {
     const Json::Value page = AskForPage(request);
     take(page);
     const Json::Value& next = MemberOrNull(page, "next");
     if (next.isNull()) return;
-    if (!next.isUInt64() || next.asUInt64() <= after) throw BrokenExchange(" (endless pages)");
-    after = next.asUInt64();
+    if (next == MemberOrNull(request, "after")) throw BrokenExchange(" (endless pages)");
     request["after"] = next;
   }
 }

@@ -32,7 +32,8 @@ Failure Unreachable(const std::string& cause) {
   const std::string advice =
       foreign.empty()
           ? R"(; start it with "systemctl start zelttokenmgrd" or "zelttokenmgrd --stderr")"
-          : foreign + R"(: as root, remove it and run "systemctl restart zelttokenmgrd")";
+          : foreign + R"(: as root, remove it and run "systemctl restart zelttokenmgrd.socket )"
+                      R"(zelttokenmgrd.service")";
   return {kUnavailable, "the daemon cannot be reached" + cause + advice};
 }
 

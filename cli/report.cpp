@@ -66,6 +66,7 @@ std::string ServiceTime(const Json::Value& times, std::uint64_t percent) {
   const Json::Value& bounds = times["bounds_us"];
   std::uint64_t total = 0;
   for (const Json::Value& count : times["counts"]) total += Number(count);
+  if (total == 0) return "unknown";
   std::uint64_t seen = 0;
   for (Json::ArrayIndex i = 0; i < bounds.size(); ++i) {
     seen += Number(times["counts"][i]);
@@ -74,13 +75,19 @@ std::string ServiceTime(const Json::Value& times, std::uint64_t percent) {
   return "longer";
 }
 
+std::string Escaped(const std::string& value) {
+  std::string text;
+  for (const char c : value) {
+    if (c == '"' || c == '\\') text += '\\';
+    text += c == '\n' ? "\\n" : std::string{c};
+  }
+  return text;
+}
+
 std::string Labels(const std::vector<std::pair<const char*, std::string>>& labels) {
   std::string text;
   for (const auto& [name, value] : labels) {
-    text += std::string(text.empty() ? "{" : ",") + name + "=\"";
-    for (const char c : value)
-      text += c == '\n' ? "\\n" : c == '"' || c == '\\' ? std::string{'\\', c} : std::string{c};
-    text += '"';
+    text += std::string(text.empty() ? "{" : ",") + name + "=\"" + Escaped(value) + '"';
   }
   return text + "}";
 }
@@ -107,18 +114,19 @@ class Metrics {
   std::string text;
 };
 
-constexpr struct {
+struct SingleNumber {
   const char* path;
   const char* name;
   const char* type;
   const char* help;
-} kNumbers[] = {
-    {".uptime", "uptime_seconds", "gauge", "Time since the daemon started."},
-    {".workers.running", "workers", "gauge", "Worker processes."},
-    {".workers.deaths", "worker_deaths_total", "counter", "Workers that were replaced."},
-    {".store.tokens", "tokens", "gauge", "Tokens in the store."},
-    {".store.used", "store_used_bytes", "gauge", "Bytes in use in the store."},
-    {".store.size", "store_size_bytes", "gauge", "Bytes that the store may use."},
+};
+constexpr std::array kSingleNumbers{
+    SingleNumber{".uptime", "uptime_seconds", "gauge", "Time since the daemon started."},
+    SingleNumber{".workers.running", "workers", "gauge", "Worker processes."},
+    SingleNumber{".workers.deaths", "worker_deaths_total", "counter", "Workers that died."},
+    SingleNumber{".store.tokens", "tokens", "gauge", "Tokens in the store."},
+    SingleNumber{".store.used", "store_used_bytes", "gauge", "Bytes in use in the store."},
+    SingleNumber{".store.size", "store_size_bytes", "gauge", "Bytes that the store may use."},
 };
 
 void AddRequests(Metrics& metrics, const Json::Value& requests) {
@@ -175,8 +183,17 @@ std::string TokenTable(const Json::Value& tokens) {
 }
 
 std::string StatusReport(const Json::Value& status) {
+  const Json::Value& store = status["store"];
   const Json::Value& times = status["service_times"];
-  std::vector<Line> requests{{"REQUESTS", "DONE", "REFUSED"}};
+  const std::vector<Line> overview{
+      {"version", Cell(status, "version")},
+      {"uptime", Duration(status["uptime"])},
+      {"workers", Cell(status["workers"], "running")},
+      {"deaths", Cell(status["workers"], "deaths")},
+      {"tokens", Cell(store, "tokens")},
+      {"store", KiB(store["used"]) + " of " + KiB(store["size"])},
+      {"service time", "half " + ServiceTime(times, 50) + ", 99 % " + ServiceTime(times, 99)}};
+  std::vector<Line> requests{{"REQUEST", "DONE", "REFUSED"}};
   for (const std::string& type : status["requests"].getMemberNames()) {
     const Json::Value& counts = status["requests"][type];
     requests.push_back({Printable(type), Cell(counts, "done"), Cell(counts, "refused")});
@@ -186,19 +203,14 @@ std::string StatusReport(const Json::Value& status) {
     usage.push_back({Cell(row, "user"), Cell(row, "uid"), Cell(row, "service"), Cell(row, "tokens"),
                      Cell(row, "bytes")});
   }
-  return "zelttokenmgrd " + Cell(status, "version") + ", up for " + Duration(status["uptime"]) +
-         "\nworkers: " + Cell(status["workers"], "running") +
-         ", deaths: " + Cell(status["workers"], "deaths") +
-         "\ntokens: " + Cell(status["store"], "tokens") + " in " + KiB(status["store"]["used"]) +
-         " of " + KiB(status["store"]["size"]) + "\nservice time: half " + ServiceTime(times, 50) +
-         ", 99 % " + ServiceTime(times, 99) + "\n\n" + Table(requests) + "\n\n" + Table(usage);
+  return Table(overview) + "\n\n" + Table(requests) + "\n\n" + Table(usage);
 }
 
 std::string PrometheusMetrics(const Json::Value& status) {
   Metrics metrics;
   metrics.Begin("info", "gauge", "The daemon's version.");
   metrics.Add(Labels({{"version", TextOf(status["version"])}}), "1");
-  for (const auto& number : kNumbers) {
+  for (const SingleNumber& number : kSingleNumbers) {
     metrics.Begin(number.name, number.type, number.help);
     metrics.Add("", TextOf(Json::Path(number.path).resolve(status)));
   }

@@ -210,18 +210,6 @@ TEST_F(ProgramsTest, TellWhatIsWrong) {
       {"zelttokenmgrd --cache-size 5G", 64, "--cache-size"},
       {"zelttokenmgrd --cache-size 9", 1, "Could not initialize"},
       {"zelttokenmgrd --store /dev/null/x", 1, "/dev/null"},
-      {"zelttoken issue fastapi @get", 69, "utils.cpp:62"},
-      {"zelttoken revoke fastapi -token-that-begins-with-a-dash-as-one-in-64", 69, "utils.cpp:62"},
-      {"zelttoken issue fastapi '[1,]'", 64, "the payload is not JSON"},
-      {"zelttoken issue fastapi @none", 64, "cannot open none: No such file"},
-      {"zelttoken issue fastapi @/dev/zero", 64, "/dev/zero holds more than 1 MiB"},
-      {"zelttoken revoke fastapi @newline", 64, "the token is empty"},
-      {"zelttoken validate fastapi - -", 64, "only one of TOKEN and PAYLOAD"},
-      {"zelttoken issue fastapi @get --owner 0", 64, "0 is not a process id"},
-      {"zelttoken transfer fastapi t 010", 64, "010 is not a process id"},
-      {"zelttoken transfer fastapi t 2147483648", 64, "PID"},
-      {"zelttoken run fastapi @get", 64, "COMMAND"},
-      {"zelttoken", 64, "name a command"},
   };
   for (const auto& row : rows) {
     Program program(std::string("exec ") + row.command);
@@ -229,56 +217,6 @@ TEST_F(ProgramsTest, TellWhatIsWrong) {
     EXPECT_NE(program.Errors().find(row.error), std::string::npos) << program.Errors();
     EXPECT_EQ(program.Output().empty(), row.exit_code != 0) << row.command;
   }
-}
-
-// Nobody has the process id 4194304: what was issued for it is taken back.
-TEST_F(ProgramsTest, TakesATokenThroughItsLife) {
-  const Daemon daemon;
-  Program life(R"(
-    ask() { echo "$1:"; zelttoken "$@" 2>/dev/null || echo "exit $?"; }
-    zelttoken issue fastapi @get --owner $$ >token
-    ask validate fastapi @token @run
-    ask validate --json fastapi - '{"api":"Demo.Item","method":"set","runner":"root"}' <token
-    ask validate taskmanager @token '{}'
-    ask revoke fastapi @token
-    ask transfer fastapi @token $$
-    ask issue fastapi @get --owner 4194304
-    zelttoken issue fastapi @get >/dev/full || echo "exit $?"
-    wc -l </var/lib/zelttokenmgr/tokens
-    ask revoke --json fastapi
-    exec zelttoken revoke fastapi @token)");
-  EXPECT_EQ(life.End(), 0) << life.Errors();
-  EXPECT_EQ(life.Output(),
-            "validate:\npermitted\n"
-            "validate:\n{\"permitted\":false,\"success\":true}\nexit 1\n"
-            "validate:\nexit 1\nrevoke:\nexit 1\ntransfer:\nexit 1\nissue:\nexit 1\nexit 1\n1\n"
-            "revoke:\n{\"error\":\"TOKEN is required; see zelttoken revoke --help\","
-            "\"success\":false}\nexit 64\n");
-}
-
-const std::pair<const char*, int> kRunRows[] = {
-    {"sh -c 'exit 7'", 7},
-    {"/none", 127},
-    {"/tmp", 126},
-    {"sh -c 'kill -KILL $$'", 128 + SIGKILL},
-    {"sh -c 'kill -PWR $PPID; while :; do sleep 0.01; done'", 128 + SIGPWR},
-    {"sh -c 'trap \"exit 3\" TERM; kill -TERM $PPID; while :; do sleep 0.01; done'", 3},
-    {"bash -c 'trap \"\" CHLD; exec zelttoken run fastapi @get -- sh -c \"exit 5\"'", 5},
-    {"sh -c '[ $0 = \"[a,b]\" ] && zelttoken validate fastapi $ZELT_TOKEN @run' '[a,b]'", 0},
-};
-
-TEST_F(ProgramsTest, RunsACommandWithATokenThatEndsWithIt) {
-  Daemon daemon;
-  const std::string run = "exec zelttoken run fastapi @get -- ";
-  for (const auto& [command, exit_code] : kRunRows) {
-    Program zelttoken(run + command);
-    EXPECT_EQ(zelttoken.End(), exit_code) << command << ": " << zelttoken.Errors();
-    EXPECT_EQ(ReadFile(kStore), "") << command;
-  }
-  Program last(run + "sh -c 'kill " + std::to_string(daemon.pid) +
-               "; while [ -e zelttokenmgr.sock ]; do sleep 0.01; done; exit 3'");
-  EXPECT_EQ(last.End(), 3);
-  EXPECT_TRUE(last.Logs("utils.cpp:62")) << "how the command ended counts more";
 }
 
 }  // namespace ZELT::ProgramsTests
