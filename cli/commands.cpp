@@ -49,8 +49,8 @@ void RevokeToken(const std::string& service, const std::string& token) {
   Demand(Ask([&] { return SendRevokeRequest(service, token); }), "revoke");
 }
 
-// Nobody else can revoke the token, so a daemon that is away, as during a restart, is awaited. How
-// the command ended counts more than whether this works.
+// Waits for a daemon that is away, as during a restart, because nobody else can revoke the token
+// later. How the command ended counts more than whether this works.
 void TakeBack(const std::string& service, const std::string& token) {
   constexpr std::chrono::seconds kPatience{10};
   constexpr std::chrono::milliseconds kPause{100};
@@ -61,9 +61,9 @@ void TakeBack(const std::string& service, const std::string& token) {
     } catch (const Failure& failure) {
       const bool is_away = failure.exit_code == kUnavailable;
       if (is_away && std::chrono::steady_clock::now() < deadline) continue;
-      std::cerr << "zelttoken: "
-                << (is_away ? "could not give the token back, which stays valid: " : "")
-                << failure.what() << '\n';
+      std::cerr << "zelttoken: " << failure.what()
+                << (is_away ? "; the token stays valid until root drops it (zelttoken drop)\n"
+                            : "\n");
       return;
     }
   }
@@ -119,7 +119,7 @@ Result Transfer(const Arguments& arguments) {
 }
 
 Result Run(const Arguments& arguments) {
-  Runner runner;  // holds signals back before there is a token that one could leave behind
+  Runner runner;  // blocks signals first: one that ended this process would leave a token behind
   const std::string token = IssueToken(arguments);
   Result result;
   try {
