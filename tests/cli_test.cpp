@@ -1,4 +1,6 @@
 // The command line, with a daemon whose answers are known and with the real one.
+#include <sys/stat.h>
+
 #include "support/programs.h"
 #include "unix_address.h"
 
@@ -82,6 +84,7 @@ TEST_F(CliTest, TellsWhatIsWrongWithItsWords) {
       {"revoke fastapi --json", 64, "--json is not a token; see zelttoken revoke --help"},
       {"validate fastapi t @run more", 64, "not expected: more"},
       {"issue fastapi @get --owner 0", 64, "--owner: 0 is not a number from 1"},
+      {"issue fastapi @get --owner", 64, "--owner"},
       {"transfer fastapi t 010", 64, "PID: 010 is not a number"},
       {"transfer fastapi t 2147483648", 64, "2147483648 is not a number"},
       {"run fastapi @get", 64, "COMMAND is required"},
@@ -230,8 +233,10 @@ TEST_F(CliTest, AsksTheDaemonAndTakesBackWhatNobodyWouldOwn) {
        {"# HELP zelttokenmgrd_requests_total Requests by type and outcome.\n"
         "# TYPE zelttokenmgrd_requests_total counter\n"
         "zelttokenmgrd_requests_total{type=\"issue\",outcome=\"done\"} 9\n",
-        "_seconds_bucket{le=\"1e-06\"} 5\n", "_seconds_bucket{le=\"0.00025\"} 9\n",
-        "_seconds_bucket{le=\"+Inf\"} 10\nzelttokenmgrd_request_duration_seconds_count 10\n",
+        "_seconds_bucket{le=\"1e-06\"} 5\n"
+        "zelttokenmgrd_request_duration_seconds_bucket{le=\"0.00025\"} 9\n"
+        "zelttokenmgrd_request_duration_seconds_bucket{le=\"+Inf\"} 10\n"
+        "zelttokenmgrd_request_duration_seconds_count 10\n",
         "\nzelttokenmgrd_uptime_seconds 86400\n", "\nzelttokenmgrd_store_used_bytes 2048\n",
         "_user_bytes{user=\"al\\\"\\\\\",uid=\"4001\",service=\"fastapi\"} 5\n",
         "_user_tokens{user=\"bob\",uid=\"4002\",service=\"fastapi\"} 2\n"}) {
@@ -244,6 +249,7 @@ TEST_F(CliTest, RunsACommandAndGivesItsTokenBack) {
       {"sh -c 'exit 7'", 7},
       {"/none", 127},
       {"/tmp", 126},
+      {"grep -q 'SigBlk:.0*$' /proc/self/status", 0},
       {"sh -c 'kill -KILL $$'", 128 + SIGKILL},
       {"sh -c 'kill -PWR $PPID; while :; do sleep 0.01; done'", 128 + SIGPWR},
       {"sh -c 'trap \"exit 3\" TERM; kill -TERM $PPID; while :; do sleep 0.01; done'", 3},
@@ -254,9 +260,18 @@ TEST_F(CliTest, RunsACommandAndGivesItsTokenBack) {
     CheckProgram(std::string("exec zelttoken run fastapi @get -- ") + command, {exit_code, "", ""});
     EXPECT_EQ(daemon.Requests(), kIssueRequest + kRevokeRequest) << command;
   }
-  const ScriptedDaemon daemon({kIssued, kDone});
-  CheckProgram("trap '' CHLD; exec zelttoken run --json fastapi @get -- sh -c 'exit 5'",
-               {5, "{'exit':5,'success':true}\n", ""});
+  const ScriptedDaemon daemon({kIssued, kDone, kIssued, kDone});
+  CheckProgram(
+      "bash -c 'trap \"\" CHLD; exec zelttoken run --json fastapi @get -- sh -c \"exit 5\"'",
+      {5, "{'exit':5,'success':true}\n", ""});
+
+  mkfifo("/tmp/payload", 0600);
+  Program early("exec zelttoken run fastapi @payload -- sh -c 'while :; do sleep 0.01; done'");
+  std::ofstream payload("/tmp/payload");  // waits until the other end is open
+  kill(early.pid, SIGTERM);
+  payload << Requoted(kGet) << std::flush;
+  payload.close();
+  EXPECT_EQ(early.End(), 128 + SIGTERM);
 }
 
 TEST_F(CliTest, TakesATokenThroughItsLife) {
