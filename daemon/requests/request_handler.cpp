@@ -33,11 +33,24 @@ bool HoldsTooManyValues(const std::string& text) {
          std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
 }
 
+// The text of a string value, empty for any other; asString would copy it.
+std::string_view TextView(const Json::Value& value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  value.getString(&begin, &end);
+  return {begin, end};
+}
+
+const char* Name(RequestType type) { return kRequestTypeNames.at(static_cast<std::size_t>(type)); }
+
+std::atomic<std::uint64_t>& CounterOf(RequestType type, auto& counters) {
+  return counters.at(static_cast<std::size_t>(type));
+}
+
 // The text store ends a token at a space and a line at a newline, its cache ends a token at a NUL
 // byte: with one of them in it, a text would mean one token to the store and another to the cache.
 void ExpectWholeToken(const Json::Value& request) {
-  if (!request["token"].isString()) return;
-  const std::string token = request["token"].asString();
+  const std::string_view token = TextView(request["token"]);
   if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
   if (token.find_first_of(std::string_view(" \n\0", 3)) != token.npos) {
     throw std::runtime_error("no token holds a space, a newline or a NUL byte");
@@ -93,7 +106,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   response["success"] = false;
   try {
     Handle(peer, text, request, response);
-    Count(slot.done.at(static_cast<std::size_t>(slot.type.load())));
+    Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
     response["success"] = false;
     response.removeMember("token");  // of an issue that could not be committed
@@ -136,10 +149,9 @@ const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request
           RequestType::kStatus, Sender::kAdministrator, false,
           [](auto& handler, auto&, auto&... json) { handler.administration.Status(json...); }},
   };
+  const std::string_view type = TextView(request["type"]);
   for (const Operation& operation : operations) {
-    if (request["type"] == kRequestTypeNames.at(static_cast<std::size_t>(operation.type))) {
-      return operation;
-    }
+    if (type == Name(operation.type)) return operation;
   }
   throw std::runtime_error("unknown type of request");
 }
@@ -166,8 +178,8 @@ void RequestHandler::RunChange(const Operation& operation, const Peer& peer,
   scope.Commit();
   if (!settings.audit) return;
   const bool transferred = operation.type == RequestType::kTransfer;
-  LogChange(peer, kRequestTypeNames.at(static_cast<std::size_t>(operation.type)), store.ChangedId(),
-            TextOf(request["service"]), transferred ? " to=" + TextOf(request["payload"]) : "");
+  LogChange(peer, Name(operation.type), store.ChangedId(), TextOf(request["service"]),
+            transferred ? " to=" + TextOf(request["payload"]) : "");
 }
 
 void RequestHandler::Drop(const Peer& peer, const Json::Value& request, Json::Value& response) {
@@ -181,7 +193,7 @@ void RequestHandler::Drop(const Peer& peer, const Json::Value& request, Json::Va
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::string& reason) {
-  Count(slot.refused.at(static_cast<std::size_t>(slot.type.load())));
+  Count(CounterOf(slot.type, slot.refused));
   const bool issues = slot.type == RequestType::kIssue;
   LogRefusal(peer, request,
              issues ? Explain(reason, peer.credential.uid, settings.installed_config)
