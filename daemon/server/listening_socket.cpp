@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +18,14 @@
 #include <stdexcept>
 #include <string_view>
 #include <thread>
+#include <utility>
+
+#include "environment.h"
+#include "owned_descriptor.h"
+#include "unix_address.h"
+
+using ZELT::TokenManager::OwnedDescriptor;
+using ZELT::TokenManager::UnixAddress;
 
 namespace {
 
@@ -32,37 +39,28 @@ std::runtime_error SystemError(const std::string& what) {
   return std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-// Closes the descriptor, and removes the file, unless they are taken over.
-struct NewSocket {
-  NewSocket() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    if (fd < 0) throw SystemError("socket");
-  }
-  ~NewSocket() {
-    if (!file.empty()) unlink(file.c_str());
-    if (fd >= 0) close(fd);
-  }
-  NewSocket(const NewSocket&) = delete;
-  NewSocket& operator=(const NewSocket&) = delete;
-
-  int fd;
-  std::string file;
-};
-
-sockaddr_un Address(const std::string& path) {
-  sockaddr_un address{};
-  if (path.size() >= sizeof address.sun_path) throw std::runtime_error(path + ": path too long");
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, path.size());
-  return address;
+OwnedDescriptor MakeSocket() {
+  OwnedDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!made.IsOpen()) throw SystemError("socket");
+  return made;
 }
+
+// A file that is removed, unless it was moved away.
+struct TemporaryFile {
+  explicit TemporaryFile(std::string file_path) : path(std::move(file_path)) {}
+  ~TemporaryFile() {
+    if (!path.empty()) unlink(path.c_str());
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  std::string path;
+};
 
 // A full backlog refuses with EAGAIN, unix(7): then somebody listens too.
 bool IsServed(const std::string& path) {
-  const sockaddr_un address = Address(path);
-  const NewSocket client;
-  const int result =
-      connect(client.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  return result == 0 || (errno != ECONNREFUSED && errno != ENOENT);
+  const OwnedDescriptor client = MakeSocket();
+  return UnixAddress(path).Connect(client.Get()) == 0 || (errno != ECONNREFUSED && errno != ENOENT);
 }
 
 void AwaitEndOfService(const std::string& path) {
@@ -108,13 +106,13 @@ std::string NameBeside(const std::string& path) {
 }
 
 // bind(2) gives the file its mode, so nobody can exchange it before a chmod(2).
-void BindAndListen(NewSocket& made, const std::string& path, int backlog) {
-  const sockaddr_un address = Address(path);
+OwnedDescriptor BindAndListen(const std::string& path, int backlog) {
+  OwnedDescriptor made = MakeSocket();
   const mode_t mask = umask(S_IXUSR | S_IXGRP | S_IXOTH);
-  const int bound = bind(made.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  const int bound = UnixAddress(path).Bind(made.Get());
   umask(mask);
-  if (bound == 0) made.file = path;
-  if (bound != 0 || listen(made.fd, backlog) != 0) throw SystemError("cannot listen on " + path);
+  if (bound != 0 || listen(made.Get(), backlog) != 0) throw SystemError("cannot listen on " + path);
+  return made;
 }
 
 bool IsSame(const std::string& path, const struct stat& file) {
@@ -124,17 +122,17 @@ bool IsSame(const std::string& path, const struct stat& file) {
 }
 
 // Returns false when something else has come to the path since it was looked at.
-bool MoveTo(const std::string& path, NewSocket& made) {
+bool MoveTo(const std::string& path, TemporaryFile& made) {
   const std::optional<struct stat> stale = StaleSocket(path);
   const auto rename = [&](unsigned int how) {
-    return renameat2(AT_FDCWD, made.file.c_str(), AT_FDCWD, path.c_str(), how) == 0;
+    return renameat2(AT_FDCWD, made.path.c_str(), AT_FDCWD, path.c_str(), how) == 0;
   };
   if (!rename(stale ? RENAME_EXCHANGE : RENAME_NOREPLACE)) {
     if (errno == EEXIST || errno == ENOENT) return false;
     throw SystemError("cannot listen on " + path);
   }
-  if (!stale) return made.file.clear(), true;
-  if (IsSame(made.file, *stale)) return true;
+  if (!stale) return made.path.clear(), true;
+  if (IsSame(made.path, *stale)) return true;
   rename(RENAME_EXCHANGE);  // another daemon was faster, and gets its socket back
   return false;
 }
@@ -153,18 +151,11 @@ void ExpectListening(int socket) {
   }
 }
 
-int NumberFrom(const char* variable) {
-  const char* text = std::getenv(variable);
-  const std::string_view digits = text == nullptr ? "" : text;
-  int number = 0;
-  std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  return number;
-}
-
 }  // namespace
 
 std::vector<int> InheritedSockets() {
-  const int count = NumberFrom("LISTEN_PID") == getpid() ? NumberFrom("LISTEN_FDS") : 0;
+  const bool is_ours = NumberFromEnvironment("LISTEN_PID") == getpid();
+  const std::int64_t count = is_ours ? NumberFromEnvironment("LISTEN_FDS") : 0;
   for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) unsetenv(variable);
   std::vector<int> sockets;
   for (int fd = kFirstInherited; fd < kFirstInherited + count; ++fd) {
@@ -177,11 +168,11 @@ std::vector<int> InheritedSockets() {
 }
 
 int ListenAt(const std::string& path, int backlog) {
-  NewSocket made;
-  BindAndListen(made, NameBeside(path), backlog);
-  while (!MoveTo(path, made)) {
+  TemporaryFile beside(NameBeside(path));
+  OwnedDescriptor listener = BindAndListen(beside.path, backlog);
+  while (!MoveTo(path, beside)) {
   }
-  return std::exchange(made.fd, -1);
+  return listener.Release();
 }
 
 std::string AddressOf(int socket) {

@@ -44,11 +44,10 @@ constexpr std::size_t kMaxLingering = 16;
 // Longer than any answer may take.
 constexpr seconds kStopGrace{6};
 
-// Ignored, these would come again at once, or hide a fault; sigaction(2) refuses the last two.
-constexpr int kNeverIgnored[] = {SIGSEGV, SIGBUS,  SIGFPE,  SIGILL, SIGSYS,
-                                 SIGTRAP, SIGABRT, SIGKILL, SIGSTOP};
-
-constexpr int kTaken[] = {SIGTERM, SIGINT, SIGUSR1, SIGCHLD};
+// Ignored, the faults would come again at once or stay hidden, and the end of a child would not be
+// told; the last two cannot be ignored.
+constexpr int kNotIgnored[] = {SIGSEGV, SIGBUS,  SIGFPE, SIGILL,  SIGSYS,  SIGTRAP,
+                               SIGABRT, SIGTERM, SIGINT, SIGCHLD, SIGKILL, SIGSTOP};
 
 sigset_t SetOf(auto... numbers) {
   sigset_t set;
@@ -57,15 +56,8 @@ sigset_t SetOf(auto... numbers) {
   return set;
 }
 
-// Ignores all signals that can be, blocks those that the supervisor takes, and returns these.
-sigset_t PrepareSignals() {
-  const auto is_in = [](const auto& list, int number) {
-    return std::find(std::begin(list), std::end(list), number) != std::end(list);
-  };
-  for (int number = 1; number <= SIGRTMAX; ++number) {
-    // An ignored SIGCHLD, which may be inherited, would never come.
-    if (!is_in(kNeverIgnored, number)) signal(number, is_in(kTaken, number) ? SIG_DFL : SIG_IGN);
-  }
+// An ignored signal is still delivered to sigtimedwait(2) while it is blocked.
+sigset_t BlockSignals() {
   const sigset_t taken = SetOf(SIGTERM, SIGINT, SIGUSR1, SIGCHLD);
   sigprocmask(SIG_SETMASK, &taken, nullptr);
   return taken;
@@ -104,16 +96,25 @@ int TakeSignal(const sigset_t& awaited, std::chrono::steady_clock::time_point de
   return sigtimedwait(&awaited, nullptr, &timeout);
 }
 
+bool WasToldToEnd(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS; }
+
 void LogEnd(pid_t worker, int status) {
   if (WIFSIGNALED(status)) {
     Log(LOG_ERR, "worker %d was ended by signal %d", worker, WTERMSIG(status));
-  } else {
-    Log(WEXITSTATUS(status) == EXIT_SUCCESS ? LOG_INFO : LOG_ERR, "worker %d exited with %d",
-        worker, WEXITSTATUS(status));
+  } else if (!WasToldToEnd(status)) {
+    Log(LOG_ERR, "worker %d exited with %d", worker, WEXITSTATUS(status));
   }
 }
 
 }  // namespace
+
+void IgnoreSignals() {
+  for (int number = 1; number <= SIGRTMAX; ++number) {
+    const bool is_needed =
+        std::find(std::begin(kNotIgnored), std::end(kNotIgnored), number) != std::end(kNotIgnored);
+    signal(number, is_needed ? SIG_DFL : SIG_IGN);
+  }
+}
 
 Board& MapBoard() {
   void* memory =
@@ -129,7 +130,7 @@ Supervisor::Supervisor(Board& shared_board, SupervisorSettings supervisor_settin
       settings(std::move(supervisor_settings)),
       watchdog_interval(WatchdogInterval()),
       supervisor(getpid()),
-      signals(PrepareSignals()),
+      signals(BlockSignals()),
       workers(settings.workers) {}
 
 void Supervisor::Run() {
@@ -187,7 +188,6 @@ void Supervisor::Work(WorkerSlot& slot) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // whatever the worker waits for
   if (getppid() != supervisor) _exit(EXIT_FAILURE);
   signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides
-  signal(SIGUSR1, SIG_IGN);
   const sigset_t blocked = SetOf(SIGTERM);
   sigprocmask(SIG_SETMASK, &blocked, nullptr);
   try {
@@ -227,11 +227,7 @@ void Supervisor::HandleDeath(std::size_t number, int status) {
   WorkerSlot& slot = board.slots[number];
   slot.pid = 0;
   worker.pid = 0;
-  if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS) {
-    worker.born = Clock::now();  // it was told to end, by somebody else than its supervisor
-    return;
-  }
-  Count(board.deaths);
+  if (!WasToldToEnd(status)) Count(board.deaths);
   PutOff(worker,
          Served(slot) != worker.served_before || Clock::now() - worker.born > kLongestDelay);
 }

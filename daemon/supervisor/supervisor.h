@@ -25,6 +25,11 @@ struct SupervisorSettings {
   std::function<void()> on_stop;               ///< called before the workers are told to end
 };
 
+/// Ignores all signals that would end or stop the process, but for those that report a fault and
+/// for SIGTERM and SIGINT. A client that left, or a store at the file-size limit, is then an error
+/// of the system call.
+void IgnoreSignals();
+
 /// Maps a board that is shared with all processes that are forked later. It is never unmapped.
 /// Throws `std::system_error`.
 Board& MapBoard();
@@ -36,12 +41,12 @@ Board& MapBoard();
 /// again and again. It never gives up: as long as any worker serves, clients do not notice. A
 /// worker that is stuck is killed, and replaced. Workers never outlive the supervisor.
 ///
-/// Signals: SIGTERM and SIGINT end the daemon, SIGUSR1 logs the counters, all others that a process
-/// can ignore and that do not report a fault are ignored, in the workers too. Workers start with
-/// SIGTERM blocked. The process must have no other threads and no other children.
+/// Signals: SIGTERM and SIGINT end the daemon, SIGUSR1 logs the counters. They are blocked in the
+/// constructor and taken in `Run`; workers start with SIGTERM blocked. The process must have no
+/// other threads and no other children, and have called `IgnoreSignals`.
 class Supervisor {
  public:
-  /// Sets the signals of the calling process. `shared_board` must outlive the supervisor.
+  /// `shared_board` must outlive the supervisor.
   Supervisor(Board& shared_board, SupervisorSettings supervisor_settings);
 
   /// Serves until told to end, then ends the workers.

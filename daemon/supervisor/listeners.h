@@ -1,0 +1,19 @@
+// The sockets that the daemon serves.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct Listeners {
+  std::vector<int> sockets;
+  std::string names;       ///< for the log
+  bool inherited = false;  ///< from a service manager, which keeps them when the daemon ends
+};
+
+/// Takes the sockets that were passed on; without any, listens at both of the daemon's addresses.
+/// Throws `std::runtime_error` when the first cannot be had; the second is not for everybody to
+/// make, so a failure there is logged.
+Listeners OpenListeners(int backlog);
+
+/// Has connections refused that come from now on, unless the service manager keeps them.
+void StopListening(const Listeners& listeners);
