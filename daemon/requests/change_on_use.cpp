@@ -1,7 +1,5 @@
 #include "change_on_use.h"
 
-#include <chrono>
-
 void ChangeOnUse::Insert(const std::string& token, const Json::Value& data) {
   Begin();
   store.Insert(token, data);
@@ -18,9 +16,5 @@ Json::Value ChangeOnUse::GetAssociatedData(const std::string& token) {
 }
 
 void ChangeOnUse::Begin() {
-  if (changer == nullptr || change) return;
-  slot.activity = Activity::kWaitingForStore;
-  change.emplace(store, *changer);
-  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
-  slot.activity = Activity::kServing;
+  if (changer != nullptr && !change) change.emplace(store, *changer);
 }

@@ -4,7 +4,6 @@
 #include <optional>
 #include <string>
 
-#include "board.h"
 #include "peer.h"
 #include "token_store.h"
 
@@ -13,9 +12,7 @@
 /// time, and keeps nobody else from changing something.
 class ChangeOnUse : public ZELT::TokenManager::TokenStorage {
  public:
-  /// `slot` says that this worker waits while it does.
-  ChangeOnUse(TokenStore& changed_store, WorkerSlot& worker_slot)
-      : store(changed_store), slot(worker_slot) {}
+  explicit ChangeOnUse(TokenStore& changed_store) : store(changed_store) {}
 
   /// While it lives, the first use of the store begins a change on behalf of `peer`, which is
   /// rolled back at the end unless it was committed.
@@ -46,7 +43,6 @@ class ChangeOnUse : public ZELT::TokenManager::TokenStorage {
   void Begin();
 
   TokenStore& store;
-  WorkerSlot& slot;
   const Peer* changer = nullptr;
   std::optional<Change> change;
 };

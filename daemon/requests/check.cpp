@@ -79,7 +79,7 @@ std::string Verdict(TokenService& service, const Json::Value& request,
   try {
     service.Issue(request, privilege);
     return "";
-  } catch (const std::runtime_error& refusal) {
+  } catch (const std::exception& refusal) {
     return refusal.what();
   }
 }
@@ -90,7 +90,7 @@ std::string ListProblem(const Json::Value& grant, const char* list_name) {
   try {
     IsIdentityInPermittedList(std::string("@\0", 2), grant[list_name], "");
     return "";
-  } catch (const std::runtime_error& problem) {
+  } catch (const std::exception& problem) {
     return std::string("\"") + list_name + "\": " + problem.what();
   }
 }

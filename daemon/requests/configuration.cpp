@@ -59,7 +59,7 @@ void ReadPrivilege(Package& package) {
   if (!package.problem.empty() || !privilege.isMember("username")) return;
   const std::string user = TextOf(privilege["username"]);
   if (user.empty()) {
-    package.problem = "\"username\" is no user's name";
+    package.problem = "\"username\" does not name a user";
   } else {
     package.user = user;
   }

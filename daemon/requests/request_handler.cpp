@@ -33,11 +33,24 @@ bool HoldsTooManyValues(const std::string& text) {
          std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
 }
 
+// The text of a string value, empty for any other; asString would copy it.
+std::string_view TextView(const Json::Value& value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  value.getString(&begin, &end);
+  return {begin, end};
+}
+
+const char* Name(RequestType type) { return kRequestTypeNames.at(static_cast<std::size_t>(type)); }
+
+std::atomic<std::uint64_t>& CounterOf(RequestType type, auto& counters) {
+  return counters.at(static_cast<std::size_t>(type));
+}
+
 // The text store ends a token at a space and a line at a newline, its cache ends a token at a NUL
 // byte: with one of them in it, a text would mean one token to the store and another to the cache.
 void ExpectWholeToken(const Json::Value& request) {
-  if (!request["token"].isString()) return;
-  const std::string token = request["token"].asString();
+  const std::string_view token = TextView(request["token"]);
   if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
   if (token.find_first_of(std::string_view(" \n\0", 3)) != token.npos) {
     throw std::runtime_error("no token holds a space, a newline or a NUL byte");
@@ -64,9 +77,8 @@ void CountTime(WorkerSlot& slot, Clock::duration time) {
 
 struct RequestHandler::Operation {
   RequestType type;
-  Sender sender;
-  bool changes;  // the token that the request names
-  void (*run)(RequestHandler&, const Peer&, const Json::Value&, Json::Value&);
+  Sender sender;  // who may ask for it
+  void (RequestHandler::*run)(const Peer&, const Json::Value&, Json::Value&);
 };
 
 RequestHandler::RequestHandler(TokenStore& token_store, const Board& board, WorkerSlot& worker_slot,
@@ -74,7 +86,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, const Board& board, Work
     : store(token_store),
       slot(worker_slot),
       settings(std::move(request_settings)),
-      storage(std::make_shared<ChangeOnUse>(token_store, worker_slot)),
+      storage(std::make_shared<ChangeOnUse>(token_store)),
       manager(settings.installed_config, storage, nullptr),
       administration(token_store, board, settings.version),
       keeps_house(&worker_slot == board.slots.data()),
@@ -93,7 +105,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   response["success"] = false;
   try {
     Handle(peer, text, request, response);
-    Count(slot.done.at(static_cast<std::size_t>(slot.type.load())));
+    Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
     response["success"] = false;
     response.removeMember("token");  // of an issue that could not be committed
@@ -111,35 +123,22 @@ void RequestHandler::OnIdle() {
 }
 
 const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request) {
+  using Manager = ZELT::TokenManager::TokenManager;
+  using This = RequestHandler;
   static constexpr std::array operations = {
-      Operation{RequestType::kIssue, Sender::kOwner, true,
-                [](auto& handler, auto& peer, auto&... json) {
-                  handler.manager.IssueToken(peer.credential, json...);
-                }},
-      Operation{RequestType::kValidate, Sender::kAnybody, false,
-                [](auto& handler, auto& peer, auto&... json) {
-                  handler.manager.ValidateToken(peer.credential, json...);
-                }},
-      Operation{RequestType::kRevoke, Sender::kOwner, true,
-                [](auto& handler, auto& peer, auto&... json) {
-                  handler.manager.RevokeToken(peer.credential, json...);
-                }},
-      Operation{RequestType::kTransfer, Sender::kOwner, true,
-                [](auto& handler, auto& peer, auto&... json) {
-                  handler.manager.TransferToken(peer.credential, json...);
-                }},
-      Operation{RequestType::kList, Sender::kAdministrator, false,
-                [](auto& handler, auto&, auto&... json) { handler.administration.List(json...); }},
-      Operation{RequestType::kDrop, Sender::kAdministrator, false,
-                [](auto& handler, auto&... arguments) { handler.Drop(arguments...); }},
-      Operation{
-          RequestType::kStatus, Sender::kAdministrator, false,
-          [](auto& handler, auto&, auto&... json) { handler.administration.Status(json...); }},
+      Operation{RequestType::kIssue, Sender::kOwner, &This::Change<&Manager::IssueToken>},
+      Operation{RequestType::kValidate, Sender::kAnybody, &This::Ask<&Manager::ValidateToken>},
+      Operation{RequestType::kRevoke, Sender::kOwner, &This::Change<&Manager::RevokeToken>},
+      Operation{RequestType::kTransfer, Sender::kOwner, &This::Change<&Manager::TransferToken>},
+      Operation{RequestType::kList, Sender::kAdministrator,
+                &This::Administer<&Administration::List>},
+      Operation{RequestType::kDrop, Sender::kAdministrator, &This::Drop},
+      Operation{RequestType::kStatus, Sender::kAdministrator,
+                &This::Administer<&Administration::Status>},
   };
+  const std::string_view type = TextView(request["type"]);
   for (const Operation& operation : operations) {
-    if (request["type"] == kRequestTypeNames.at(static_cast<std::size_t>(operation.type))) {
-      return operation;
-    }
+    if (type == Name(operation.type)) return operation;
   }
   throw std::runtime_error("unknown type of request");
 }
@@ -154,20 +153,27 @@ void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Val
   slot.type = operation.type;
   ExpectSender(operation.sender, peer);
   ExpectWholeToken(request);
-  if (operation.changes) return RunChange(operation, peer, request, response);
-  operation.run(*this, peer, request, response);
+  (this->*operation.run)(peer, request, response);
   response["success"] = true;
 }
 
-void RequestHandler::RunChange(const Operation& operation, const Peer& peer,
-                               const Json::Value& request, Json::Value& response) {
-  ChangeOnUse::Scope scope(*storage, peer);
-  operation.run(*this, peer, request, response);
-  scope.Commit();
-  if (!settings.audit) return;
-  const bool transferred = operation.type == RequestType::kTransfer;
-  LogChange(peer, kRequestTypeNames.at(static_cast<std::size_t>(operation.type)), store.ChangedId(),
-            TextOf(request["service"]), transferred ? " to=" + TextOf(request["payload"]) : "");
+template <auto kMethod>
+void RequestHandler::Ask(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  (manager.*kMethod)(peer.credential, request, response);
+}
+
+template <auto kMethod>
+void RequestHandler::Change(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  ChangeOnUse::Scope change(*storage, peer);
+  (manager.*kMethod)(peer.credential, request, response);
+  change.Commit();
+  Audit(peer, request);
+}
+
+template <auto kMethod>
+void RequestHandler::Administer(const Peer& /*peer*/, const Json::Value& request,
+                                Json::Value& response) {
+  (administration.*kMethod)(request, response);
 }
 
 void RequestHandler::Drop(const Peer& peer, const Json::Value& request, Json::Value& response) {
@@ -175,13 +181,20 @@ void RequestHandler::Drop(const Peer& peer, const Json::Value& request, Json::Va
   if (!settings.audit) return;
   for (const Json::Value& token : dropped) {
     LogChange(peer, "drop", token["id"].asUInt64(), TextOf(token["service"]),
-              " requester=" + toString(token["requester"]));
+              " requester=" + TextOf(token["requester"]));
   }
+}
+
+void RequestHandler::Audit(const Peer& peer, const Json::Value& request) const {
+  if (!settings.audit) return;
+  const bool transferred = slot.type == RequestType::kTransfer;
+  LogChange(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]),
+            transferred ? " to=" + TextOf(request["payload"]) : "");
 }
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::string& reason) {
-  Count(slot.refused.at(static_cast<std::size_t>(slot.type.load())));
+  Count(CounterOf(slot.type, slot.refused));
   const bool issues = slot.type == RequestType::kIssue;
   LogRefusal(peer, request,
              issues ? Explain(reason, peer.credential.uid, settings.installed_config)

@@ -43,9 +43,16 @@ class RequestHandler {
 
   void Handle(const Peer& peer, const std::string& text, Json::Value& request,
               Json::Value& response);
-  void RunChange(const Operation& operation, const Peer& peer, const Json::Value& request,
-                 Json::Value& response);
+  // What operations do, as their table says.
+  template <auto kMethod>
+  void Ask(const Peer& peer, const Json::Value& request, Json::Value& response);
+  template <auto kMethod>
+  void Change(const Peer& peer, const Json::Value& request, Json::Value& response);
+  template <auto kMethod>
+  void Administer(const Peer& peer, const Json::Value& request, Json::Value& response);
   void Drop(const Peer& peer, const Json::Value& request, Json::Value& response);
+
+  void Audit(const Peer& peer, const Json::Value& request) const;
   void Refuse(const Peer& peer, const Json::Value& request, const std::string& reason);
 
   TokenStore& store;

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "json_member.h"
-#include "json_text.h"
 #include "log.h"
 #include "token_shape.h"
 
@@ -17,8 +16,18 @@ namespace {
 constexpr std::size_t kLongestLoggedText = 256;   // bytes
 constexpr std::size_t kLongestLoggedCause = 512;  // bytes: mostly paths, which no client chooses
 
+// As a JSON string but for control characters, which Log escapes.
+std::string Quoted(std::string_view text) {
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c != '\0' ? std::string_view(&c, 1) : "\\u0000";
+  }
+  return quoted + '"';
+}
+
 // A client that mixes up its arguments must not have its token logged: whatever could be one is
-// left out. As JSON text, because a client's line breaks must not look like lines of the log.
+// left out.
 std::string Loggable(std::string_view text) {
   std::string loggable;
   for (auto next = text.begin(); next != text.end() && loggable.size() < kLongestLoggedText;) {
@@ -28,7 +37,7 @@ std::string Loggable(std::string_view text) {
     next = end;
     if (next != text.end()) loggable += *next++;
   }
-  return toString(loggable);
+  return Quoted(loggable);
 }
 
 std::string LoggableMember(const Json::Value& request, const char* member) {
@@ -40,8 +49,7 @@ std::string LoggableMember(const Json::Value& request, const char* member) {
 
 void LogRefusal(const Peer& peer, const Json::Value& request, const Refusal& refusal) {
   const std::string cause =
-      refusal.cause.empty() ? ""
-                            : " cause=" + toString(refusal.cause.substr(0, kLongestLoggedCause));
+      refusal.cause.empty() ? "" : " cause=" + Quoted(refusal.cause.substr(0, kLongestLoggedCause));
   Log(LOG_NOTICE, "refused type=%s service=%s pid=%d uid=%u reason=%s%s",
       LoggableMember(request, "type").c_str(), LoggableMember(request, "service").c_str(),
       peer.credential.pid, peer.credential.uid, Loggable(refusal.reason).c_str(), cause.c_str());
