@@ -38,24 +38,27 @@ int Check(const Options& options) {
   return CheckIssue(options.installed_config, check.user, check.service, check.payload, std::cout);
 }
 
+// What would keep every worker from starting ends the daemon here. A damaged file may end the
+// process that reads it (mmap(2)), so this is done in others.
+void TryStore(const StoreOptions& options, const StoreLock& lock) {
+  RunInChild([&] { CheckStore(options); });
+  RunInChild([&] {
+    WorkerSlot slot;
+    OpenStore(options, lock, slot);
+  });
+}
+
 void Serve(const Options& options) {
   const Listeners listeners = OpenListeners(options.limits.backlog);
-  // Reading a damaged file can end a process, mmap(2).
-  RunInChild([&options] { CheckStore(options.store); });
-
+  const StoreLock store_lock(options.store);
+  TryStore(options.store, store_lock);
   Board& board = MapBoard();
-  Supervisor supervisor(
-      board, {
-                 .workers = options.workers,
-                 .request_timeout = options.request_timeout,
-                 .work = [&](WorkerSlot& slot) { Work(options, listeners, board, slot); },
-                 .on_ready =
-                     [&] {
-                       Log(LOG_NOTICE, "ready, serving %s with %u workers", listeners.names.c_str(),
-                           options.workers);
-                     },
-                 .on_stop = [&] { StopListening(listeners); },
-             });
+  const WorkerContext context{options, listeners.sockets, store_lock, board};
+  Supervisor supervisor(board, {.workers = options.workers,
+                                .request_timeout = options.request_timeout,
+                                .work = [&](WorkerSlot& slot) { Work(context, slot); },
+                                .on_stop = [&] { StopListening(listeners); },
+                                .serving = listeners.names});
   supervisor.Run();
 }
 

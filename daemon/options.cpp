@@ -26,7 +26,9 @@ constexpr std::uint64_t kLongestDuration = std::uint64_t{100} * 365 * 24 * 3600;
 
 // What CLI11 reads in another type than the options have.
 struct Texts {
+  std::string store;
   std::string store_format = "indexed";
+  std::uint64_t cache_bytes = StoreOptions{}.cache_bytes;
   std::uint64_t max_age = 0;
   std::uint64_t drop_orphans_after = 0;
   std::uint64_t request_timeout = 5;
@@ -53,31 +55,32 @@ void DescribeStore(CLI::App& app, Options& options, Texts& texts) {
   app.add_option("--store-format", texts.store_format, "\"text\" for a store that people read")
       ->check(CLI::IsMember({"indexed", "text"}))
       ->type_name("FORMAT");
-  app.add_option("--store-size", options.store_bytes, "Room for tokens in an indexed store")
+  app.add_option("--store-size", options.store.bytes, "Room for tokens in an indexed store")
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(kSmallestStore, kLargestStore))
       ->type_name("BYTES[K|M|G]");
-  app.add_option("--cache-size", options.cache_bytes,
+  app.add_option("--cache-size", texts.cache_bytes,
                  "Memory for the cache before a text store; 0 runs without")
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{std::numeric_limits<unsigned int>::max()}))
       ->type_name("BYTES[K|M|G]");
 }
 
-void AddLimit(CLI::App& app, const std::string& name, unsigned int& value,
-              const std::string& description, unsigned int most = 1U << 20) {
-  app.add_option(name, value, description)->check(CLI::Range(1U, most))->type_name("N");
+template <typename Number>
+void AddLimit(CLI::App& app, const std::string& name, Number& value, const std::string& description,
+              Number most = 1U << 20) {
+  app.add_option(name, value, description)->check(CLI::Range(Number{1}, most))->type_name("N");
 }
 
 void DescribeLimits(CLI::App& app, Options& options, Texts& texts) {
   AddLimit(app, "--workers", options.workers, "Processes that serve; default: one a processor",
-           kMaxWorkers);
+           unsigned{kMaxWorkers});
   AddLimit(app, "--max-waiting", options.limits.waiting,
            "Connections, for each worker, whose request has yet to arrive");
   AddLimit(app, "--max-waiting-per-user", options.limits.waiting_per_user,
            "The same, for each user");
-  AddLimit(app, "--max-tokens-per-user", options.max_tokens_per_user, "Tokens of one user",
-           std::numeric_limits<unsigned int>::max());
+  AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user, "Tokens of one user",
+           std::uint64_t{std::numeric_limits<std::uint32_t>::max()});
   AddDuration(app, "--max-age", texts.max_age, 1, "Drop tokens that are older");
   AddDuration(app, "--drop-orphans-after", texts.drop_orphans_after, 1,
               "Drop tokens whose owner has been gone for so long");
@@ -110,14 +113,16 @@ void Describe(CLI::App& app, Options& options, Texts& texts) {
 
 void Complete(const CLI::App& app, Options& options, const Texts& texts) {
   const bool is_text = texts.store_format == "text";
-  options.store_format = is_text ? StoreFormat::kText : StoreFormat::kIndexed;
   if (is_text && app.count("--workers") == 0) options.workers = 1;
   if (is_text && options.workers > 1) {
     throw CLI::ValidationError("--workers", "a text store has one worker");
   }
-  if (options.store.empty()) options.store = is_text ? kTextStore : kIndexedStore;
-  options.max_age = std::chrono::seconds(texts.max_age);
-  options.drop_orphans_after = std::chrono::seconds(texts.drop_orphans_after);
+  StoreOptions& store = options.store;
+  store.format = is_text ? StoreFormat::kText : StoreFormat::kIndexed;
+  store.path = !texts.store.empty() ? texts.store : is_text ? kTextStore : kIndexedStore;
+  store.cache_bytes = static_cast<unsigned int>(texts.cache_bytes);
+  store.max_age = std::chrono::seconds(texts.max_age);
+  store.drop_orphans_after = std::chrono::seconds(texts.drop_orphans_after);
   options.request_timeout = std::chrono::seconds(texts.request_timeout);
   if (texts.check) options.check = texts.check_options;
 }

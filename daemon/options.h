@@ -2,13 +2,11 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <optional>
 #include <string>
 
-#include "server.h"
-
-enum class StoreFormat { kIndexed, kText };
+#include "server_limits.h"
+#include "store_options.h"
 
 /// What `--check` is to look at.
 struct CheckOptions {
@@ -19,18 +17,12 @@ struct CheckOptions {
 
 struct Options {
   std::string installed_config = "/var/lib/zelttokenmgr/installed";
-  StoreFormat store_format = StoreFormat::kIndexed;
-  std::string store;                      ///< has a default for each format
-  std::uint64_t store_bytes = 64U << 20;  ///< indexed store only
-  std::uint64_t cache_bytes = 8U << 20;   ///< text store only; 0 runs without a cache
-  unsigned int workers = 1;               ///< processes that serve
-  unsigned int max_tokens_per_user = 10000;
-  std::chrono::seconds max_age{0};             ///< 0: any age
-  std::chrono::seconds drop_orphans_after{0};  ///< 0: never
+  StoreOptions store;
+  ServerLimits limits;
+  unsigned int workers = 1;  ///< processes that serve
   std::chrono::seconds request_timeout{5};
   bool audit = false;
   bool log_to_stderr = false;
-  zeltdaemon::ServerLimits limits;
   std::optional<CheckOptions> check;
 };
 

@@ -82,12 +82,13 @@ struct RequestHandler::Operation {
 };
 
 RequestHandler::RequestHandler(TokenStore& token_store, const Board& board, WorkerSlot& worker_slot,
-                               RequestSettings request_settings)
+                               RequestSettings request_settings,
+                               std::shared_ptr<CacheStorage> cache)
     : store(token_store),
       slot(worker_slot),
       settings(std::move(request_settings)),
       storage(std::make_shared<ChangeOnUse>(token_store)),
-      manager(settings.installed_config, storage, nullptr),
+      manager(settings.installed_config, storage, std::move(cache)),
       administration(token_store, board, settings.version),
       keeps_house(&worker_slot == board.slots.data()),
       watch(settings.installed_config) {

@@ -25,8 +25,10 @@ struct RequestSettings {
 /// Processes: each worker has its own object, over a store and a slot of its own.
 class RequestHandler {
  public:
+  /// `cache`, which may be empty, stands in front of the store.
   RequestHandler(TokenStore& token_store, const Board& board, WorkerSlot& worker_slot,
-                 RequestSettings request_settings);
+                 RequestSettings request_settings,
+                 std::shared_ptr<ZELT::TokenManager::CacheStorage> cache = nullptr);
 
   /// Returns the response to the request `text` of `peer`. Whatever a client sends is answered; the
   /// reason of a refusal goes to the log, and a token never does. Notes on the slot what it is

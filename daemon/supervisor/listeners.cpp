@@ -16,8 +16,8 @@ using ZELT::TokenManager::kSocketPath;
 
 namespace {
 
-void Add(Listeners& listeners, int socket, const std::string& name) {
-  listeners.sockets.push_back(socket);
+void Add(Listeners& listeners, const Listener& listener, const std::string& name) {
+  listeners.sockets.push_back(listener);
   listeners.names += (listeners.names.empty() ? "" : " and ") + name;
 }
 
@@ -27,7 +27,7 @@ void AddSecond(Listeners& listeners, int backlog) {
   mkdir(directory.c_str(), 0755);  // it may be there, or not be this user's to make
   umask(mask);
   try {
-    Add(listeners, ListenAt(kSecondSocketPath, backlog), kSecondSocketPath);
+    Add(listeners, {.fd = ListenAt(kSecondSocketPath, backlog)}, kSecondSocketPath);
   } catch (const std::runtime_error& error) {
     Log(LOG_WARNING, "%s; programs with a /tmp of their own cannot reach the daemon", error.what());
   }
@@ -37,16 +37,18 @@ void AddSecond(Listeners& listeners, int backlog) {
 
 Listeners OpenListeners(int backlog) {
   Listeners listeners;
-  for (const int socket : InheritedSockets()) Add(listeners, socket, AddressOf(socket));
-  listeners.inherited = !listeners.sockets.empty();
-  if (listeners.inherited) return listeners;
-  Add(listeners, ListenAt(kSocketPath, backlog), kSocketPath);
+  for (const int socket : InheritedSockets()) {
+    Add(listeners, {.fd = socket, .inherited = true}, AddressOf(socket));
+  }
+  if (!listeners.sockets.empty()) return listeners;
+  Add(listeners, {.fd = ListenAt(kSocketPath, backlog)}, kSocketPath);
   AddSecond(listeners, backlog);
   return listeners;
 }
 
 // Linux still hands out the connections that were made before.
 void StopListening(const Listeners& listeners) {
-  if (listeners.inherited) return;
-  for (const int socket : listeners.sockets) shutdown(socket, SHUT_RDWR);
+  for (const Listener& listener : listeners.sockets) {
+    if (!listener.inherited) shutdown(listener.fd, SHUT_RDWR);
+  }
 }

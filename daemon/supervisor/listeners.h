@@ -4,10 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "backlog.h"
+
 struct Listeners {
-  std::vector<int> sockets;
-  std::string names;       ///< for the log
-  bool inherited = false;  ///< from a service manager, which keeps them when the daemon ends
+  std::vector<Listener> sockets;
+  std::string names;  ///< for the log
 };
 
 /// Takes the sockets that were passed on; without any, listens at both of the daemon's addresses.
@@ -15,5 +16,5 @@ struct Listeners {
 /// make, so a failure there is logged.
 Listeners OpenListeners(int backlog);
 
-/// Has connections refused that come from now on, unless the service manager keeps them.
+/// Has connections refused that come from now on, unless somebody else keeps the socket.
 void StopListening(const Listeners& listeners);

@@ -245,7 +245,7 @@ void Supervisor::AnnounceReadiness() {
   };
   if (ready || std::none_of(workers.begin(), workers.end(), serves)) return;
   ready = true;
-  settings.on_ready();
+  Log(LOG_NOTICE, "ready, serving %s with %u workers", settings.serving.c_str(), settings.workers);
   NotifyServiceManager("READY=1");
 }
 

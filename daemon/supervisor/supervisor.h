@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "board.h"
@@ -21,8 +22,8 @@ struct SupervisorSettings {
   std::chrono::seconds request_timeout{5};
 
   std::function<void(WorkerSlot& slot)> work;  ///< what a worker does; it exits when this returns
-  std::function<void()> on_ready;              ///< called when the first worker serves
   std::function<void()> on_stop;               ///< called before the workers are told to end
+  std::string serving;                         ///< what is served, for the log
 };
 
 /// Ignores all signals that would end or stop the process, but for those that report a fault and
