@@ -25,16 +25,18 @@ struct RequestSettings {
 /// Processes: each worker has its own object, over a store and a slot of its own.
 class RequestHandler {
  public:
-  RequestHandler(TokenStore& token_store, const Board& board, WorkerSlot& worker_slot,
-                 RequestSettings request_settings);
+  /// `cache`, which may be empty, stands in front of the store.
+  RequestHandler(TokenStore& token_store, Board& shared_board, WorkerSlot& worker_slot,
+                 RequestSettings request_settings,
+                 std::shared_ptr<ZELT::TokenManager::CacheStorage> cache = nullptr);
 
   /// Returns the response to the request `text` of `peer`. Whatever a client sends is answered; the
   /// reason of a refusal goes to the log, and a token never does. Notes on the slot what it is
   /// doing and counts what it has done.
   std::string Answer(const Peer& peer, const std::string& text);
 
-  /// Does what has to be done from time to time, if this is the first slot's worker. To be called
-  /// about once a second.
+  /// Does what has to be done from time to time, most of it if this is the first slot's worker. To
+  /// be called about once a second.
   void OnIdle();
 
  private:
@@ -56,12 +58,12 @@ class RequestHandler {
   void Refuse(const Peer& peer, const Json::Value& request, const std::string& reason);
 
   TokenStore& store;
+  Board& board;
   WorkerSlot& slot;
   const RequestSettings settings;
   const std::shared_ptr<ChangeOnUse> storage;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
-  const bool keeps_house;
   WriterWatch watch;
   unsigned int idle_turns = 0;
 };

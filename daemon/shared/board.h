@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "refusals.h"
+
 /// The kinds of requests, in the order of the counters. `kOther` is what has no valid "type".
 enum class RequestType : std::uint8_t {
   kIssue,
@@ -65,5 +67,6 @@ constexpr std::size_t kMaxWorkers = 256;
 struct Board {
   std::int64_t started = 0;                   ///< CLOCK_MONOTONIC in nanoseconds
   std::atomic<std::uint64_t> deaths = 0;      ///< of workers that nobody had told to end
+  Refusals refusals;                          ///< how many may be logged
   std::array<WorkerSlot, kMaxWorkers> slots;  ///< those in use first
 };
