@@ -33,7 +33,7 @@ int NoteOldest(const char* line, void* oldest) {
 Room::Room(Database& store_database) : database(store_database) {}
 
 bool Room::Has(std::uint64_t pages) {
-  if (SparePages() < kAhead / 2) Grow();
+  if (SparePages() < std::max(kAhead / 2, pages)) Grow(std::max(kAhead, pages));
   const std::uint64_t spare = SparePages();
   return spare >= pages || spare + ReusablePages(pages - spare) >= pages;
 }
@@ -45,13 +45,13 @@ std::uint64_t Room::SparePages() {
   return allocated > used ? allocated - used : 0;
 }
 
-void Room::Grow() {
+void Room::Grow(std::uint64_t pages_ahead) {
   const int file = database.File();
   struct stat status {};
   Expect(fstat(file, &status) == 0 ? 0 : errno, kWhat);
   const auto size = static_cast<std::uint64_t>(status.st_size);
   const std::uint64_t wanted =
-      std::min(database.LastPage() + 1 + kAhead, database.MapPages()) * database.PageBytes();
+      std::min(database.LastPage() + 1 + pages_ahead, database.MapPages()) * database.PageBytes();
   // Another worker may have made it grow already.
   growth_error = size >= wanted ? 0
                                 : posix_fallocate(file, static_cast<off_t>(size),
