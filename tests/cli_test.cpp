@@ -288,13 +288,18 @@ TEST_F(CliTest, TakesATokenThroughItsLife) {
     ask run fastapi @get -- sh -c 'zelttoken validate fastapi - @run <<E
 $ZELT_TOKEN
 E'
+    zelttoken issue fastapi @get >/dev/null
+    ask list --json --service taskmanager
+    ask drop --user root --orphans
+    zelttoken status --prometheus | grep -c '^zelttokenmgrd_user_tokens{user="root".* 1$'
     exec zelttoken revoke fastapi @token --json)");
   EXPECT_EQ(life.End(), 0) << life.Errors();
   EXPECT_EQ(life.Output(),
             "validate:\npermitted\n"
             "validate:\n{\"permitted\":false,\"success\":true}\nexit 1\n"
             "validate:\nexit 1\nrevoke:\nexit 1\ntransfer:\nexit 1\nissue:\nexit 1\n"
-            "run:\npermitted\n{\"success\":true}\n");
+            "run:\npermitted\nlist:\n{\"success\":true,\"tokens\":[]}\n"
+            "drop:\n1 token dropped\n1\n{\"success\":true}\n");
 }
 
 }  // namespace ZELT::CliTests
