@@ -335,6 +335,16 @@ TEST_F(WorkerTest, AnswersInPages) {
             kTokens / 2);
 }
 
+TEST(BoardTest, SortsTimesByPowersOfTwo) {
+  using std::chrono::nanoseconds;
+  const std::pair<nanoseconds, std::size_t> rows[] = {
+      {nanoseconds(0), 0},         {nanoseconds(1000), 0}, {nanoseconds(1001), 1},
+      {nanoseconds(4000), 2},      {nanoseconds(4001), 3}, {std::chrono::microseconds(1 << 18), 18},
+      {std::chrono::hours(1), 19},
+  };
+  for (const auto& [time, bucket] : rows) EXPECT_EQ(TimeBucket(time), bucket) << time.count();
+}
+
 TEST_F(WorkerTest, CountsWhatWorkersDo) {
   Worker worker;
   worker.board.slots[0].pid = worker.board.slots[3].pid = 1;
@@ -393,7 +403,8 @@ std::string Checked() {
   return Requoted(findings.str()) + "exit " + std::to_string(exit_code);
 }
 
-std::string Issued(const std::string& user, const std::string& service, const char* payload) {
+std::string Issued(const std::string& user, const std::string& service,
+                   const std::string& payload) {
   std::ostringstream output;
   const int exit_code = CheckIssue(kInstalled, user, service, Requoted(payload), output);
   return Requoted(output.str()) + "exit " + std::to_string(exit_code);
@@ -486,6 +497,9 @@ TEST_F(CheckTest, SaysWhatAUserWouldBeGranted) {
   for (const auto& [user, service, payload, output] : rows) {
     EXPECT_EQ(Issued(user, service, payload), output);
   }
+  const std::string many = "[" + Repeated("{'api':'A','method':'m'},", 256);
+  EXPECT_NE(Issued("alice", "fastapi", many + "{'api':'A','method':'m'}]").find("grants"),
+            std::string::npos);
   fs::remove_all("/var/packages");
   const std::string missing = "/var/packages: No such file or directory\n";
   EXPECT_EQ(Issued("alice", "fastapi", "[]"), missing + "exit 1");
