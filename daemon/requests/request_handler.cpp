@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <chrono>
 #include <stdexcept>
 #include <string_view>
@@ -71,12 +70,6 @@ std::chrono::seconds Seconds() {
   return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch());
 }
 
-void CountTime(WorkerSlot& slot, Clock::duration time) {
-  const auto microseconds = std::chrono::ceil<std::chrono::microseconds>(time).count();
-  const auto above = static_cast<std::uint64_t>(std::max<std::int64_t>(microseconds - 1, 0));
-  Count(slot.times.at(std::min<std::size_t>(std::bit_width(above), kTimeBuckets - 1)));
-}
-
 }  // namespace
 
 struct RequestHandler::Operation {
@@ -116,7 +109,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     response.removeMember("token");  // of an issue that could not be committed
     Refuse(peer, request, refusal.what());
   }
-  CountTime(slot, Clock::now() - begun);
+  Count(slot.times.at(TimeBucket(Clock::now() - begun)));
   slot.activity = Activity::kIdle;
   return toString(response);
 }

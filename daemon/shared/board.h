@@ -3,8 +3,10 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +33,13 @@ enum class Activity : std::uint8_t { kIdle, kServing, kWaitingForStore };
 /// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the
 /// last.
 constexpr std::size_t kTimeBuckets = 20;
+
+/// The bucket for a request that took `time`.
+constexpr std::size_t TimeBucket(std::chrono::nanoseconds time) {
+  const auto microseconds = std::chrono::ceil<std::chrono::microseconds>(time).count();
+  const auto last = static_cast<std::uint64_t>(microseconds > 0 ? microseconds - 1 : 0);
+  return std::min<std::size_t>(std::bit_width(last), kTimeBuckets - 1);
+}
 
 /// One worker's part of the board. Only its worker writes it, but for `pid`, which is the
 /// supervisor's. The counters go on when a replacement takes the slot over.
