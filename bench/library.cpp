@@ -1,4 +1,4 @@
-// Benchmarks of the library, each beside its bare limit or its peer. To be run by scripts/bench, in
+// Benchmarks of the library, each beside its bare limit. To be run by scripts/bench, in
 // a private file system: some need "/var/packages" and "/tmp" to themselves.
 #include <benchmark/benchmark.h>
 #include <syslog.h>
@@ -16,7 +16,6 @@
 #include "bare_json.h"
 #include "bare_store.h"
 #include "json_text.h"
-#include "sqlite_store.h"
 #include "zelttokenmanager/service/fastapi.h"
 #include "zelttokenmanager/service/taskmanager.h"
 #include "zelttokenmanager/storage/json_file_storage.h"
@@ -139,19 +138,6 @@ void Remove(benchmark::State& state, std::size_t count) {
   }
 }
 
-// The file is kept for the next run: to fill it takes longer than to measure.
-void OnSqlite(benchmark::State& state, Benchmark run, std::size_t count) {
-  const std::string path = "/tmp/bench-sqlite-" + std::to_string(count);
-  const bool is_new = !fs::exists(path);
-  SqliteStore store(path);
-  if (is_new) {
-    store.Execute("BEGIN");
-    Fill(store, count);
-    store.Execute("COMMIT");
-  }
-  run(state, store, count);
-}
-
 template <typename Cache>
 void CacheHit(benchmark::State& state, std::size_t count) {
   Cache cache(kLargeCache);
@@ -206,10 +192,8 @@ void Add(const std::string& name, std::size_t size, Arguments... arguments) {
 void AddStore(std::size_t count) {
   Add("get/ours", count, OnStore<JsonFileStorage>, Get);
   Add("get/bare", count, OnStore<bare::Store>, Get);
-  Add("get/sqlite", count, OnSqlite, Get);
   Add("insert/ours", count, OnStore<JsonFileStorage>, Insert);
   Add("insert/bare", count, OnStore<bare::Store>, Insert);
-  Add("insert/sqlite", count, OnSqlite, Insert);
   Add("remove/ours", count, Remove<JsonFileStorage>);
   Add("remove/bare", count, Remove<bare::Store>);
 }
