@@ -1,7 +1,6 @@
 #include "zelttokenmanager/utils.h"
 
-#include "server.h"
-#include "support/testing.h"
+#include "support/serving.h"
 
 namespace ZELT::TokenManager::UtilsTests {
 
@@ -69,12 +68,12 @@ const std::map<std::string, std::string> kRequests = {
 
 TEST_F(UtilsTest, ClientsSendOneRequestAndReadOneResponse) {
   for (const Row& row : kAnswers) {
-    zeltdaemon::DomainSockServer server(kSocket);
+    TestServer server(kSocket);
     std::jthread client(
         [&] { EXPECT_EQ(Outcome([&] { return Send(row.first); }), row.outcome) << row.second; });
-    server.Serve([&](int /*connection*/, const std::string& request) {
+    server.Run([&](const Peer& /*peer*/, const std::string& request) {
       EXPECT_EQ(Requoted(request), kRequests.at(row.first));
-      server.Stop();
+      TestServer::Stop();
       return Requoted(row.second);
     });
   }
@@ -82,7 +81,7 @@ TEST_F(UtilsTest, ClientsSendOneRequestAndReadOneResponse) {
 
 TEST_F(UtilsTest, NeedADaemonAShortRequestAndASocket) {
   EXPECT_EQ(Outcome([] { Send("issue"); }), "utils.cpp:62 failed to access domain socket");
-  const zeltdaemon::DomainSockServer listening(kSocket);
+  const TestServer listening(kSocket);
   EXPECT_EQ(Outcome([] { SendRevokeRequest("s", std::string(2 << 20, 'x')); }),
             "utils.cpp:65 failed to send request");
   EXPECT_EQ(Outcome([] { GetPeerCredential(-1); }), "utils.cpp:149 failed to get peer credential");
