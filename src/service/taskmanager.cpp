@@ -8,7 +8,7 @@
 
 #include "group_lookup.h"
 #include "json_member.h"
-#include "service/grant.h"
+#include "grant.h"
 
 namespace ZELT::TokenManager {
 namespace {

@@ -1,0 +1,81 @@
+// The part of the indexed store that looks after the tokens there are.
+#include <algorithm>
+
+#include "indexed_store.h"
+#include "listing.h"
+
+namespace {
+
+constexpr std::size_t kTended = 4096;       // tokens that one call looks at
+constexpr std::size_t kTendedAtOnce = 256;  // before it looks whether it has taken long
+
+}  // namespace
+
+Page IndexedStore::List(const TokenFilter& filter, std::uint64_t after) {
+  return SelectTokens(database, tables, filter, after).page;
+}
+
+Page IndexedStore::Drop(const TokenFilter& filter, std::uint64_t after) {
+  const Selection found = SelectTokens(database, tables, filter, after);
+  Page dropped;
+  dropped.next = found.page.next;
+  Json::ArrayIndex row = 0;
+  ChangeEach(found.holdings, [&](const Holding& each) {
+    if (EraseIfSame(each, filter.orphans)) dropped.rows.append(found.page.rows[row]);
+    ++row;
+  });
+  return dropped;
+}
+
+Page IndexedStore::Usage(std::uint64_t after) { return ListUsage(database, tables, after); }
+
+Json::Value IndexedStore::GetStatistics() {
+  const Database::ReadScope scope(database);
+  Json::Value statistics(Json::objectValue);
+  statistics["tokens"] = Json::UInt64{tables.CountTokens(scope.Get())};
+  statistics["used"] = Json::UInt64{tables.UsedPages(scope.Get()) * database.PageBytes()};
+  statistics["size"] = Json::UInt64{options.bytes};
+  return statistics;
+}
+
+// Goes through all tokens, a few thousand a call, and begins again.
+void IndexedStore::KeepHouse() {
+  database.ClearDeadReaders();
+  if (options.max_age.count() == 0 && options.drop_orphans_after.count() == 0) return;
+  Judge judge;
+  for (std::size_t seen = 0; seen < kTended && !judge.IsTired(); seen += kTendedAtOnce) {
+    auto holdings = NextHoldings(database, tables, std::nullopt, tended, kTendedAtOnce);
+    tended = holdings.size() < kTendedAtOnce ? 0 : holdings.back().header.id;
+    std::erase_if(holdings, [&](const Holding& each) { return !NeedsCare(each.header, judge); });
+    ChangeEach(holdings, [&](const Holding& each) { Tend(each); });
+    if (tended == 0) return;
+  }
+}
+
+bool IndexedStore::NeedsCare(const RecordHeader& header, Judge& judge) const {
+  if (IsGone(header, options)) return true;
+  return options.drop_orphans_after.count() > 0 && header.orphaned.wall_time == 0 &&
+         judge.IsOrphan(header);
+}
+
+// Drops a token whose time has come, and notes of another one that it is an orphan.
+void IndexedStore::Tend(const Holding& holding) {
+  if (IsGone(holding.header, options)) {
+    EraseIfSame(holding, !IsTooOld(holding.header, options));
+  } else if (const auto record = FindSame(holding, true)) {
+    RecordHeader header = record->header;
+    header.orphaned = Now();
+    tables.Replace(Write(), holding.token, header, std::string(record->text));
+  }
+}
+
+void IndexedStore::ChangeEach(std::span<const Holding> holdings, const Changer& change) {
+  const Rollbacker rollback{*this};
+  while (!holdings.empty()) {
+    const auto part = holdings.first(std::min(holdings.size(), kMostInChange));
+    BeginWrite(part.size());
+    std::for_each(part.begin(), part.end(), change);
+    CommitWrite();
+    holdings = holdings.subspan(part.size());
+  }
+}
