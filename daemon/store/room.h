@@ -21,13 +21,16 @@ class Room {
   /// Whether a reader keeps freed pages from being used again.
   bool ReadersHoldPages();
 
+  /// Whether the file system refused more space.
+  bool IsShort() const { return growth_error != 0; }
+
   /// Why the file cannot grow, with numbers.
   std::string Shortage() const;
 
  private:
   std::uint64_t AllocatedPages() const;
   std::uint64_t SparePages() const;
-  void Grow();
+  void Grow(std::uint64_t pages_ahead);
   std::uint64_t ReusablePages(std::uint64_t enough);
   std::uint64_t OldestRead();
 
