@@ -21,6 +21,10 @@ namespace {
 
 namespace dom = simdjson::dom;
 
+// simdjson's objects are destroyed when the process ends. Those made while this library is loaded
+// are destroyed after everything that could use it.
+[[maybe_unused]] const bool is_simdjson_made = simdjson::validate_utf8("", 0);
+
 // A parser holds several times the bytes of the longest text it has read. One that has grown beyond
 // this is not kept.
 constexpr std::size_t kKeptBytes = 64U << 10;
