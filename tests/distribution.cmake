@@ -19,6 +19,11 @@ add_test(NAME quoted_service COMMAND bash -c "diff examples/printing.h <(
     sed -n '/^```cpp$/,/^```$/p' docs/architecture.md | sed '1d;$d')"
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 
+add_test(NAME documented_paths COMMAND bash -c [[
+    ! grep -ohE '`[a-z]+/[A-Za-z0-9_./-]*`' docs/*.md CONTRIBUTING.md | tr -d '`' | sort -u |
+      while read -r path; do [ -e "$path" ] || echo "there is no $path"; done | grep .]]
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+
 find_program(SYSTEMD_ANALYZE systemd-analyze)
 if(SYSTEMD_ANALYZE)
   add_test(NAME service_file COMMAND ${distribution}/service_file.sh
