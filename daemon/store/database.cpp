@@ -5,16 +5,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 namespace {
 
+constexpr const char* kOpen = "open the store";
 constexpr unsigned int kMaxReaders = 1024;  // more than there are workers, killed ones included
 constexpr unsigned int kMaxTables = 8;
-constexpr std::uint64_t kSlack = 16U << 20;  // bytes the map has beyond a file that is large already
+constexpr std::uint64_t kSlack = 16U
+                                 << 20;  // bytes the map has beyond a file that is large already
 
 std::uint64_t FileBytes(const std::string& path) {
-  struct stat status{};
+  struct stat status {};
   return stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
@@ -41,16 +44,27 @@ Cursor OpenCursor(MDB_txn* transaction, MDB_dbi table) {
   return Cursor(cursor);
 }
 
-Database::Database(const std::string& path, std::uint64_t map_bytes, unsigned int flags) {
+Database::Database(const std::string& path, std::uint64_t map_bytes, Use use) {
+  constexpr std::array<unsigned int, 3> kFlags = {MDB_NOLOCK, MDB_NOLOCK | MDB_RDONLY, 0};
+  const std::uint64_t size = FileBytes(path);
+  if (size == 0 && use != Use::kMake) throw std::runtime_error("the file is empty");
   MDB_env* created = nullptr;
-  Expect(mdb_env_create(&created), "open the store");
+  Expect(mdb_env_create(&created), kOpen);
   environment.reset(created);
-  const std::uint64_t map = std::max(map_bytes, FileBytes(path) + kSlack);
-  Expect(mdb_env_set_mapsize(created, map / kPageBytes * kPageBytes), "open the store");
-  Expect(mdb_env_set_maxreaders(created, kMaxReaders), "open the store");
-  Expect(mdb_env_set_maxdbs(created, kMaxTables), "open the store");
-  constexpr unsigned int kAlways = MDB_NOSUBDIR | MDB_NOTLS;
-  Expect(mdb_env_open(created, path.c_str(), kAlways | flags, S_IRUSR | S_IWUSR), "open the store");
+  const auto system_page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  const std::uint64_t map = std::max(map_bytes, size + kSlack) / system_page * system_page;
+  Expect(mdb_env_set_mapsize(created, map), kOpen);
+  Expect(mdb_env_set_maxreaders(created, kMaxReaders), kOpen);
+  Expect(mdb_env_set_maxdbs(created, kMaxTables), kOpen);
+  const unsigned int flags = MDB_NOSUBDIR | MDB_NOTLS | kFlags.at(static_cast<std::size_t>(use));
+  Expect(mdb_env_open(created, path.c_str(), flags, S_IRUSR | S_IWUSR), kOpen);
+  MDB_stat stat{};
+  Expect(mdb_env_stat(created, &stat), kOpen);
+  page_bytes = stat.ms_psize;
+  // What lies beyond the end of the file cannot be read without SIGBUS.
+  if (use != Use::kMake && (LastPage() + 1) * page_bytes > FileBytes(path)) {
+    throw std::runtime_error("the file is cut off");
+  }
 }
 
 Database::~Database() = default;

@@ -36,19 +36,22 @@ Cursor OpenCursor(MDB_txn* transaction, MDB_dbi table);
 /// An open environment. A process has at most one of a file, and none that it had before fork(2).
 class Database {
  public:
-  /// `flags` as of mdb_env_open, beside those that are always set. `map_bytes` is how large the
-  /// file can become; it is more if the file is larger already.
-  Database(const std::string& path, std::uint64_t map_bytes, unsigned int flags);
+  /// Only making and serving write; only serving takes part in LMDB's locks.
+  enum class Use { kMake, kCheck, kServe };
+
+  /// `map_bytes` is how large the file can become; it is more if the file is larger already. Throws
+  /// `std::runtime_error`, also for a file that is shorter than it says.
+  Database(const std::string& path, std::uint64_t map_bytes, Use use);
   ~Database();
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
   MDB_env* Get() const { return environment.get(); }
   int File() const;
-  std::uint64_t MapPages() const { return Info().me_mapsize / kPageBytes; }
+  std::uint64_t PageBytes() const { return page_bytes; }
+  std::uint64_t MapPages() const { return Info().me_mapsize / page_bytes; }
   std::uint64_t LastPage() const { return Info().me_last_pgno; }     ///< as of the last commit
   std::uint64_t LastCommit() const { return Info().me_last_txnid; }  ///< its number
-  static constexpr std::uint64_t kPageBytes = 4096;
 
   /// Waits for the right to write.
   Transaction BeginWrite();
@@ -82,5 +85,6 @@ class Database {
   int Begin(unsigned int flags, Transaction& begun);
 
   std::unique_ptr<MDB_env, Closer> environment;
+  std::uint64_t page_bytes = 0;
   Transaction kept;  // the read transaction, reset between scopes
 };

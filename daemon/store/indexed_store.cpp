@@ -22,24 +22,19 @@ constexpr const char* kUnknown = "the store has no such token";
 // Pages. A change to each table's way from the root, with what LMDB merges and lists beside it,
 // takes some 30, and what it frees serves the next but one.
 constexpr std::uint64_t kForChange = 96;
-constexpr std::uint64_t kForEach = 16;      // further token that goes in the same change
+constexpr std::uint64_t kForEach = 16;         // further token that goes in the same change
 constexpr std::uint64_t kLeftForOthers = 256;  // revocations: after a new token
-
-constexpr std::size_t kTendedAtOnce = 64;
-constexpr std::size_t kTendedASecond = 4096;
 
 // Longer than a reader that was stopped is left alone.
 constexpr std::chrono::seconds kPatience{12};
 constexpr std::chrono::milliseconds kPause{2};
-
-std::uint64_t Pages(std::uint64_t bytes) { return bytes / Database::kPageBytes + 1; }
 
 }  // namespace
 
 IndexedStore::IndexedStore(const StoreOptions& store_options, WorkerSlot& worker_slot)
     : options(store_options),
       slot(worker_slot),
-      database(options.path, MapBytes(options), 0),
+      database(options.path, MapBytes(options), Database::Use::kServe),
       tables(database, false),
       room(database),
       orphans(options) {
@@ -50,12 +45,13 @@ void IndexedStore::Begin(const Peer& peer) {
   Rollback();
   changer = peer;
   changing_process = IdentifyProcess(peer.credential.pid);  // before others have to wait
-  BeginWrite(kForChange);
+  BeginWrite(1);
 }
 
 // Waits until there is room for the change: a worker that was stopped while it read keeps freed
 // pages, and is killed in the end.
-void IndexedStore::BeginWrite(std::uint64_t pages) {
+void IndexedStore::BeginWrite(std::size_t tokens_changed) {
+  const std::uint64_t pages = kForChange + tokens_changed * kForEach;
   if (write) throw std::logic_error("a change within a change");
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   slot.activity = Activity::kWaitingForStore;
@@ -136,10 +132,10 @@ void IndexedStore::MakeRoom(std::uint64_t bytes) {
   if (Fits(bytes)) return;
   write.reset();  // nothing was changed yet, and the search takes its time
   const auto found = orphans.Find(database, tables, changer.credential.uid);
-  BeginWrite(kForChange + found.size() * kForEach);
+  BeginWrite(found.size() + 1);
   for (const Holding& orphan : found) {
     if (Fits(bytes)) return;
-    EraseIfSame(orphan);
+    EraseIfSame(orphan, !IsTooOld(orphan.header, options));
   }
   if (Fits(bytes)) return;
   const UserTotal total = tables.TotalOf(Write(), changer.credential.uid);
@@ -153,8 +149,8 @@ void IndexedStore::MakeRoom(std::uint64_t bytes) {
 
 void IndexedStore::ExpectRoomForToken() {
   const std::uint64_t used = tables.UsedPages(Write());
-  if (used >= options.bytes / Database::kPageBytes) {
-    throw std::runtime_error("the store is full: " + std::to_string(used * Database::kPageBytes) +
+  if (used >= options.bytes / database.PageBytes()) {
+    throw std::runtime_error("the store is full: " + std::to_string(used * database.PageBytes()) +
                              " of " + std::to_string(options.bytes) + " bytes are used");
   }
   if (!room.Has(kLeftForOthers)) {
@@ -167,7 +163,8 @@ void IndexedStore::Remove(const std::string& token) {
   if (!record) return;
   if (!changing_process || record->header.Owner() != *changing_process ||
       !HadStarted(*changing_process, changer.accepted)) {
-    throw std::runtime_error("the peer has the number of the token's owner, but is another process");
+    throw std::runtime_error(
+        "the peer has the number of the token's owner, but is another process");
   }
   removed = {token, record->header};
   changed_id = record->header.id;
@@ -175,7 +172,7 @@ void IndexedStore::Remove(const std::string& token) {
 
 std::string IndexedStore::Text(MDB_txn* transaction, const std::string& token) const {
   const auto record = tables.Find(transaction, token);
-  if (!record || (removed && removed->token == token) || Judge(options).IsGone(record->header)) {
+  if (!record || (removed && removed->token == token) || IsGone(record->header, options)) {
     throw std::runtime_error(kUnknown);
   }
   return std::string(record->text);
@@ -190,12 +187,15 @@ Json::Value IndexedStore::GetAssociatedData(const std::string& token) {
 }
 
 // The token may have been removed or transferred since it was looked at.
-bool IndexedStore::EraseIfSame(const Holding& holding) {
-  const auto record = tables.Find(Write(), holding.token);
-  if (!record || record->header.id != holding.header.id ||
-      record->header.Owner() != holding.header.Owner()) {
-    return false;
-  }
-  tables.Erase(Write(), holding.token);
-  return true;
+std::optional<Record> IndexedStore::FindSame(const Holding& holding, bool same_owner) {
+  auto record = tables.Find(Write(), holding.token);
+  if (!record || record->header.id != holding.header.id) return std::nullopt;
+  if (same_owner && record->header.Owner() != holding.header.Owner()) return std::nullopt;
+  return record;
+}
+
+bool IndexedStore::EraseIfSame(const Holding& holding, bool same_owner) {
+  const bool found = FindSame(holding, same_owner).has_value();
+  if (found) tables.Erase(Write(), holding.token);
+  return found;
 }

@@ -2,16 +2,16 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
-#include <vector>
 
 #include "board.h"
 #include "database.h"
-#include "limits.h"
 #include "room.h"
 #include "store_options.h"
 #include "tables.h"
 #include "token_store.h"
+#include "user_limits.h"
 
 /// Keeps tokens in an LMDB file, which `StoreLock` has made and checked.
 ///
@@ -46,13 +46,14 @@ class IndexedStore : public TokenStore {
   void KeepHouse() override;
 
  private:
-  struct Removal {
-    std::string token;
-    RecordHeader header;
+  // Ends a change of the store's own that failed.
+  struct Rollbacker {
+    IndexedStore& store;
+    ~Rollbacker() { store.Rollback(); }
   };
 
   MDB_txn* Write();
-  void BeginWrite(std::uint64_t pages);
+  void BeginWrite(std::size_t tokens);
   void CommitWrite();
   void Issue(const std::string& token, const Json::Value& data, const std::string& text);
   void Transfer(const Json::Value& data, const std::string& text);
@@ -60,8 +61,10 @@ class IndexedStore : public TokenStore {
   bool Fits(std::uint64_t bytes);
   void ExpectRoomForToken();
   std::string Text(MDB_txn* transaction, const std::string& token) const;
-  bool EraseIfSame(const Holding& holding);
-  void Tend(const std::vector<Holding>& holdings);
+  std::optional<Record> FindSame(const Holding& holding, bool same_owner);
+  bool EraseIfSame(const Holding& holding, bool same_owner);
+  bool NeedsCare(const RecordHeader& header, Judge& judge) const;
+  void Tend(std::span<const Holding> holdings);
 
   const StoreOptions options;
   WorkerSlot& slot;
@@ -73,7 +76,7 @@ class IndexedStore : public TokenStore {
   Transaction write;  // of the current change
   Peer changer;
   std::optional<ProcessIdentity> changing_process;
-  std::optional<Removal> removed;  // carried out by `Commit`, unless the token is inserted again
+  std::optional<Holding> removed;  // carried out by `Commit`, unless the token is inserted again
   std::uint64_t changed_id = 0;
   std::uint64_t tended = 0;  // the id up to which `KeepHouse` has come
 };

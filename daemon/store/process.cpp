@@ -34,7 +34,8 @@ bool IsProcess(pid_t pid) {
 // name before it may hold spaces and brackets.
 std::string_view Field(std::string_view status, int number) {
   std::string_view fields = status.substr(std::min(status.rfind(')'), status.size()));
-  for (int i = 2; i < number; ++i) fields.remove_prefix(std::min(fields.find(' '), fields.size() - 1) + 1);
+  for (int i = 2; i < number; ++i)
+    fields.remove_prefix(std::min(fields.find(' '), fields.size() - 1) + 1);
   return fields.substr(0, fields.find(' '));
 }
 

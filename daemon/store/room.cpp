@@ -47,17 +47,17 @@ std::uint64_t Room::SparePages() {
 
 void Room::Grow() {
   const int file = database.File();
-  struct stat status{};
+  struct stat status {};
   Expect(fstat(file, &status) == 0 ? 0 : errno, kWhat);
   const auto size = static_cast<std::uint64_t>(status.st_size);
   const std::uint64_t wanted =
-      std::min(database.LastPage() + 1 + kAhead, database.MapPages()) * Database::kPageBytes;
+      std::min(database.LastPage() + 1 + kAhead, database.MapPages()) * database.PageBytes();
   // Another worker may have made it grow already.
   growth_error = size >= wanted ? 0
                                 : posix_fallocate(file, static_cast<off_t>(size),
                                                   static_cast<off_t>(wanted - size));
   Expect(fstat(file, &status) == 0 ? 0 : errno, kWhat);
-  allocated = std::min(static_cast<std::uint64_t>(status.st_size) / Database::kPageBytes,
+  allocated = std::min(static_cast<std::uint64_t>(status.st_size) / database.PageBytes(),
                        database.MapPages());
 }
 
@@ -89,7 +89,7 @@ std::uint64_t Room::OldestRead() {
 }
 
 std::string Room::Shortage() const {
-  const std::string size = std::to_string(allocated * Database::kPageBytes) + " bytes";
+  const std::string size = std::to_string(allocated * database.PageBytes()) + " bytes";
   if (growth_error == 0) return "its file is as large as it may become, " + size;
   return std::string("its file system or quota: the file cannot grow beyond ") + size + ": " +
          std::strerror(growth_error);

@@ -16,9 +16,11 @@
 #include <thread>
 
 #include "database.h"
+#include "owned_descriptor.h"
 #include "tables.h"
 
 namespace fs = std::filesystem;
+using ZELT::TokenManager::OwnedDescriptor;
 
 namespace {
 
@@ -36,20 +38,15 @@ void Expect(bool done, const std::string& what) {
 
 // The status of the path itself, which may be a symbolic link.
 std::optional<struct stat> StatusOf(const fs::path& path) {
-  struct stat status{};
+  struct stat status {};
   if (lstat(path.c_str(), &status) == 0) return status;
   if (errno != ENOENT) ThrowFailure(path);
   return std::nullopt;
 }
 
 void Sync(const fs::path& directory) {
-  const int file = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const bool synced = file >= 0 && fsync(file) == 0;
-  const int error = errno;
-  if (file >= 0) close(file);
-  errno = error;
-  // A directory that may not be read, as the text store's, is not synced.
-  Expect(synced || error == EACCES, "cannot sync " + directory.string());
+  const OwnedDescriptor file(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  Expect(file.IsOpen() && fsync(file.Get()) == 0, "cannot sync " + directory.string());
 }
 
 // A directory in whose way others could put something else. In one with the sticky bit they can
@@ -107,8 +104,8 @@ void PrepareTextDirectory(const fs::path& directory) {
   }
 }
 
-// Without it btrfs writes each page to a new place, for which a full file system has no room. Others
-// do not know it.
+// Without it btrfs writes each page to a new place, for which a full file system has no room.
+// Others do not know it.
 void WriteInPlace(int file) {
   int flags = 0;
   if (ioctl(file, FS_IOC_GETFLAGS, &flags) != 0) return;
@@ -118,20 +115,18 @@ void WriteInPlace(int file) {
 
 // The file gets its name when it is whole. LMDB would take an empty one for a new store.
 void MakeStore(const fs::path& path, const fs::path& directory, const StoreOptions& options) {
-  const int file = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  Expect(file >= 0, "cannot make a file in " + directory.string());
-  const std::string name = "/proc/self/fd/" + std::to_string(file);
-  WriteInPlace(file);
+  const OwnedDescriptor file(
+      open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  Expect(file.IsOpen(), "cannot make a file in " + directory.string());
+  const std::string name = "/proc/self/fd/" + std::to_string(file.Get());
+  WriteInPlace(file.Get());
   {
-    Database database(name, MapBytes(options), MDB_NOLOCK);
+    Database database(name, MapBytes(options), Database::Use::kMake);
     const Tables tables(database, true);
   }
-  const bool made = fsync(file) == 0 && linkat(AT_FDCWD, name.c_str(), AT_FDCWD, path.c_str(),
-                                               AT_SYMLINK_FOLLOW) == 0;
-  const int error = errno;
-  close(file);
-  errno = error;
-  Expect(made || error == EEXIST, "cannot make " + path.string());
+  Expect(fsync(file.Get()) == 0, "cannot sync " + path.string());
+  const int linked = linkat(AT_FDCWD, name.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
+  Expect(linked == 0 || errno == EEXIST, "cannot make " + path.string());
   Sync(directory);
 }
 
@@ -170,18 +165,16 @@ StoreLock::StoreLock(const StoreOptions& options) {
   path = text ? options.path + ".lock" : options.path;
   if (!text && !StatusOf(path)) MakeStore(path, directory, options);
   const int create = text ? O_CREAT : 0;
-  file = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | create,
-              S_IRUSR | S_IWUSR);
-  Expect(file >= 0, "cannot open " + path);
-  if (!Lock(file)) throw std::runtime_error("another daemon uses the store " + options.path);
+  file = OwnedDescriptor(
+      open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | create, S_IRUSR | S_IWUSR));
+  Expect(file.IsOpen(), "cannot open " + path);
+  if (!Lock(file.Get())) throw std::runtime_error("another daemon uses the store " + options.path);
   ExpectSameFile();
 }
 
-StoreLock::~StoreLock() { close(file); }
-
 void StoreLock::ExpectSameFile() const {
-  struct stat held{};
-  Expect(fstat(file, &held) == 0, path);
+  struct stat held {};
+  Expect(fstat(file.Get(), &held) == 0, path);
   const auto found = StatusOf(path);
   if (found && found->st_dev == held.st_dev && found->st_ino == held.st_ino) return;
   throw std::runtime_error(path + " was removed or replaced; restart the daemon");

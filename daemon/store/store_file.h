@@ -2,10 +2,10 @@
 // daemon use them at the same time.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdint>
 #include <string>
 
+#include "owned_descriptor.h"
 #include "store_options.h"
 
 /// Makes what is missing of the store's directory and file, and checks what is there. Nothing is
@@ -17,16 +17,13 @@ class StoreLock {
   /// Waits for a few seconds while the workers of an earlier daemon end. Throws
   /// `std::runtime_error` with what is wrong, and what to do.
   explicit StoreLock(const StoreOptions& options);
-  ~StoreLock();
-  StoreLock(const StoreLock&) = delete;
-  StoreLock& operator=(const StoreLock&) = delete;
 
   /// Throws unless the file is still the one at its path: other workers use that.
   void ExpectSameFile() const;
 
  private:
   std::string path;
-  int file = -1;
+  ZELT::TokenManager::OwnedDescriptor file;
 };
 
 /// How large the file of the indexed store may become. Twice of what new tokens may take: changes

@@ -2,7 +2,11 @@
 
 #include <cstring>
 #include <limits>
+#include <map>
 #include <stdexcept>
+#include <utility>
+
+#include "json_text.h"
 
 namespace {
 
@@ -53,7 +57,8 @@ void VisitEntries(MDB_txn* transaction, MDB_dbi table, std::string_view first,
   const Cursor cursor = OpenCursor(transaction, table);
   MDB_val key = ValueOf(first);
   MDB_val value{};
-  bool found = Found(mdb_cursor_get(cursor.get(), &key, &value, MDB_SET_RANGE), kWhat);
+  const MDB_cursor_op begin = first.empty() ? MDB_FIRST : MDB_SET_RANGE;
+  bool found = Found(mdb_cursor_get(cursor.get(), &key, &value, begin), kWhat);
   while (found && visit(BytesOf(key), BytesOf(value))) {
     found = Found(mdb_cursor_get(cursor.get(), &key, &value, MDB_NEXT), kWhat);
   }
@@ -120,9 +125,10 @@ void Tables::Visit(MDB_txn* transaction, std::optional<uid_t> user, std::uint64_
 }
 
 void Tables::VisitUsage(MDB_txn* transaction, uid_t first, const UsageVisitor& visit) const {
-  VisitEntries(transaction, usage, BigEndian(first), [&](std::string_view key, std::string_view value) {
-    return visit(FromBigEndian<uid_t>(key), key.substr(sizeof(uid_t)), DecodeTotal(value));
-  });
+  VisitEntries(
+      transaction, usage, BigEndian(first), [&](std::string_view key, std::string_view value) {
+        return visit(FromBigEndian<uid_t>(key), key.substr(sizeof(uid_t)), DecodeTotal(value));
+      });
 }
 
 UserTotal Tables::TotalOf(MDB_txn* transaction, uid_t user) const {
@@ -198,4 +204,39 @@ void Tables::Erase(MDB_txn* transaction, const std::string& token) const {
   Delete(transaction, users, UserKey(header.uid, header.id));
   Delete(transaction, ids, BigEndian(header.id));
   Delete(transaction, tokens, token);
+}
+
+// Each record has its entries in the other tables; there being as many of them, they have no
+// others.
+void Tables::Check(MDB_txn* transaction) const {
+  const std::uint64_t count = CountTokens(transaction);
+  const std::uint64_t last_id = LastId(transaction);
+  std::map<std::string, UserTotal> totals;
+  std::string last_token;
+  std::uint64_t seen = 0;
+  VisitEntries(transaction, tokens, {}, [&](std::string_view token, std::string_view bytes) {
+    const Record record = DecodeRecord(bytes);
+    const std::uint64_t id = record.header.id;
+    Json::Value data;
+    const bool readable = ZELT::TokenManager::fromString(std::string(record.text), data);
+    if (++seen > count || token <= last_token || id > last_id || !readable ||
+        Get(transaction, ids, BigEndian(id)) != token ||
+        !Get(transaction, users, UserKey(record.header.uid, id))) {
+      throw std::runtime_error("its tables do not fit together");
+    }
+    UserTotal& total = totals[BigEndian(record.header.uid).append(record.service)];
+    ++total.tokens;
+    total.bytes += Footprint(token, record);
+    last_token = token;
+    return true;
+  });
+  for (const auto& [key, total] : totals) {
+    if (Get(transaction, usage, key) != Encode(total)) {
+      throw std::runtime_error("its totals are wrong");
+    }
+  }
+  if (seen != count || StatOf(transaction, users).ms_entries != count ||
+      StatOf(transaction, usage).ms_entries != totals.size()) {
+    throw std::runtime_error("its tables have different lengths");
+  }
 }

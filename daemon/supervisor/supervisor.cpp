@@ -253,6 +253,7 @@ void Supervisor::CheckWorkers() {
   // After a stop of the whole machine, or of this process, the workers get time to be seen again.
   const bool was_held_up = Clock::now() > next_check + kCheckInterval;
   next_check = Clock::now() + kCheckInterval;
+  ReportLostLines();
   if (was_held_up) return;
   for (std::size_t number = 0; number < workers.size(); ++number) CheckWorker(number);
   NotifyWatchdog();

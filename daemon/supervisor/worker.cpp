@@ -1,8 +1,8 @@
 #include "worker.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
-#include <chrono>
 #include <exception>
 #include <string>
 
@@ -13,15 +13,16 @@
 
 namespace {
 
-// Whoever holds the store meanwhile is the one that hangs, not this worker.
+// If it hangs, no client is to blame.
 void KeepHouse(RequestHandler& handler, WorkerSlot& slot) {
-  slot.activity = Activity::kWaitingForStore;
+  slot.type = RequestType::kOther;
+  slot.client_process = getpid();
+  slot.client_user = geteuid();
   try {
     handler.OnIdle();
   } catch (const std::exception& error) {
     Log(LOG_WARNING, "cannot keep house: %s", error.what());
   }
-  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
   slot.activity = Activity::kIdle;
 }
 

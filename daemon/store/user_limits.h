@@ -6,8 +6,10 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "record.h"
@@ -28,24 +30,22 @@ std::vector<Holding> NextHoldings(Database& database, const Tables& tables,
                                   std::optional<uid_t> user, std::uint64_t after,
                                   std::size_t count);
 
-/// Tells tokens of dead owners, and too old ones. Asks the kernel once for each owner, and not
-/// without end: a user can have many processes.
+bool IsTooOld(const RecordHeader& header, const StoreOptions& options);
+
+/// Whether the token is refused: it is too old, or was noted as an orphan long enough ago.
+bool IsGone(const RecordHeader& header, const StoreOptions& options);
+
+/// Tells tokens of dead owners. Asks the kernel once for each owner.
 class Judge {
  public:
-  explicit Judge(const StoreOptions& store_options) : options(store_options) {}
-
-  bool IsTooOld(const RecordHeader& header) const;
   bool IsOrphan(const RecordHeader& header);
 
-  /// Whether the token is refused without a look at its owner.
-  bool IsGone(const RecordHeader& header) const;
+  /// Whether it was asked for so many owners that some milliseconds have passed.
   bool IsTired() const { return asked >= kMostQuestions; }
 
  private:
-  // Some 10 us each.
   static constexpr int kMostQuestions = 256;
 
-  const StoreOptions& options;
   std::map<pid_t, std::pair<std::uint64_t, bool>> known;  // pid -> start, alive
   int asked = 0;
 };
@@ -62,7 +62,7 @@ class OrphanSearch {
  private:
   using Clock = std::chrono::steady_clock;
   struct Progress {
-    std::uint64_t after = 0;    // the tokens up to this id have living owners
+    std::uint64_t after = 0;   // the tokens up to this id have living owners
     Clock::time_point next{};  // when to begin again
   };
 

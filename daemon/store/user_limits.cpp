@@ -1,4 +1,4 @@
-#include "limits.h"
+#include "user_limits.h"
 
 #include <stdexcept>
 
@@ -42,19 +42,20 @@ std::vector<Holding> NextHoldings(Database& database, const Tables& tables,
   return holdings;
 }
 
-bool Judge::IsTooOld(const RecordHeader& header) const {
+bool IsTooOld(const RecordHeader& header, const StoreOptions& options) {
   return options.max_age.count() > 0 && Age(header.issued) > options.max_age;
 }
 
-bool Judge::IsGone(const RecordHeader& header) const {
+bool IsGone(const RecordHeader& header, const StoreOptions& options) {
   const bool noted = options.drop_orphans_after.count() > 0 && header.orphaned.wall_time != 0;
-  return IsTooOld(header) || (noted && Age(header.orphaned) > options.drop_orphans_after);
+  return IsTooOld(header, options) || (noted && Age(header.orphaned) > options.drop_orphans_after);
 }
 
 bool Judge::IsOrphan(const RecordHeader& header) {
   if (header.owner_boot != CurrentBoot()) return true;
   const auto found = known.find(header.owner_pid);
-  if (found != known.end() && found->second.first == header.owner_start) return !found->second.second;
+  if (found != known.end() && found->second.first == header.owner_start)
+    return !found->second.second;
   ++asked;
   const bool alive = IsAlive(header.Owner());
   known[header.owner_pid] = {header.owner_start, alive};
@@ -66,11 +67,12 @@ std::vector<Holding> OrphanSearch::Find(Database& database, const Tables& tables
   Progress& mine = progress[user];
   std::vector<Holding> found;
   if (Clock::now() < mine.next) return found;
-  Judge judge(options);
+  Judge judge;
   for (std::size_t seen = 0; seen < kMostHoldings && !judge.IsTired(); seen += kHoldingsAtOnce) {
     const auto holdings = NextHoldings(database, tables, user, mine.after, kHoldingsAtOnce);
     for (const Holding& holding : holdings) {
-      if (judge.IsTooOld(holding.header) || judge.IsOrphan(holding.header)) found.push_back(holding);
+      if (IsTooOld(holding.header, options) || judge.IsOrphan(holding.header))
+        found.push_back(holding);
     }
     if (!found.empty()) break;  // and look at these again the next time
     if (holdings.size() < kHoldingsAtOnce) {
