@@ -22,12 +22,12 @@ sub ask {
   return scalar(<$socket>) // 'no answer';
 }
 
-# Whether the answer fits; $1 is then what the pattern has in brackets.
+# What the pattern has in brackets, or 1, if the answer fits.
 sub fits {
   my ($pattern, @request) = @_;
   my $answer = ask(@request);
   $asked++;
-  return 1 if $answer =~ $pattern;
+  return $1 // 1 if $answer =~ $pattern;
   $failed++;
   chomp $answer;
   warn "$request[0]: $answer\n";
@@ -50,9 +50,9 @@ if ($ARGV[0] eq '--check') {
   sysopen my $journal, $ARGV[0], O_WRONLY | O_CREAT | O_APPEND | O_SYNC or die "$ARGV[0]: $!";
   my @tokens;
   until ($stop) {
-    if (fits(qr/"token":"([^"]+)"/, 'issue', '', "[{$grant}]")) {
-      push @tokens, $1;
-      syswrite $journal, "issued $1\n";
+    if (my $token = fits(qr/"token":"([^"]+)"/, 'issue', '', "[{$grant}]")) {
+      push @tokens, $token;
+      syswrite $journal, "issued $token\n";
     }
     fits($permitted, 'validate', $_, $use) && fits($done, 'transfer', $_, $$) for @tokens;
     next if @tokens < 4;

@@ -14,6 +14,6 @@ if [ -n "$problems" ]; then
   echo "$problems"
   exit 1
 fi
-systemd-analyze security --offline=true --threshold=15 --no-pager "$unit"
+systemd-analyze security --offline=true --threshold=10 --no-pager "$unit"
 # They would hide the socket in /tmp, turn every client into nobody, and hide the owners of tokens.
 ! grep -E '^(PrivateTmp|PrivateUsers|DynamicUser|ProtectProc|ProcSubset)=' "$unit"
