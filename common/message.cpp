@@ -16,13 +16,13 @@ MessageReader::State MessageReader::Read(int fd) {
     const ssize_t count = recv(fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return errno == EAGAIN ? State::kIncomplete : State::kFailed;
-    if (count == 0) return text.empty() ? State::kFailed : State::kComplete;
     const State state = Add(chunk.data(), static_cast<std::size_t>(count));
     if (state != State::kIncomplete) return state;
   }
 }
 
 MessageReader::State MessageReader::Add(const char* bytes, std::size_t count) {
+  if (count == 0) return text.empty() ? State::kFailed : State::kComplete;
   const void* newline = std::memchr(bytes, '\n', count);
   if (newline != nullptr)
     count = static_cast<std::size_t>(static_cast<const char*>(newline) - bytes);

@@ -27,12 +27,16 @@ class MessageReader {
   /// Receives what has arrived on `fd`, without waiting.
   State Read(int fd);
 
+  /// Takes `count` bytes that have arrived; none mean the end of the stream.
+  State Add(const char* bytes, std::size_t count);
+
   /// The message, once complete.
   std::string Take();
 
- private:
-  State Add(const char* bytes, std::size_t count);
+  /// Bytes of memory that the message holds so far.
+  std::size_t Held() const { return text.capacity(); }
 
+ private:
   std::string text;
 };
 

@@ -1,43 +1,79 @@
 // zelttokenmgrd, the token daemon.
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 
+#include "check.h"
+#include "child.h"
+#include "listeners.h"
+#include "log.h"
+#include "open_store.h"
 #include "options.h"
 #include "supervisor.h"
+#include "worker.h"
 
 namespace {
 
 constexpr int kLargeBlock = 128 << 10;  // bytes: glibc's own first value, mallopt(3)
 
 void PrepareProcess(const Options& options) {
-  openlog("zelttokenmgrd", LOG_PID | LOG_NDELAY | (options.log_to_stderr ? LOG_PERROR : 0),
-          LOG_DAEMON);
   // Fixed, glibc does not raise them after the first large message, and large ones leave no trace.
   mallopt(M_MMAP_THRESHOLD, kLargeBlock);
   mallopt(M_TRIM_THRESHOLD, kLargeBlock);
   umask(S_IRWXG | S_IRWXO);  // the store holds tokens
-  signal(SIGPIPE, SIG_IGN);  // a client that left is an error of send(2)
-  signal(SIGXFSZ, SIG_IGN);  // a store at the file-size limit is an error of write(2)
+  const rlimit no_core{};    // and so would a core
+  setrlimit(RLIMIT_CORE, &no_core);
+  IgnoreSignals();
+  OpenLog(options.log_to_stderr);
+}
+
+int Check(const Options& options) {
+  const CheckOptions& check = *options.check;
+  if (check.user.empty()) return CheckFiles(options.installed_config, std::cout);
+  return CheckIssue(options.installed_config, check.user, check.service, check.payload, std::cout);
+}
+
+// What would keep every worker from starting ends the daemon here. A damaged file may end the
+// process that reads it (mmap(2)), so this is done in others.
+void TryStore(const StoreOptions& options, const StoreLock& lock) {
+  RunInChild([&] { CheckStore(options); });
+  RunInChild([&] {
+    WorkerSlot slot;
+    OpenStore(options, lock, slot);
+  });
+}
+
+void Serve(const Options& options) {
+  const Listeners listeners = OpenListeners(options.limits.backlog);
+  const StoreLock store_lock(options.store);
+  TryStore(options.store, store_lock);
+  Board& board = MapBoard();
+  const WorkerContext context{options, listeners.sockets, store_lock, board};
+  Supervisor supervisor(board, {.workers = options.workers,
+                                .request_timeout = options.request_timeout,
+                                .work = [&](WorkerSlot& slot) { Work(context, slot); },
+                                .on_stop = [&] { StopListening(listeners); },
+                                .serving = listeners.names});
+  supervisor.Run();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const Options options = ParseOptions(argc, argv);
+  if (options.check) return Check(options);
   PrepareProcess(options);
   try {
-    Supervisor supervisor(options);
-    supervisor.Run();
-    syslog(LOG_NOTICE, "stopped");
+    Serve(options);
+    Log(LOG_NOTICE, "stopped");
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
-    syslog(LOG_ERR, "%s", error.what());
+    Log(LOG_ERR, "%s", error.what());
     if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error.what() << '\n';
     return EXIT_FAILURE;
   }

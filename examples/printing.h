@@ -1,36 +1,34 @@
 // A service of one's own, "printing": tokens that grant the use of printers.
 #pragma once
 
-#include <zelttokenmanager/token_service.h>
-#include <zelttokenmanager/utils.h>
-
 #include <stdexcept>
+#include <string>
+
+#include "grant.h"
+#include "json_member.h"
+#include "zelttokenmanager/token_service.h"
+
+namespace ZELT::TokenManager {
 
 /// A grant is {"printer": string, "user": permitted list}.
-class Printing : public ZELT::TokenManager::TokenService {
+class Printing : public TokenService {
  public:
   std::string GetName() override { return "printing"; }
 
   /// Request: {"payload": the printer's name}. Returns the package's grant of that printer.
   Json::Value Issue(const Json::Value& request, const Json::Value& privilege) override {
-    const Json::Value& printer = String(request["payload"]);
-    if (!privilege.isArray()) throw std::runtime_error("printing: nothing is granted");
+    const std::string_view printer = StringMember(request, "payload", "printing:");
+    ExpectArray(privilege, "printing:");
     for (const Json::Value& grant : privilege) {
-      if (grant.isObject() && grant["printer"] == printer) return grant;
+      if (StringMember(grant, "printer", "printing:") == printer) return grant;
     }
-    throw std::runtime_error("printing: " + printer.asString() + " is not granted");
+    throw std::runtime_error("printing: " + std::string(printer) + " is not granted");
   }
 
   /// Request: {"payload": the user who prints}. `data` holds what Issue returned.
   bool Validate(const Json::Value& request, const Json::Value& data) override {
-    const Json::Value& grant = data["payload"];
-    return ZELT::TokenManager::IsIdentityInPermittedList(
-        String(request["payload"]).asString(), grant["user"], data["requester"].asString());
-  }
-
- private:
-  static const Json::Value& String(const Json::Value& value) {
-    if (!value.isString()) throw std::runtime_error("printing: a string is expected");
-    return value;
+    return IsAdmitted(StringMember(request, "payload", "printing:"), data["payload"], "user", data);
   }
 };
+
+}  // namespace ZELT::TokenManager

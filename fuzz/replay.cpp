@@ -1,20 +1,19 @@
-// Runs a fuzz target over the files of the directories that are named as arguments.
+// Runs a fuzz target over the files of the directory that is named as argument.
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "support.h"
 
-namespace fs = std::filesystem;
-
 int main(int argc, char** argv) {
   // Read first: the target may hide parts of the file system.
   std::vector<std::string> inputs = {""};
-  for (int i = 1; i < argc; ++i) {
-    for (const auto& entry : fs::directory_iterator(argv[i])) {
-      inputs.push_back(ZELT::Fuzz::ReadWhole(entry.path()));
-    }
+  for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    inputs.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
   }
   LLVMFuzzerInitialize(&argc, &argv);
   for (const std::string& input : inputs) {

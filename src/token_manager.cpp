@@ -12,6 +12,7 @@
 
 #include "json_member.h"
 #include "json_text.h"
+#include "token_shape.h"
 #include "zeltrandom/random.h"
 #include "zeltsystem/user.h"
 
@@ -19,8 +20,6 @@ namespace ZELT::TokenManager {
 namespace {
 
 constexpr const char* kPackages = "/var/packages";
-constexpr int kShortestToken = 32;
-constexpr int kLongestToken = 64;
 
 std::string UserName(uid_t uid) {
   ZELTUser* found = nullptr;

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "daemon_socket.h"
 #include "json_member.h"
 #include "json_text.h"
 #include "zeltdaemon/domain_sock_connection.h"
@@ -14,17 +15,26 @@
 namespace ZELT::TokenManager {
 namespace {
 
-constexpr const char* kSocketPath = "/tmp/zelttokenmgr.sock";
 constexpr int kAllGroups = 1;  // for QLIBGroupInfoListGet: primary and supplementary
 constexpr char kGroupMark = '@';
 
 using Groups = std::set<std::string, std::less<>>;
 
-Json::Value SendRequest(const Json::Value& request) {
-  zeltdaemon::DomainSockConnection connection(kSocketPath);
-  if (!connection.Connect()) {
-    throw std::runtime_error("utils.cpp:62 failed to access domain socket");
+class DaemonConnection : public zeltdaemon::DomainSockConnection {
+ public:
+  explicit DaemonConnection(const char* socket_path)
+      : DomainSockConnection(socket_path), path(socket_path) {}
+
+  // Does not wait for a stranger whose backlog is full.
+  bool ConnectToDaemon() {
+    return !ForeignOwner(path) && Connect() && IsDaemonUser(GetPeerCredential(fd).uid);
   }
+
+ private:
+  const char* path;
+};
+
+Json::Value Exchange(DaemonConnection& connection, const Json::Value& request) {
   if (!connection.Send(toString(request))) {
     throw std::runtime_error("utils.cpp:65 failed to send request");
   }
@@ -34,6 +44,14 @@ Json::Value SendRequest(const Json::Value& request) {
     throw std::runtime_error("utils.cpp:72 failed to receive response");
   }
   return response;
+}
+
+Json::Value SendRequest(const Json::Value& request) {
+  for (const char* path : kSocketPaths) {
+    DaemonConnection connection(path);
+    if (connection.ConnectToDaemon()) return Exchange(connection, request);
+  }
+  throw std::runtime_error("utils.cpp:62 failed to access domain socket");
 }
 
 Json::Value MakeRequest(const char* type, const std::string& service, const Json::Value& payload) {

@@ -1,34 +1,31 @@
 #include "request_handler.h"
 
-#include <sys/socket.h>
-#include <syslog.h>
-
 #include <algorithm>
-#include <cctype>
-#include <map>
+#include <array>
+#include <bit>
+#include <chrono>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
+#include "json_member.h"
 #include "json_text.h"
-#include "zelttokenmanager/utils.h"
+#include "request_log.h"
+#include "services.h"
+#include "token_shape.h"
 
-using ZELT::TokenManager::fromString;
-using ZELT::TokenManager::GetPeerCredential;
-using ZELT::TokenManager::TokenManager;
-using ZELT::TokenManager::toString;
-
-struct RequestHandler::Operation {
-  void (*run)(TokenManager&, const ucred&, const Json::Value&, Json::Value&);
-  bool by_owner = false;   // who has to have a process id
-  bool removes = false;    // a record
-  bool reinserts = false;  // it: failing half-way, the token would be lost
-};
+using namespace ZELT::TokenManager;
+using Clock = std::chrono::steady_clock;
 
 namespace {
+
+enum class Sender { kAnybody, kOwner, kAdministrator };
 
 // Values in a request: some thousand API methods or tasks. A message of the greatest length could
 // hold half a million, and keep everybody waiting while it is parsed and copied.
 constexpr std::size_t kMaxValues = 10000;
+
+constexpr unsigned int kTurnsBetweenLooks = 60;  // a look reads a directory: about once a minute
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
@@ -36,117 +33,171 @@ bool HoldsTooManyValues(const std::string& text) {
          std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
 }
 
-constexpr std::size_t kShortestToken = 32;
-constexpr std::size_t kLongestToken = 64;
-constexpr std::size_t kLongestLoggedText = 256;
-
-// A client that mixes up its arguments must not have its token logged: whatever could be one is
-// left out. As JSON text, because a client's line breaks must not look like lines of the log.
-std::string Loggable(std::string_view text) {
-  const auto in_token = [](unsigned char c) {
-    return std::isalnum(c) != 0 || c == '-' || c == '_';
-  };
-  std::string loggable;
-  for (auto next = text.begin(); next != text.end() && loggable.size() < kLongestLoggedText;) {
-    const auto end = std::find_if_not(next, text.end(), in_token);
-    const std::string_view word(next, end);
-    loggable += word.size() < kShortestToken ? word : "...";
-    next = end;
-    if (next != text.end()) loggable += *next++;
-  }
-  return toString(loggable);
-}
-
-std::string LoggableMember(const Json::Value& request, const char* member) {
-  if (!request.isObject() || !request[member].isString()) return "none";
-  return Loggable(request[member].asString());
-}
-
-void LogRefusal(int connection, const Json::Value& request, std::string_view reason) {
-  ucred peer{.pid = -1, .uid = static_cast<uid_t>(-1), .gid = static_cast<gid_t>(-1)};
-  try {
-    peer = GetPeerCredential(connection);
-  } catch (const std::runtime_error&) {  // the refusal is logged all the same
-  }
-  syslog(LOG_NOTICE, "refused type=%s service=%s pid=%d uid=%u reason=%s",
-         LoggableMember(request, "type").c_str(), LoggableMember(request, "service").c_str(),
-         peer.pid, peer.uid, Loggable(reason).c_str());
-}
-
-// The store ends a token at a space and a line at a newline, the cache ends a token at a NUL byte:
-// with one of them in it, a text would mean one token to the store and another to the cache.
-void ExpectWholeToken(const Json::Value& request) {
+// The text of a string value, empty for any other; asString would copy it.
+std::string_view TextView(const Json::Value& value) {
   const char* begin = nullptr;
   const char* end = nullptr;
-  if (!request["token"].getString(&begin, &end)) return;
-  const std::string_view token(begin, end);
-  // Looking it up takes room in the cache, for which others' records would go.
+  value.getString(&begin, &end);
+  return {begin, end};
+}
+
+const char* Name(RequestType type) { return kRequestTypeNames.at(static_cast<std::size_t>(type)); }
+
+std::atomic<std::uint64_t>& CounterOf(RequestType type, auto& counters) {
+  return counters.at(static_cast<std::size_t>(type));
+}
+
+// The text store ends a token at a space and a line at a newline, its cache ends a token at a NUL
+// byte: with one of them in it, a text would mean one token to the store and another to the cache.
+void ExpectWholeToken(const Json::Value& request) {
+  const std::string_view token = TextView(request["token"]);
   if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
-  const auto holds = [token](char c) { return token.find(c) != token.npos; };
-  if (holds(' ') || holds('\n') || holds('\0')) {
+  if (token.find_first_of(std::string_view(" \n\0", 3)) != token.npos) {
     throw std::runtime_error("no token holds a space, a newline or a NUL byte");
   }
 }
 
+void ExpectSender(Sender expected, const Peer& peer) {
+  // Processes of a foreign pid namespace all have this id here, so it cannot own anything.
+  if (expected == Sender::kOwner && peer.credential.pid == 0) {
+    throw std::runtime_error("the peer's process has no id here");
+  }
+  if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
+    throw std::runtime_error("only root and the daemon's user may ask for this");
+  }
+}
+
+void CountTime(WorkerSlot& slot, Clock::duration time) {
+  const auto microseconds = std::chrono::ceil<std::chrono::microseconds>(time).count();
+  const auto above = static_cast<std::uint64_t>(std::max<std::int64_t>(microseconds - 1, 0));
+  Count(slot.times.at(std::min<std::size_t>(std::bit_width(above), kTimeBuckets - 1)));
+}
+
 }  // namespace
 
-RequestHandler::RequestHandler(TokenManager& token_manager, SafeStore& store,
-                               SharedState& shared_state)
-    : manager(token_manager), safe_store(store), shared(shared_state) {}
+struct RequestHandler::Operation {
+  RequestType type;
+  Sender sender;  // who may ask for it
+  void (RequestHandler::*run)(const Peer&, const Json::Value&, Json::Value&);
+};
 
-std::string RequestHandler::Answer(int connection, const std::string& text) {
+RequestHandler::RequestHandler(TokenStore& token_store, const Board& board, WorkerSlot& worker_slot,
+                               RequestSettings request_settings,
+                               std::shared_ptr<CacheStorage> cache)
+    : store(token_store),
+      slot(worker_slot),
+      settings(std::move(request_settings)),
+      storage(std::make_shared<ChangeOnUse>(token_store)),
+      manager(settings.installed_config, storage, std::move(cache)),
+      administration(token_store, board, settings.version),
+      keeps_house(&worker_slot == board.slots.data()),
+      watch(settings.installed_config) {
+  AddServices(manager);
+}
+
+std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
+  const Clock::time_point begun = Clock::now();
+  slot.type = RequestType::kOther;
+  slot.client_user = peer.credential.uid;
+  slot.client_process = peer.credential.pid;
+  slot.activity = Activity::kServing;
   Json::Value request;
   Json::Value response(Json::objectValue);
   response["success"] = false;
   try {
-    if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
-    if (!fromString(text, request) || !request.isObject()) {
-      throw std::runtime_error("not a JSON object");
-    }
-    Handle(connection, request, response);
+    Handle(peer, text, request, response);
+    Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
     response["success"] = false;
-    LogRefusal(connection, request, refusal.what());
+    response.removeMember("token");  // of an issue that could not be committed
+    Refuse(peer, request, refusal.what());
   }
-  if (!shared.answered) shared.answered = true;  // a write would take the line from the others
+  CountTime(slot, Clock::now() - begun);
+  slot.activity = Activity::kIdle;
   return toString(response);
 }
 
-void RequestHandler::Handle(int connection, const Json::Value& request, Json::Value& response) {
-  static const std::map<std::string, Operation> operations = {
-      {"issue", {.run = [](auto& m, auto&... args) { m.IssueToken(args...); }, .by_owner = true}},
-      {"validate", {.run = [](auto& m, auto&... args) { m.ValidateToken(args...); }}},
-      {"revoke",
-       {.run = [](auto& m, auto&... args) { m.RevokeToken(args...); },
-        .by_owner = true,
-        .removes = true}},
-      {"transfer",
-       {.run = [](auto& m, auto&... args) { m.TransferToken(args...); },
-        .by_owner = true,
-        .removes = true,
-        .reinserts = true}},
-  };
-  const Json::Value& type = request["type"];
-  const auto found = operations.find(type.isString() ? type.asString() : "");
-  if (found == operations.end()) throw std::runtime_error("unknown type of request");
-
-  const ucred peer = GetPeerCredential(connection);
-  // Processes of a foreign pid namespace all have this id here, so it cannot own anything.
-  if (found->second.by_owner && peer.pid == 0) {
-    throw std::runtime_error("the peer's process has no id here");
-  }
-  ExpectWholeToken(request);
-  Run(found->second, peer, request, response);
+void RequestHandler::OnIdle() {
+  if (!keeps_house) return;
+  store.KeepHouse();
+  if (idle_turns++ % kTurnsBetweenLooks == 0) watch.Look();
 }
 
-void RequestHandler::Run(const Operation& operation, const ucred& peer, const Json::Value& request,
-                         Json::Value& response) {
-  if (operation.removes) safe_store.BeginRemoval(operation.reinserts);
-  try {
-    operation.run(manager, peer, request, response);
-  } catch (...) {
-    safe_store.Rollback();
-    throw;
+const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request) {
+  using Manager = ZELT::TokenManager::TokenManager;
+  using This = RequestHandler;
+  static constexpr std::array operations = {
+      Operation{RequestType::kIssue, Sender::kOwner, &This::Change<&Manager::IssueToken>},
+      Operation{RequestType::kValidate, Sender::kAnybody, &This::Ask<&Manager::ValidateToken>},
+      Operation{RequestType::kRevoke, Sender::kOwner, &This::Change<&Manager::RevokeToken>},
+      Operation{RequestType::kTransfer, Sender::kOwner, &This::Change<&Manager::TransferToken>},
+      Operation{RequestType::kList, Sender::kAdministrator,
+                &This::Administer<&Administration::List>},
+      Operation{RequestType::kDrop, Sender::kAdministrator, &This::Drop},
+      Operation{RequestType::kStatus, Sender::kAdministrator,
+                &This::Administer<&Administration::Status>},
+  };
+  const std::string_view type = TextView(request["type"]);
+  for (const Operation& operation : operations) {
+    if (type == Name(operation.type)) return operation;
   }
-  safe_store.Commit();
+  throw std::runtime_error("unknown type of request");
+}
+
+void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
+                            Json::Value& response) {
+  if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
+  if (!fromString(text, request) || !request.isObject()) {
+    throw std::runtime_error("not a JSON object");
+  }
+  const Operation& operation = Find(request);
+  slot.type = operation.type;
+  ExpectSender(operation.sender, peer);
+  ExpectWholeToken(request);
+  (this->*operation.run)(peer, request, response);
+  response["success"] = true;
+}
+
+template <auto kMethod>
+void RequestHandler::Ask(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  (manager.*kMethod)(peer.credential, request, response);
+}
+
+template <auto kMethod>
+void RequestHandler::Change(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  ChangeOnUse::Scope change(*storage, peer);
+  (manager.*kMethod)(peer.credential, request, response);
+  change.Commit();
+  Audit(peer, request);
+}
+
+template <auto kMethod>
+void RequestHandler::Administer(const Peer& /*peer*/, const Json::Value& request,
+                                Json::Value& response) {
+  (administration.*kMethod)(request, response);
+}
+
+void RequestHandler::Drop(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  const Json::Value dropped = administration.Drop(request, response);
+  if (!settings.audit) return;
+  for (const Json::Value& token : dropped) {
+    LogChange(peer, "drop", token["id"].asUInt64(), TextOf(token["service"]),
+              " requester=" + TextOf(token["requester"]));
+  }
+}
+
+void RequestHandler::Audit(const Peer& peer, const Json::Value& request) const {
+  if (!settings.audit) return;
+  const bool transferred = slot.type == RequestType::kTransfer;
+  LogChange(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]),
+            transferred ? " to=" + TextOf(request["payload"]) : "");
+}
+
+void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
+                            const std::string& reason) {
+  Count(CounterOf(slot.type, slot.refused));
+  const bool issues = slot.type == RequestType::kIssue;
+  LogRefusal(peer, request,
+             issues ? Explain(reason, peer.credential.uid, settings.installed_config)
+                    : Refusal{reason, ""});
 }

@@ -1,90 +1,74 @@
-// The daemon's end: listening on a local domain socket.
+// The daemon's end of the socket.
 #pragma once
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <string>
+#include <vector>
 
-namespace zeltdaemon {
+#include "backlog.h"
+#include "board.h"
+#include "passed_descriptors.h"
+#include "peer.h"
+#include "queues.h"
+#include "server_limits.h"
 
-/// What a client can take from a server. A connection waits when its request has not arrived in
-/// whole by the time it is accepted; one that has its request ready is served whatever the limits.
-/// At a limit the connection that has waited longest is closed for each further one. Limits are at
-/// least 1.
-struct ServerLimits {
-  /// Waiting connections in all: far more than honest clients leave waiting at a time, and with
-  /// the rest of the process within the usual 1024 descriptors.
-  unsigned int waiting = 512;
-
-  /// Waiting connections of one user, so that it takes many users to reach the limit for all. There
-  /// it is the user with the most who loses one.
-  unsigned int waiting_per_user = 64;
-
-  /// Connections that the kernel keeps until they are accepted, so that a burst of clients waits
-  /// instead of failing. The kernel lowers it to net.core.somaxconn.
-  int backlog = 4096;
-
-  /// For a whole request, from its acceptance on, however slowly it trickles in.
-  std::chrono::seconds request_deadline{5};
-
-  /// For a whole answer that the client does not take at once.
-  std::chrono::seconds answer_deadline{5};
-};
-
-/// Listens on a socket file that is open to every local user, and answers messages (message.h), one
-/// on each connection and one at a time. Slow and silent clients do not hold up others.
+/// Answers messages (message.h), one on each connection and one at a time, in one worker.
 ///
-/// Processes: forked processes may each call `Serve` on the object that they inherited; they share
-/// the listening socket. Threads: one.
-class DomainSockServer {
+/// What a worker has accepted dies with it. So it accepts a connection only when it has served the
+/// one before, as long as it finds its backlog empty every now and then. If it does not, it accepts
+/// what there is in one go, to find the users who wait behind others.
+///
+/// Processes: make the object after fork(2). Several may serve the same listening sockets. Threads:
+/// one. SIGTERM must be blocked or ignored until `Serve`.
+class Server {
  public:
-  /// Returns the response to the request that came over the descriptor `connection`. Must not
-  /// throw.
-  using Handler = std::function<std::string(int connection, const std::string& request)>;
+  /// Returns the answer to a request. Must not throw.
+  using Handler = std::function<std::string(const Peer& peer, const std::string& request)>;
 
-  /// Makes the socket file and listens. A socket that nobody serves is replaced. Throws
-  /// `std::runtime_error` when somebody serves it, when something else is at `path`, and when the
-  /// system refuses.
-  explicit DomainSockServer(const std::string& path, const ServerLimits& server_limits = {});
+  /// `server_limits` and `worker_slot` must outlive the server; `listeners` stay the caller's.
+  /// Has the kernel refuse descriptors sent along, where it can. Throws `std::bad_alloc` when there
+  /// is no event loop to be had.
+  Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
+         WorkerSlot& worker_slot);
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
 
-  /// Stops listening. In the process that made the socket file, removes it.
-  ~DomainSockServer();
+  /// Has `Serve` call `action` about once a second, under load as well. It must not throw.
+  void OnIdle(std::function<void()> action) { on_idle = std::move(action); }
 
-  DomainSockServer(const DomainSockServer&) = delete;
-  DomainSockServer& operator=(const DomainSockServer&) = delete;
-
-  /// Has `Serve` run `action` when the signal `number` arrives.
-  void OnSignal(int number, std::function<void()> action);
-
-  /// Serves until told to end. Unblocks the signals of `OnSignal` once it is ready for them. Throws
-  /// `std::runtime_error` when there is no event loop to be had.
-  void Serve(const Handler& handler);
-
-  /// Ends `Serve` from within it, after answering all requests that have arrived, those of
-  /// connections that are still to be accepted included.
-  void Stop();
-
-  /// The same, but leaves connections that are still to be accepted to another process.
-  void HandOver();
-
-  /// Removes the socket file, if it is still the one that this object made.
-  void RemoveSocket();
+  /// Serves until SIGTERM, which it unblocks, arrives. Then answers what it has accepted, leaving
+  /// those who have not sent their request in whole a second, and what is in the backlogs of the
+  /// sockets that are not inherited.
+  void Serve(const Handler& request_handler);
 
  private:
-  class Loop;
+  using Clock = Connection::Clock;
 
-  std::string path;
-  ServerLimits limits;
-  int listener = -1;
-  bool refuses_descriptors = false;
-  dev_t device = 0;
-  ino_t inode = 0;
-  pid_t maker;
-  std::map<int, std::function<void()>> signal_actions;
-  Loop* loop = nullptr;  // while Serve runs
+  void Step();
+  void BeginTurn();
+  void RunEvents(int flags);
+  bool AcceptOne();
+  void TakeTurn(Connection& connection);
+  void Read(Connection& connection);
+  void Write(Connection& connection);
+  void Respond(Connection& connection);
+  void Await(Connection& connection, short what);
+  void Drain();
+
+  const ServerLimits& limits;
+  WorkerSlot& slot;
+  EventBase base;
+  PassedDescriptors descriptors;
+  Queues queues;
+  Backlog backlog;
+  Event tick;
+  Event terminate;
+  std::function<void()> on_idle;
+  const Handler* handler = nullptr;
+  Clock::time_point now;
+  Clock::time_point turn_end;
+  int accepted = 0;  // in this turn
+  bool second_passed = false;
+  bool ending = false;
 };
-
-}  // namespace zeltdaemon

@@ -26,7 +26,8 @@ constexpr std::size_t kRequestTypes = 8;
 /// that holds the store is.
 enum class Activity : std::uint8_t { kIdle, kServing, kWaitingForStore };
 
-/// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the last.
+/// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the
+/// last.
 constexpr std::size_t kTimeBuckets = 20;
 
 /// One worker's part of the board. Only its worker writes it, but for `pid`, which is the
@@ -52,3 +53,17 @@ static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 inline void Count(std::atomic<std::uint64_t>& counter) {
   counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
+
+/// The names of the kinds of requests, in the order of the counters.
+constexpr std::array<const char*, kRequestTypes> kRequestTypeNames = {
+    "issue", "validate", "revoke", "transfer", "list", "drop", "status", "other"};
+
+/// A worker serves one request at a time; more of them than this only take memory.
+constexpr std::size_t kMaxWorkers = 256;
+
+/// The whole board. The supervisor maps it before it forks the first worker.
+struct Board {
+  std::int64_t started = 0;                   ///< CLOCK_MONOTONIC in nanoseconds
+  std::atomic<std::uint64_t> deaths = 0;      ///< of workers that nobody had told to end
+  std::array<WorkerSlot, kMaxWorkers> slots;  ///< those in use first
+};

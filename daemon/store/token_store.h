@@ -14,9 +14,9 @@
 
 /// Which tokens an administrator means: those that meet every condition that is given.
 struct TokenFilter {
-  std::optional<uid_t> user;     ///< who asked for the token
-  std::string service;           ///< empty: any
-  bool orphans = false;          ///< only those whose owner is gone
+  std::optional<uid_t> user;       ///< who asked for the token
+  std::string service;             ///< empty: any
+  bool orphans = false;            ///< only those whose owner is gone
   std::vector<std::uint64_t> ids;  ///< empty: any
 };
 
@@ -44,16 +44,16 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// The id of the token that the current change, or the last committed one, inserted or removed.
   virtual std::uint64_t ChangedId() const = 0;
 
-  /// Returns a page of tokens with ids greater than `after`, in the order of their ids: objects with
-  /// "id", "service", "requester", "uid", "pid", "owner" (the process's name), "alive", "age"
+  /// Returns a page of tokens with ids greater than `after`, in the order of their ids: objects
+  /// with "id", "service", "requester", "uid", "pid", "owner" (the process's name), "alive", "age"
   /// (seconds) and "grants".
   virtual Page List(const TokenFilter& filter, std::uint64_t after) = 0;
 
   /// Drops the matching tokens of one page, in a transaction of its own. The rows are as of `List`.
   virtual Page Drop(const TokenFilter& filter, std::uint64_t after) = 0;
 
-  /// Returns a page of what users hold: objects with "uid", "service", "tokens" and "bytes". `after`
-  /// is 0 or the last page's `next`.
+  /// Returns a page of what users hold: objects with "uid", "service", "tokens" and "bytes".
+  /// `after` is 0 or the last page's `next`.
   virtual Page Usage(std::uint64_t after) = 0;
 
   /// Returns "tokens", "used" and "size" (bytes).

@@ -8,190 +8,331 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <exception>
+#include <new>
+#include <numeric>
+#include <string>
 #include <system_error>
+#include <utility>
 
-#include "json_text.h"
-#include "readiness.h"
-#include "request_handler.h"
-#include "zelttokenmanager/service/fastapi.h"
-#include "zelttokenmanager/service/taskmanager.h"
-#include "zelttokenmanager/storage/lru_cache_storage.h"
+#include "log.h"
+#include "service_manager.h"
 
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
-using namespace ZELT::TokenManager;
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
 
 namespace {
 
-constexpr const char* kSocketPath = "/tmp/zelttokenmgr.sock";
+// Between looks at the workers. Until the first one serves there is somebody waiting to hear of it.
+constexpr milliseconds kCheckInterval{500};
+constexpr milliseconds kStartInterval{2};
 
-// Tells a worker to finish the requests that it has accepted and leave those in the backlog to the
-// next generation. SIGTERM tells it to finish the backlog as well.
-constexpr int kHandOver = SIGUSR2;
+// Before a worker is replaced that ended without having done anything.
+constexpr milliseconds kFirstDelay{10};
+constexpr milliseconds kLongestDelay{1000};
 
-// Workers that wait for the mutex of a dead one never finish. Half of the 100 ms in which service
-// is to be whole again; a request takes far less.
-constexpr milliseconds kHandOverGrace{40};
+// A process that has been killed ends at once, unless it waits in the kernel for a device or a file
+// system that does not answer. Its memory and descriptors stay, so there is a limit to how many of
+// those are left behind.
+constexpr milliseconds kKillGrace{1000};
+constexpr std::size_t kMaxLingering = 16;
 
 // Longer than any answer may take.
-constexpr milliseconds kStopGrace{6000};
+constexpr seconds kStopGrace{6};
 
-// A generation that died before it answered anything and within this time of its birth has failed
-// by itself: forking it takes a tenth.
-constexpr milliseconds kStillborn{20};
-constexpr int kMaxStillborn = 10;
+// Ignored, the faults would come again at once or stay hidden, and the end of a child would not be
+// told; the last two cannot be ignored.
+constexpr int kNotIgnored[] = {SIGSEGV, SIGBUS,  SIGFPE, SIGILL,  SIGSYS,  SIGTRAP,
+                               SIGABRT, SIGTERM, SIGINT, SIGCHLD, SIGKILL, SIGSTOP};
 
-// Blocks the signals that the supervisor takes, and returns them.
+sigset_t SetOf(auto... numbers) {
+  sigset_t set;
+  sigemptyset(&set);
+  (sigaddset(&set, numbers), ...);
+  return set;
+}
+
+// An ignored signal is still delivered to sigtimedwait(2) while it is blocked.
 sigset_t BlockSignals() {
-  signal(SIGCHLD, SIG_DFL);  // ignored, which may be inherited, it would never come
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int number : {SIGTERM, SIGINT, SIGUSR1, SIGCHLD}) sigaddset(&signals, number);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  return signals;
+  const sigset_t taken = SetOf(SIGTERM, SIGINT, SIGUSR1, SIGCHLD);
+  sigprocmask(SIG_SETMASK, &taken, nullptr);
+  return taken;
 }
 
-sigset_t ChildSignal() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGCHLD);
-  return signals;
+std::uint64_t Sum(const auto& counters) {
+  return std::accumulate(counters.begin(), counters.end(), std::uint64_t{0});
 }
 
-std::shared_ptr<SharedState> MakeSharedState() {
-  void* memory =
-      mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
-  return {new (memory) SharedState, [](SharedState* state) { munmap(state, sizeof *state); }};
+std::uint64_t Served(const WorkerSlot& slot) { return Sum(slot.done) + Sum(slot.refused); }
+
+nanoseconds Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+nanoseconds Unseen(const WorkerSlot& slot) { return Now() - nanoseconds(slot.seen); }
+
+// The one that holds the store goes first; what a worker waits for longer is no other worker.
+nanoseconds Patience(const WorkerSlot& slot, nanoseconds request_timeout) {
+  return slot.activity == Activity::kWaitingForStore ? 2 * request_timeout : request_timeout;
 }
 
-// Waits for the end of a child, until `deadline` at most.
-void AwaitChild(steady_clock::time_point deadline) {
-  const auto left = std::max(deadline - steady_clock::now(), steady_clock::duration::zero());
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-  const timespec wait{.tv_sec = seconds.count(), .tv_nsec = (left - seconds).count()};
-  const sigset_t child = ChildSignal();
-  sigtimedwait(&child, nullptr, &wait);
+std::string Doing(const WorkerSlot& slot) {
+  const Activity activity = slot.activity;
+  if (activity == Activity::kIdle) return "waiting for requests";
+  const auto type =
+      std::min<std::size_t>(static_cast<std::size_t>(slot.type.load()), kRequestTypes - 1);
+  return std::string(activity == Activity::kServing ? "serving" : "waiting for the store with") +
+         " a request type=" + kRequestTypeNames[type] +
+         " pid=" + std::to_string(slot.client_process) + " uid=" + std::to_string(slot.client_user);
+}
+
+// Returns -1 when none has come by then.
+int TakeSignal(const sigset_t& awaited, std::chrono::steady_clock::time_point deadline) {
+  const nanoseconds wait = std::max(deadline.time_since_epoch() - Now(), nanoseconds::zero());
+  const auto whole = std::chrono::duration_cast<seconds>(wait);
+  const timespec timeout{.tv_sec = whole.count(), .tv_nsec = (wait - whole).count()};
+  return sigtimedwait(&awaited, nullptr, &timeout);
+}
+
+bool WasToldToEnd(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS; }
+
+void LogEnd(pid_t worker, int status) {
+  if (WIFSIGNALED(status)) {
+    Log(LOG_ERR, "worker %d was ended by signal %d", worker, WTERMSIG(status));
+  } else if (!WasToldToEnd(status)) {
+    Log(LOG_ERR, "worker %d exited with %d", worker, WEXITSTATUS(status));
+  }
 }
 
 }  // namespace
 
-Supervisor::Supervisor(const Options& daemon_options)
-    : signals(BlockSignals()),
-      options(daemon_options),
-      shared(MakeSharedState()),
-      store(std::make_shared<SafeStore>(daemon_options.store, *shared)),
-      generation(MakeGeneration()),
-      server(kSocketPath, daemon_options.limits),
-      supervisor(getpid()) {}
+void IgnoreSignals() {
+  for (int number = 1; number <= SIGRTMAX; ++number) {
+    const bool is_needed =
+        std::find(std::begin(kNotIgnored), std::end(kNotIgnored), number) != std::end(kNotIgnored);
+    signal(number, is_needed ? SIG_DFL : SIG_IGN);
+  }
+}
+
+Board& MapBoard() {
+  void* memory =
+      mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
+  auto* board = new (memory) Board;
+  board->started = Now().count();
+  return *board;
+}
+
+Supervisor::Supervisor(Board& shared_board, SupervisorSettings supervisor_settings)
+    : board(shared_board),
+      settings(std::move(supervisor_settings)),
+      watchdog_interval(WatchdogInterval()),
+      supervisor(getpid()),
+      signals(BlockSignals()),
+      workers(settings.workers) {}
 
 void Supervisor::Run() {
-  ForkWorkers();
-  syslog(LOG_NOTICE, "ready, serving %s with %u workers", kSocketPath, options.workers);
-  NotifyReady();
   for (;;) {
-    switch (sigwaitinfo(&signals, nullptr)) {
+    StartWorkers();
+    switch (AwaitSignal()) {
       case SIGTERM:
       case SIGINT:
-        server.RemoveSocket();
-        return EndWorkers(SIGTERM, kStopGrace);
+        return Stop();
       case SIGUSR1:
-        LogStatistics();
+        LogCounters();
         break;
-      case SIGCHLD:
-        if (ReapWorkers()) ReplaceGeneration();
-        break;
-      default:  // interrupted
+      default:  // SIGCHLD, or the next check is due
         break;
     }
+    ReapWorkers();
+    AnnounceReadiness();
+    if (Clock::now() >= next_check) CheckWorkers();
   }
 }
 
-Supervisor::Generation Supervisor::MakeGeneration() {
-  store->Recover();
-  shared->answered = false;
-  Generation made;
-  if (options.cache_bytes != 0) made.cache = std::make_shared<LRUCacheStorage>(options.cache_bytes);
-  made.manager = std::make_unique<TokenManager>(options.installed_config, store, made.cache);
-  made.manager->AddService(std::make_shared<FastAPI>());
-  made.manager->AddService(std::make_shared<TaskManager>());
-  return made;
-}
-
-void Supervisor::ForkWorkers() {
-  while (generation.workers.size() < options.workers) {
-    const pid_t pid = fork();
-    if (pid == 0) Work();
-    if (pid < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    generation.workers.push_back(pid);
-  }
-  generation.born = steady_clock::now();  // many take longer to fork than to die
-}
-
-void Supervisor::EndWorkers(int signal, milliseconds grace) {
-  for (const pid_t worker : generation.workers) kill(worker, signal);
-  const auto deadline = steady_clock::now() + grace;
-  while (!generation.workers.empty() && steady_clock::now() < deadline) {
-    if (!ReapWorkers()) AwaitChild(deadline);
-  }
-  for (const pid_t worker : generation.workers) {
-    kill(worker, SIGKILL);
-    waitpid(worker, nullptr, 0);
+void Supervisor::StartWorkers() {
+  for (std::size_t number = 0; number < workers.size(); ++number) {
+    const Worker& worker = workers[number];
+    const bool is_due = worker.pid == 0 && worker.born <= Clock::now();
+    if (is_due && !Start(number)) return;  // the others would fare no better
   }
 }
 
-void Supervisor::ReplaceGeneration() {
-  const bool died_at_once = !shared->answered && steady_clock::now() - generation.born < kStillborn;
-  stillborn = died_at_once ? stillborn + 1 : 0;
-  EndWorkers(kHandOver, kHandOverGrace);
-  if (stillborn == kMaxStillborn) throw std::runtime_error("workers keep dying at once");
-  generation = MakeGeneration();
-  ForkWorkers();
+bool Supervisor::Start(std::size_t number) {
+  Worker& worker = workers[number];
+  WorkerSlot& slot = board.slots[number];
+  slot.activity = Activity::kIdle;
+  slot.seen = Now().count();
+  const pid_t pid = fork();
+  if (pid == 0) Work(slot);
+  if (pid < 0) {
+    if (!fork_fails) Log(LOG_ERR, "cannot fork a worker, trying again: %s", std::strerror(errno));
+    fork_fails = true;
+    PutOff(worker, false);
+    return false;
+  }
+  fork_fails = false;
+  worker = {.pid = pid,
+            .served_before = Served(slot),
+            .born = Clock::now(),
+            .delay = worker.delay,
+            .killed = {}};
+  slot.pid = pid;
+  return true;
 }
 
 // Runs in the forked child.
-void Supervisor::Work() {
+void Supervisor::Work(WorkerSlot& slot) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // whatever the worker waits for
+  if (getppid() != supervisor) _exit(EXIT_FAILURE);
+  signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides
+  const sigset_t blocked = SetOf(SIGTERM);
+  sigprocmask(SIG_SETMASK, &blocked, nullptr);
   try {
-    Serve();
+    settings.work(slot);
     _exit(EXIT_SUCCESS);
   } catch (const std::exception& error) {
-    syslog(LOG_ERR, "worker: %s", error.what());
+    Log(LOG_ERR, "worker: %s", error.what());
     _exit(EXIT_FAILURE);
   }
 }
 
-void Supervisor::Serve() {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // whatever the worker waits for
-  if (getppid() != supervisor) return;
-  signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides
-  signal(SIGUSR1, SIG_IGN);
+// Waits until there is something to do, and returns the signal that says so, if one does.
+int Supervisor::AwaitSignal() {
+  auto next = ready ? next_check : Clock::now() + kStartInterval;
+  for (const Worker& worker : workers) {
+    if (worker.pid == 0) next = std::min(next, worker.born);
+  }
+  return TakeSignal(signals, next);
+}
 
-  RequestHandler handler(*generation.manager, *store, *shared);
-  server.OnSignal(SIGTERM, [this] { server.Stop(); });
-  server.OnSignal(kHandOver, [this] { server.HandOver(); });
-  server.Serve([&handler](int connection, const std::string& request) {
-    return handler.Answer(connection, request);
+void Supervisor::ReapWorkers() {
+  int status = 0;
+  while (const pid_t pid = waitpid(-1, &status, WNOHANG)) {
+    if (pid < 0) return;
+    LogEnd(pid, status);
+    std::erase(lingering, pid);
+    const auto ended = std::find_if(workers.begin(), workers.end(),
+                                    [pid](const Worker& worker) { return worker.pid == pid; });
+    if (ended != workers.end()) {
+      HandleDeath(static_cast<std::size_t>(ended - workers.begin()), status);
+    }
+  }
+}
+
+void Supervisor::HandleDeath(std::size_t number, int status) {
+  Worker& worker = workers[number];
+  WorkerSlot& slot = board.slots[number];
+  slot.pid = 0;
+  worker.pid = 0;
+  if (!WasToldToEnd(status)) Count(board.deaths);
+  PutOff(worker,
+         Served(slot) != worker.served_before || Clock::now() - worker.born > kLongestDelay);
+}
+
+void Supervisor::PutOff(Worker& worker, bool has_worked) {
+  worker.delay =
+      has_worked ? milliseconds(0) : std::clamp(2 * worker.delay, kFirstDelay, kLongestDelay);
+  worker.born = Clock::now() + worker.delay;
+}
+
+void Supervisor::AnnounceReadiness() {
+  const auto serves = [this](const Worker& worker) {
+    const WorkerSlot& slot = board.slots[static_cast<std::size_t>(&worker - workers.data())];
+    return worker.pid != 0 && nanoseconds(slot.seen) > worker.born.time_since_epoch();
+  };
+  if (ready || std::none_of(workers.begin(), workers.end(), serves)) return;
+  ready = true;
+  Log(LOG_NOTICE, "ready, serving %s with %u workers", settings.serving.c_str(), settings.workers);
+  NotifyServiceManager("READY=1");
+}
+
+void Supervisor::CheckWorkers() {
+  // After a stop of the whole machine, or of this process, the workers get time to be seen again.
+  const bool was_held_up = Clock::now() > next_check + kCheckInterval;
+  next_check = Clock::now() + kCheckInterval;
+  ReportLostLines();
+  if (was_held_up) return;
+  for (std::size_t number = 0; number < workers.size(); ++number) CheckWorker(number);
+  NotifyWatchdog();
+}
+
+void Supervisor::CheckWorker(std::size_t number) {
+  Worker& worker = workers[number];
+  WorkerSlot& slot = board.slots[number];
+  if (worker.pid == 0) return;
+  if (worker.killed) {
+    if (Clock::now() - *worker.killed >= kKillGrace) Abandon(worker, slot);
+    return;
+  }
+  if (Unseen(slot) <= Patience(slot, settings.request_timeout)) return;
+  Log(LOG_ERR, "worker %d has not been seen for %.1f s, %s; killing it", worker.pid,
+      std::chrono::duration<double>(Unseen(slot)).count(), Doing(slot).c_str());
+  kill(worker.pid, SIGKILL);
+  worker.killed = Clock::now();
+}
+
+// The worker never runs again, so its slot is free for another one.
+void Supervisor::Abandon(Worker& worker, WorkerSlot& slot) {
+  if (lingering.size() == kMaxLingering) return;
+  Log(LOG_ERR, "worker %d was killed and does not end; another one takes its place", worker.pid);
+  lingering.push_back(worker.pid);
+  Count(board.deaths);
+  slot.pid = 0;
+  worker = {};
+}
+
+void Supervisor::NotifyWatchdog() {
+  if (!watchdog_interval || Clock::now() < next_watchdog) return;
+  const auto end = board.slots.begin() + workers.size();
+  const bool any_serves = std::any_of(board.slots.begin(), end, [this](const WorkerSlot& slot) {
+    return slot.pid != 0 && Unseen(slot) <= settings.request_timeout;
   });
+  if (!any_serves) return;
+  NotifyServiceManager("WATCHDOG=1");
+  next_watchdog = Clock::now() + *watchdog_interval;
 }
 
-// Returns whether any worker has ended.
-bool Supervisor::ReapWorkers() {
-  return std::erase_if(generation.workers, [](pid_t worker) {
-           int status = 0;
-           if (waitpid(worker, &status, WNOHANG) != worker) return false;
-           if (WIFSIGNALED(status)) {
-             syslog(LOG_ERR, "worker %d was ended by signal %d", worker, WTERMSIG(status));
-           } else if (WEXITSTATUS(status) != EXIT_SUCCESS) {
-             syslog(LOG_ERR, "worker %d exited with %d", worker, WEXITSTATUS(status));
-           }
-           return true;
-         }) != 0;
+void Supervisor::Stop() {
+  NotifyServiceManager("STOPPING=1");
+  settings.on_stop();
+  if (EndWorkers(SIGTERM, kStopGrace)) return;
+  Log(LOG_WARNING, "some workers have not finished within %d s; killing them",
+      static_cast<int>(kStopGrace.count()));
+  EndWorkers(SIGKILL, kKillGrace);
 }
 
-void Supervisor::LogStatistics() {
-  const std::string counters =
-      generation.cache ? toString(generation.cache->GetStatistics()) : "no cache";
-  syslog(LOG_NOTICE, "cache: %s", counters.c_str());
+// Returns whether all have ended within `grace`.
+bool Supervisor::EndWorkers(int signal, milliseconds grace) {
+  for (const Worker& worker : workers) {
+    if (worker.pid != 0) kill(worker.pid, signal);
+  }
+  const auto deadline = Clock::now() + grace;
+  for (;;) {
+    ReapWorkers();
+    const bool ended = std::none_of(workers.begin(), workers.end(),
+                                    [](const Worker& worker) { return worker.pid != 0; });
+    if (ended || Clock::now() >= deadline) return ended;
+    TakeSignal(SetOf(SIGCHLD), deadline);
+  }
+}
+
+void Supervisor::LogCounters() {
+  std::string counts;
+  for (std::size_t type = 0; type < kRequestTypes; ++type) {
+    std::uint64_t done = 0;
+    std::uint64_t refused = 0;
+    for (const WorkerSlot& slot : board.slots) {
+      done += slot.done[type];
+      refused += slot.refused[type];
+    }
+    counts += std::string(" ") + kRequestTypeNames[type] + "=" + std::to_string(done) + "/" +
+              std::to_string(refused);
+  }
+  const auto up = std::chrono::duration_cast<seconds>(Now() - nanoseconds(board.started));
+  Log(LOG_NOTICE, "up %lld s, workers=%zu deaths=%llu, requests done/refused:%s",
+      static_cast<long long>(up.count()), workers.size(),
+      static_cast<unsigned long long>(board.deaths.load()), counts.c_str());
 }

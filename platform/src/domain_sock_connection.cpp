@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <chrono>
 
 #include "message.h"
+#include "unix_address.h"
 
 namespace zeltdaemon {
 namespace {
@@ -37,13 +37,10 @@ bool LimitConnect(int fd, Clock::time_point deadline) {
 }
 
 bool ConnectTo(int fd, const std::string& path) {
-  sockaddr_un address{};
-  if (path.size() >= sizeof address.sun_path) return false;
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, path.size());
+  const ZELT::TokenManager::UnixAddress address(path);
   const auto deadline = Clock::now() + kClientDeadline;
   while (LimitConnect(fd, deadline)) {
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return true;
+    if (address.Connect(fd) == 0) return true;
     if (errno != EINTR) return false;
   }
   return false;

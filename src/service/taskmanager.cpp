@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "json_member.h"
-#include "service/grant.h"
+#include "grant.h"
 
 namespace ZELT::TokenManager {
 namespace {

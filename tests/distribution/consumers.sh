@@ -16,6 +16,6 @@ cmake --build "$installed/build"
 PKG_CONFIG_PATH=$(dirname "$(find "$installed" -name zelttokenmanager.pc)")
 export PKG_CONFIG_PATH
 # shellcheck disable=SC2046 # several words
-"${CXX:-c++}" -std=c++17 -I "$source/examples" "$source/tests/distribution/consumer.cpp" \
+"${CXX:-c++}" -std=c++17 "$source/tests/distribution/consumer.cpp" \
   -o "$installed/consumer" $(pkg-config --cflags --libs zelttokenmanager)
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir zelttokenmanager) "$installed/consumer"

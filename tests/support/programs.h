@@ -21,7 +21,7 @@ struct Program {
   explicit Program(const std::string& command)
       : pid(Start([this, &command] {
           const std::string redirected = "exec >" + file + ".out 2>" + file + ".err; " + command;
-          return execl("/bin/sh", "sh", "-c", redirected.c_str(), nullptr);
+          return execl("/bin/bash", "bash", "-c", redirected.c_str(), nullptr);
         })) {}
   ~Program() { End(SIGKILL); }
   Program(const Program&) = delete;

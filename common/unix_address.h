@@ -1,0 +1,34 @@
+// The address of a local socket, unix(7).
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstddef>
+#include <string_view>
+
+namespace ZELT::TokenManager {
+
+/// A socket file, or the abstract socket that a name with "@" at its front stands for. The calls
+/// are those of the system, which refuse a name that is empty or too long with EINVAL.
+class UnixAddress {
+ public:
+  explicit UnixAddress(std::string_view name) {
+    address.sun_family = AF_UNIX;
+    if (name.empty() || name.size() >= sizeof address.sun_path) return;
+    name.copy(address.sun_path, name.size());
+    if (name.front() == '@') address.sun_path[0] = '\0';
+    size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+  }
+
+  int Bind(int fd) const { return bind(fd, Pointer(), size); }
+  int Connect(int fd) const { return connect(fd, Pointer(), size); }
+
+ private:
+  const sockaddr* Pointer() const { return reinterpret_cast<const sockaddr*>(&address); }
+
+  sockaddr_un address{};
+  socklen_t size = 0;
+};
+
+}  // namespace ZELT::TokenManager

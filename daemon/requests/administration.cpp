@@ -1,0 +1,142 @@
+#include "administration.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <stdexcept>
+#include <utility>
+
+#include "users.h"
+
+namespace {
+
+const Json::Value& Member(const Json::Value& request, const char* name,
+                          bool (Json::Value::*has_type)() const, const char* type) {
+  const Json::Value& member = request[name];
+  if (!request.isMember(name) || (member.*has_type)()) return member;
+  throw std::runtime_error(std::string("\"") + name + "\" is not " + type);
+}
+
+bool Flag(const Json::Value& request, const char* name) {
+  const Json::Value& flag = Member(request, name, &Json::Value::isBool, "a boolean");
+  return flag.isBool() && flag.asBool();
+}
+
+// Empty when it is absent; an empty text would stand for "any".
+std::string Name(const Json::Value& request, const char* name) {
+  const Json::Value& text = Member(request, name, &Json::Value::isString, "a string");
+  if (text.isString() && text.asString().empty()) {
+    throw std::runtime_error(std::string("\"") + name + "\" is empty");
+  }
+  return text.asString();
+}
+
+std::uint64_t After(const Json::Value& request) {
+  return Member(request, "after", &Json::Value::isUInt64, "an id").asUInt64();
+}
+
+std::vector<std::uint64_t> Ids(const Json::Value& request) {
+  std::vector<std::uint64_t> ids;
+  for (const Json::Value& id : Member(request, "ids", &Json::Value::isArray, "an array")) {
+    if (!id.isUInt64()) throw std::runtime_error("an element of \"ids\" is not an id");
+    ids.push_back(id.asUInt64());
+  }
+  // No ids would stand for any.
+  if (request.isMember("ids") && ids.empty()) throw std::runtime_error("\"ids\" is empty");
+  return ids;
+}
+
+TokenFilter Filter(const Json::Value& request) {
+  TokenFilter filter;
+  filter.service = Name(request, "service");
+  filter.orphans = Flag(request, "orphans");
+  const std::string user = Name(request, "user");
+  if (!user.empty()) filter.user = UserId(user);
+  return filter;
+}
+
+void SetNext(const Page& page, Json::Value& response) {
+  if (page.next) response["next"] = Json::UInt64{*page.next};
+}
+
+// Adds one counter of all workers up.
+template <typename Counters>
+Json::UInt64 Sum(const Board& board, Counters counters, std::size_t index) {
+  Json::UInt64 sum = 0;
+  for (const WorkerSlot& slot : board.slots) sum += (slot.*counters)[index];
+  return sum;
+}
+
+Json::Value Workers(const Board& board) {
+  Json::Value workers;
+  const auto running = std::count_if(board.slots.begin(), board.slots.end(),
+                                     [](const WorkerSlot& slot) { return slot.pid != 0; });
+  workers["running"] = Json::Int64{running};
+  workers["deaths"] = Json::UInt64{board.deaths};
+  return workers;
+}
+
+Json::Value Requests(const Board& board) {
+  Json::Value requests;
+  for (std::size_t type = 0; type < kRequestTypes; ++type) {
+    Json::Value& counts = requests[kRequestTypeNames[type]];
+    counts["done"] = Sum(board, &WorkerSlot::done, type);
+    counts["refused"] = Sum(board, &WorkerSlot::refused, type);
+  }
+  return requests;
+}
+
+Json::Value ServiceTimes(const Board& board) {
+  Json::Value times;
+  for (std::size_t bucket = 0; bucket < kTimeBuckets; ++bucket) {
+    if (bucket + 1 < kTimeBuckets) times["bounds_us"].append(Json::UInt64{1} << bucket);
+    times["counts"].append(Sum(board, &WorkerSlot::times, bucket));
+  }
+  return times;
+}
+
+void AddUserNames(Json::Value& rows) {
+  for (Json::Value& row : rows) row["user"] = UserName(row["uid"].asUInt());
+}
+
+}  // namespace
+
+bool Administration::IsAdministrator(const Peer& peer) {
+  return peer.credential.uid == 0 || peer.credential.uid == geteuid();
+}
+
+void Administration::List(const Json::Value& request, Json::Value& response) {
+  Page page = store.List(Filter(request), After(request));
+  response["tokens"] = std::move(page.rows);
+  SetNext(page, response);
+}
+
+Json::Value Administration::Drop(const Json::Value& request, Json::Value& response) {
+  TokenFilter filter = Filter(request);
+  filter.ids = Ids(request);
+  const bool limited =
+      filter.user || !filter.service.empty() || filter.orphans || !filter.ids.empty();
+  if (!limited && !Flag(request, "all")) throw std::runtime_error("no condition and no \"all\"");
+  Page page = store.Drop(filter, After(request));
+  response["dropped"] = page.rows.size();
+  SetNext(page, response);
+  return std::move(page.rows);
+}
+
+void Administration::Status(const Json::Value& request, Json::Value& response) {
+  Page page = store.Usage(After(request));
+  AddUserNames(page.rows);
+  const std::chrono::nanoseconds uptime =
+      std::chrono::steady_clock::now().time_since_epoch() - std::chrono::nanoseconds(board.started);
+  response["version"] = version;
+  response["uptime"] =
+      Json::Int64{std::chrono::duration_cast<std::chrono::seconds>(uptime).count()};
+  response["workers"] = Workers(board);
+  response["requests"] = Requests(board);
+  response["service_times"] = ServiceTimes(board);
+  response["store"] = store.GetStatistics();
+  response["usage"] = std::move(page.rows);
+  SetNext(page, response);
+}

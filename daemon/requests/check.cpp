@@ -1,0 +1,211 @@
+#include "check.h"
+
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+
+#include "configuration.h"
+#include "json_text.h"
+#include "services.h"
+#include "users.h"
+#include "zelttokenmanager/utils.h"
+
+using namespace ZELT::TokenManager;
+
+namespace {
+
+class Findings {
+ public:
+  explicit Findings(std::ostream& findings_output) : output(findings_output) {}
+
+  void Add(const std::string& finding) {
+    output << finding << '\n';
+    found = true;
+  }
+  void Add(const std::string& file, const std::string& what) {
+    if (!what.empty()) Add(file + ": " + what);
+  }
+  int ExitCode() const { return found ? EXIT_FAILURE : EXIT_SUCCESS; }
+
+ private:
+  std::ostream& output;
+  bool found = false;
+};
+
+// Who was the first to claim a name.
+class Claims {
+ public:
+  explicit Claims(const char* claimed_kind) : kind(claimed_kind) {}
+
+  std::string Claim(const std::string& name, const std::string& directory) {
+    const auto [claim, is_first] = first.try_emplace(name, directory);
+    return is_first
+               ? ""
+               : std::string(kind) + " \"" + name + "\" is claimed by " + claim->second + " too";
+  }
+
+ private:
+  const char* kind;
+  std::map<std::string, std::string> first;
+};
+
+void CheckPackages(Findings& findings) {
+  std::vector<Package> packages = ReadPackages();
+  std::sort(packages.begin(), packages.end(),
+            [](const Package& a, const Package& b) { return a.directory < b.directory; });
+  Claims names("package");
+  Claims users("user");
+  findings.Add(kPackages, ForeignWriter(kPackages));
+  for (const Package& package : packages) {
+    for (const std::string& path :
+         {package.directory, package.directory + "/conf", package.privilege}) {
+      findings.Add(path, ForeignWriter(path));
+    }
+    findings.Add(package.privilege, package.problem);
+    findings.Add(package.directory, names.Claim(package.name, package.directory));
+    findings.Add(package.directory, users.Claim(package.user, package.directory));
+  }
+}
+
+// What `service` says of `privilege` when it is asked for something that nobody is granted.
+std::string Verdict(TokenService& service, const Json::Value& request,
+                    const Json::Value& privilege) {
+  try {
+    service.Issue(request, privilege);
+    return "";
+  } catch (const std::exception& refusal) {
+    return refusal.what();
+  }
+}
+
+// An identity that nothing admits, so that all of the list is looked at.
+std::string ListProblem(const Json::Value& grant, const char* list_name) {
+  if (!grant.isObject() || !grant.isMember(list_name)) return "";
+  try {
+    IsIdentityInPermittedList(std::string("@\0", 2), grant[list_name], "");
+    return "";
+  } catch (const std::exception& problem) {
+    return std::string("\"") + list_name + "\": " + problem.what();
+  }
+}
+
+class ServiceCheck {
+ public:
+  explicit ServiceCheck(const Service& checked)
+      : service(checked.make()), permitted_list(checked.permitted_list) {
+    fromString(checked.probe, probe["payload"]);
+    well_formed = Verdict(*service, probe, Json::Value(Json::arrayValue));
+  }
+
+  std::string Name() const { return service->GetName(); }
+
+  void Check(const std::string& file, const Json::Value& privilege, Findings& findings) const {
+    const std::string problem = privilege.isArray() ? "" : Verdict(*service, probe, privilege);
+    findings.Add(file, problem.empty() ? "" : Name() + ": " + problem);
+    for (Json::ArrayIndex i = 0; privilege.isArray() && i < privilege.size(); ++i) {
+      const std::string what = GrantProblem(privilege[i]);
+      findings.Add(file, what.empty() ? "" : Name() + "[" + std::to_string(i) + "]: " + what);
+    }
+  }
+
+ private:
+  // One by one, so that the findings say which grant it is.
+  std::string GrantProblem(const Json::Value& grant) const {
+    Json::Value privilege(Json::arrayValue);
+    privilege.append(grant);
+    const std::string verdict = Verdict(*service, probe, privilege);
+    return verdict == well_formed ? ListProblem(grant, permitted_list) : verdict;
+  }
+
+  std::shared_ptr<TokenService> service;
+  const char* permitted_list;
+  Json::Value probe;
+  std::string well_formed;  // the verdict on grants that are
+};
+
+void CheckConfigurations(const std::string& directory, Findings& findings) {
+  std::map<std::string, ServiceCheck> checks;
+  for (const Service& service : Services()) {
+    const ServiceCheck check(service);
+    checks.emplace(check.Name(), check);
+  }
+  findings.Add(directory, ForeignWriter(directory));
+  for (const std::string& file : ListFiles(directory)) {
+    Json::Value configuration;
+    findings.Add(file, ForeignWriter(file));
+    findings.Add(file, ReadConfiguration(file, configuration));
+    if (!configuration.isObject()) continue;
+    for (const std::string& service : configuration.getMemberNames()) {
+      const auto found = checks.find(service);
+      if (found == checks.end()) {
+        findings.Add(file, "there is no service \"" + service + "\"");
+      } else {
+        found->second.Check(file, configuration[service], findings);
+      }
+    }
+  }
+}
+
+// Keeps nothing but what the last token would have granted.
+class NoStorage : public TokenStorage {
+ public:
+  void Insert(const std::string& /*token*/, const Json::Value& data) override {
+    granted = data["payload"];
+  }
+  void Remove(const std::string& /*token*/) override {}
+  Json::Value GetAssociatedData(const std::string& /*token*/) override { return {}; }
+
+  Json::Value granted;
+};
+
+Json::Value WouldGrant(const std::string& installed_config, uid_t uid, const Json::Value& request) {
+  const auto storage = std::make_shared<NoStorage>();
+  ZELT::TokenManager::TokenManager manager(installed_config, storage, nullptr);
+  AddServices(manager);
+  Json::Value response;
+  manager.IssueToken({.pid = getpid(), .uid = uid, .gid = 0}, request, response);
+  return storage->granted;
+}
+
+}  // namespace
+
+int CheckFiles(const std::string& installed_config, std::ostream& output) {
+  Findings findings(output);
+  try {
+    CheckPackages(findings);
+  } catch (const std::runtime_error& unreadable) {
+    findings.Add(unreadable.what());
+  }
+  try {
+    CheckConfigurations(installed_config, findings);
+  } catch (const std::runtime_error& unreadable) {
+    findings.Add(unreadable.what());
+  }
+  return findings.ExitCode();
+}
+
+int CheckIssue(const std::string& installed_config, const std::string& user,
+               const std::string& service, const std::string& payload, std::ostream& output) {
+  Json::Value request;
+  request["service"] = service;
+  if (!fromString(payload, request["payload"])) {
+    output << "the payload is not JSON\n";
+    return EX_USAGE;
+  }
+  uid_t uid = 0;
+  try {
+    uid = UserId(user);
+    output << toString(WouldGrant(installed_config, uid, request)) << '\n';
+    return EXIT_SUCCESS;
+  } catch (const std::exception& error) {
+    const Refusal refusal = Explain(error.what(), uid, installed_config);
+    output << refusal.reason << (refusal.cause.empty() ? "" : " (" + refusal.cause + ")") << '\n';
+    return EXIT_FAILURE;
+  }
+}

@@ -1,0 +1,19 @@
+// What the log says of requests. No token ever gets into it.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <string>
+
+#include "configuration.h"
+#include "peer.h"
+
+/// Logs why a request was refused, with its type and service and the process and user that sent it.
+/// `request` need not be an object.
+void LogRefusal(const Peer& peer, const Json::Value& request, const Refusal& refusal);
+
+/// Logs that `peer` changed the token with the given id. `what` is one of "issue", "revoke",
+/// "transfer" and "drop"; `details` has the form " name=value".
+void LogChange(const Peer& peer, const char* what, std::uint64_t id, const std::string& service,
+               const std::string& details);

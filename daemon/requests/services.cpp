@@ -1,0 +1,33 @@
+#include "services.h"
+
+#include <array>
+
+#include "zelttokenmanager/service/fastapi.h"
+#include "zelttokenmanager/service/taskmanager.h"
+
+using namespace ZELT::TokenManager;
+
+namespace {
+
+template <typename Kind>
+std::shared_ptr<TokenService> Make() {
+  return std::make_shared<Kind>();
+}
+
+// A name that begins with a NUL byte is nobody's.
+const std::array kServices = {
+    Service{.make = Make<FastAPI>,
+            .probe = R"([{"api":"\u0000","method":"\u0000"}])",
+            .permitted_list = "runner"},
+    Service{.make = Make<ZELT::TokenManager::TaskManager>,
+            .probe = R"({"action":"issue","args":[{"prefix":"\u0000"}]})",
+            .permitted_list = "owner"},
+};
+
+}  // namespace
+
+std::span<const Service> Services() { return kServices; }
+
+void AddServices(ZELT::TokenManager::TokenManager& manager) {
+  for (const Service& service : kServices) manager.AddService(service.make());
+}

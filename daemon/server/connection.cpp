@@ -1,0 +1,31 @@
+#include "connection.h"
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+
+using State = zeltdaemon::MessageReader::State;
+
+// One piece at a time: who sends as fast as this process reads must not keep it.
+State Connection::Receive(bool& more) {
+  // Most messages fit, and then one call is all it takes.
+  std::array<char, 16384> piece;  // NOLINT(*-member-init): written before it is read
+  const ssize_t count = descriptors.Receive(fd, piece.data(), piece.size());
+  more = count == static_cast<ssize_t>(piece.size()) || (count < 0 && errno == EINTR);
+  if (count >= 0) return reader.Add(piece.data(), static_cast<std::size_t>(count));
+  return more || errno == EAGAIN ? State::kIncomplete : State::kFailed;
+}
+
+void Connection::Send() {
+  std::size_t sent = 0;
+  while (sent < answer.size()) {
+    const ssize_t count =
+        send(fd, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0 && errno == EAGAIN) break;
+    if (count < 0) return answer.clear();
+    sent += static_cast<std::size_t>(count);
+  }
+  answer.erase(0, sent);
+}

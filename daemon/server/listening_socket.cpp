@@ -1,0 +1,183 @@
+#include "listening_socket.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "environment.h"
+#include "owned_descriptor.h"
+#include "unix_address.h"
+
+using ZELT::TokenManager::OwnedDescriptor;
+using ZELT::TokenManager::UnixAddress;
+
+namespace {
+
+constexpr int kFirstInherited = 3;  // SD_LISTEN_FDS_START, sd_listen_fds(3)
+
+// The workers of a daemon that was killed take a moment to close its socket.
+constexpr std::chrono::milliseconds kDyingGrace{500};
+constexpr std::chrono::milliseconds kPollInterval{10};
+
+std::runtime_error SystemError(const std::string& what) {
+  return std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+OwnedDescriptor MakeSocket() {
+  OwnedDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!made.IsOpen()) throw SystemError("socket");
+  return made;
+}
+
+// A file that is removed, unless it was moved away.
+struct TemporaryFile {
+  explicit TemporaryFile(std::string file_path) : path(std::move(file_path)) {}
+  ~TemporaryFile() {
+    if (!path.empty()) unlink(path.c_str());
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  std::string path;
+};
+
+// A full backlog refuses with EAGAIN, unix(7): then somebody listens too.
+bool IsServed(const std::string& path) {
+  const OwnedDescriptor client = MakeSocket();
+  return UnixAddress(path).Connect(client.Get()) == 0 || (errno != ECONNREFUSED && errno != ENOENT);
+}
+
+void AwaitEndOfService(const std::string& path) {
+  const auto deadline = std::chrono::steady_clock::now() + kDyingGrace;
+  while (IsServed(path)) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error("another daemon serves " + path);
+    }
+    std::this_thread::sleep_for(kPollInterval);
+  }
+}
+
+std::string Describe(const struct stat& file) {
+  const char* kind = S_ISSOCK(file.st_mode)  ? "a socket"
+                     : S_ISDIR(file.st_mode) ? "a directory"
+                     : S_ISLNK(file.st_mode) ? "a symbolic link"
+                                             : "a file";
+  const passwd* user = getpwuid(file.st_uid);
+  const std::string name = user == nullptr ? "" : std::string(user->pw_name) + ", ";
+  return std::string(kind) + " of user " + name + "uid " + std::to_string(file.st_uid);
+}
+
+// Returns the socket at `path`, which is this user's and served by nobody, or nothing.
+std::optional<struct stat> StaleSocket(const std::string& path) {
+  struct stat found {};
+  if (lstat(path.c_str(), &found) != 0) {
+    if (errno == ENOENT) return std::nullopt;
+    throw SystemError("cannot listen on " + path);
+  }
+  if (!S_ISSOCK(found.st_mode) || found.st_uid != geteuid()) {
+    throw std::runtime_error("cannot listen on " + path + ": " + Describe(found) +
+                             " is there; remove it first");
+  }
+  AwaitEndOfService(path);
+  return found;
+}
+
+// A name that nobody can guess: in /tmp anybody could keep those that they can.
+std::string NameBeside(const std::string& path) {
+  std::uint32_t number = 0;
+  if (getrandom(&number, sizeof number, 0) < 0) throw SystemError("getrandom");
+  return path + "." + std::to_string(number);
+}
+
+// bind(2) gives the file its mode, so nobody can exchange it before a chmod(2).
+OwnedDescriptor BindAndListen(const std::string& path, int backlog) {
+  OwnedDescriptor made = MakeSocket();
+  const mode_t mask = umask(S_IXUSR | S_IXGRP | S_IXOTH);
+  const int bound = UnixAddress(path).Bind(made.Get());
+  umask(mask);
+  if (bound != 0 || listen(made.Get(), backlog) != 0) throw SystemError("cannot listen on " + path);
+  return made;
+}
+
+bool IsSame(const std::string& path, const struct stat& file) {
+  struct stat found {};
+  return lstat(path.c_str(), &found) == 0 && found.st_dev == file.st_dev &&
+         found.st_ino == file.st_ino;
+}
+
+// Returns false when something else has come to the path since it was looked at.
+bool MoveTo(const std::string& path, TemporaryFile& made) {
+  const std::optional<struct stat> stale = StaleSocket(path);
+  const auto rename = [&](unsigned int how) {
+    return renameat2(AT_FDCWD, made.path.c_str(), AT_FDCWD, path.c_str(), how) == 0;
+  };
+  if (!rename(stale ? RENAME_EXCHANGE : RENAME_NOREPLACE)) {
+    if (errno == EEXIST || errno == ENOENT) return false;
+    throw SystemError("cannot listen on " + path);
+  }
+  if (!stale) return made.path.clear(), true;
+  if (IsSame(made.path, *stale)) return true;
+  rename(RENAME_EXCHANGE);  // another daemon was faster, and gets its socket back
+  return false;
+}
+
+int OptionOf(int socket, int name) {
+  int value = 0;
+  socklen_t length = sizeof value;
+  return getsockopt(socket, SOL_SOCKET, name, &value, &length) == 0 ? value : -1;
+}
+
+void ExpectListening(int socket) {
+  if (OptionOf(socket, SO_DOMAIN) != AF_UNIX || OptionOf(socket, SO_TYPE) != SOCK_STREAM ||
+      OptionOf(socket, SO_ACCEPTCONN) != 1) {
+    throw std::runtime_error("descriptor " + std::to_string(socket) +
+                             " was passed on and is no listening Unix stream socket");
+  }
+}
+
+}  // namespace
+
+std::vector<int> InheritedSockets() {
+  const bool is_ours = NumberFromEnvironment("LISTEN_PID") == getpid();
+  const std::int64_t count = is_ours ? NumberFromEnvironment("LISTEN_FDS") : 0;
+  for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) unsetenv(variable);
+  std::vector<int> sockets;
+  for (int fd = kFirstInherited; fd < kFirstInherited + count; ++fd) {
+    ExpectListening(fd);
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    sockets.push_back(fd);
+  }
+  return sockets;
+}
+
+int ListenAt(const std::string& path, int backlog) {
+  TemporaryFile beside(NameBeside(path));
+  OwnedDescriptor listener = BindAndListen(beside.path, backlog);
+  while (!MoveTo(path, beside)) {
+  }
+  return listener.Release();
+}
+
+std::string AddressOf(int socket) {
+  sockaddr_un address{};
+  socklen_t length = sizeof address;
+  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
+  return address.sun_path;
+}

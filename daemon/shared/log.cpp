@@ -1,0 +1,170 @@
+#include "log.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+constexpr const char* kName = "zelttokenmgrd";
+constexpr std::size_t kLongestLine = 2048;
+
+// Length of the UTF-8 sequence at the front of `text` (RFC 3629), 0 if there is none.
+std::size_t SequenceLength(std::string_view text) {
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const std::size_t length = byte(0) < 0x80                      ? 1
+                             : byte(0) >= 0xC2 && byte(0) < 0xE0 ? 2
+                             : byte(0) >= 0xE0 && byte(0) < 0xF0 ? 3
+                             : byte(0) >= 0xF0 && byte(0) < 0xF5 ? 4
+                                                                 : 0;
+  if (length > text.size()) return 0;
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return 0;
+  }
+  return length;
+}
+
+// The code point of a valid sequence.
+unsigned int CodePoint(std::string_view sequence) {
+  if (sequence.size() == 1) return static_cast<unsigned char>(sequence[0]);
+  unsigned int code = static_cast<unsigned char>(sequence[0]) & (0x7FU >> sequence.size());
+  for (const char next : sequence.substr(1)) {
+    code = code << 6U | (static_cast<unsigned char>(next) & 0x3FU);
+  }
+  return code;
+}
+
+// What a terminal obeys, and what makes text look like other text.
+bool IsControl(unsigned int code) {
+  return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x061C ||
+         (code >= 0x200E && code <= 0x200F) || (code >= 0x2028 && code <= 0x202E) ||
+         (code >= 0x2066 && code <= 0x2069);
+}
+
+std::string Escaped(std::string_view text) {
+  std::string escaped;
+  std::array<char, 8> code{};
+  while (!text.empty()) {
+    const std::size_t length = SequenceLength(text);
+    if (length == 0) {
+      std::snprintf(code.data(), code.size(), "\\x%02x", static_cast<unsigned char>(text[0]));
+    } else if (IsControl(CodePoint(text.substr(0, length)))) {
+      std::snprintf(code.data(), code.size(), "\\u%04x", CodePoint(text.substr(0, length)));
+    }
+    escaped += code[0] != '\0' ? std::string_view(code.data()) : text.substr(0, length);
+    code[0] = '\0';
+    text.remove_prefix(length == 0 ? 1 : length);
+  }
+  return escaped;
+}
+
+// Where lines go, and how many could not.
+struct Sink {
+  bool (*write)(int priority, const std::string& line);  // false when it would have to wait
+  std::uint64_t lost = 0;
+
+  void Put(int priority, const std::string& line) {
+    if (!ReportLost() || !write(priority, line)) ++lost;
+  }
+  bool ReportLost() {
+    if (lost == 0) return true;
+    if (!write(LOG_WARNING, std::to_string(lost) + " lines of the log were lost")) return false;
+    lost = 0;
+    return true;
+  }
+};
+
+std::string Prefix() { return std::string(kName) + "[" + std::to_string(getpid()) + "]: "; }
+
+int syslog_socket = -1;
+
+// The system's logger makes a new socket when it starts again.
+bool SendToSyslog(const std::string& datagram) {
+  if (syslog_socket < 0) {
+    syslog_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/dev/log"};
+    if (connect(syslog_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      close(std::exchange(syslog_socket, -1));
+      return false;
+    }
+  }
+  return send(syslog_socket, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0;
+}
+
+// As syslog(3) writes it.
+bool WriteToSyslog(int priority, const std::string& line) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  std::array<char, 32> time{};
+  std::strftime(time.data(), time.size(), "%h %e %T ", localtime_r(&now, &local));
+  const std::string datagram =
+      "<" + std::to_string(LOG_DAEMON | priority) + ">" + time.data() + Prefix() + line;
+  if (SendToSyslog(datagram)) return true;
+  if (errno == EAGAIN || syslog_socket < 0) return false;
+  close(std::exchange(syslog_socket, -1));
+  return SendToSyslog(datagram);
+}
+
+int error_output = STDERR_FILENO;
+
+// Of its own, since O_NONBLOCK would hold for whoever shares the description (open(2)).
+void OpenErrorOutput() {
+  struct stat status {};
+  if (fstat(STDERR_FILENO, &status) != 0) return;
+  if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;
+  const int own = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (own >= 0) error_output = own;
+}
+
+// What could not be opened again, because another user has opened it, may wait when several write.
+bool WriteToErrorOutput(int /*priority*/, const std::string& line) {
+  const std::string whole = Prefix() + line + "\n";
+  ssize_t count = send(error_output, whole.data(), whole.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (count < 0 && errno == ENOTSOCK) {
+    pollfd room{.fd = error_output, .events = POLLOUT, .revents = 0};
+    if (poll(&room, 1, 0) != 1) return false;
+    count = write(error_output, whole.data(), whole.size());
+  }
+  return count >= 0;
+}
+
+Sink syslog_sink{.write = WriteToSyslog};
+Sink error_sink{.write = WriteToErrorOutput};
+bool writes_errors = false;
+
+}  // namespace
+
+void OpenLog(bool to_stderr) {
+  writes_errors = to_stderr;
+  if (to_stderr) OpenErrorOutput();
+}
+
+void Log(int priority, const char* format, ...) {
+  std::array<char, kLongestLine> text{};
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  va_end(arguments);
+  const std::string line = Escaped(text.data());
+  syslog_sink.Put(priority, line);
+  if (writes_errors) error_sink.Put(priority, line);
+}
+
+void ReportLostLines() {
+  syslog_sink.ReportLost();
+  if (writes_errors) error_sink.ReportLost();
+}

@@ -1,0 +1,201 @@
+#include "indexed_store.h"
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "json_member.h"
+#include "json_text.h"
+#include "store_file.h"
+
+using ZELT::TokenManager::fromString;
+using ZELT::TokenManager::MemberOrNull;
+using ZELT::TokenManager::TextOf;
+using ZELT::TokenManager::toString;
+
+namespace {
+
+constexpr const char* kUnknown = "the store has no such token";
+
+// Pages. A change to each table's way from the root, with what LMDB merges and lists beside it,
+// takes some 30, and what it frees serves the next but one.
+constexpr std::uint64_t kForChange = 96;
+constexpr std::uint64_t kForEach = 16;         // further token that goes in the same change
+constexpr std::uint64_t kLeftForOthers = 256;  // revocations: after a new token
+
+// Longer than a reader that was stopped is left alone.
+constexpr std::chrono::seconds kPatience{12};
+constexpr std::chrono::milliseconds kPause{2};
+
+}  // namespace
+
+IndexedStore::IndexedStore(const StoreOptions& store_options, WorkerSlot& worker_slot)
+    : options(store_options),
+      slot(worker_slot),
+      database(options.path, MapBytes(options), Database::Use::kServe),
+      tables(database, false),
+      room(database),
+      orphans(options) {
+  database.ClearDeadReaders();
+}
+
+void IndexedStore::Begin(const Peer& peer) {
+  Rollback();
+  changer = peer;
+  changing_process = IdentifyProcess(peer.credential.pid);  // before others have to wait
+  BeginWrite(1);
+}
+
+// Waits until there is room for the change: a worker that was stopped while it read keeps freed
+// pages, and is killed in the end.
+void IndexedStore::BeginWrite(std::size_t tokens_changed) {
+  const std::uint64_t pages = kForChange + tokens_changed * kForEach;
+  if (write) throw std::logic_error("a change within a change");
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  slot.activity = Activity::kWaitingForStore;
+  for (;;) {
+    write = database.BeginWrite();
+    if (room.Has(pages)) break;
+    write.reset();
+    database.ClearDeadReaders();
+    const auto now = std::chrono::steady_clock::now();
+    if (!room.ReadersHoldPages() || now > deadline) {
+      throw std::runtime_error("no room for a change; full is " + room.Shortage());
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
+  slot.activity = Activity::kServing;
+}
+
+MDB_txn* IndexedStore::Write() {
+  if (!write) throw std::logic_error("no change has begun");
+  return write.get();
+}
+
+void IndexedStore::CommitWrite() { database.Commit(std::move(write)); }
+
+void IndexedStore::Commit() {
+  if (removed) tables.Erase(Write(), std::exchange(removed, std::nullopt)->token);
+  CommitWrite();
+}
+
+void IndexedStore::Rollback() noexcept {
+  write.reset();
+  removed.reset();
+}
+
+void IndexedStore::Insert(const std::string& token, const Json::Value& data) {
+  const std::string text = toString(data);
+  if (removed && removed->token == token) return Transfer(data, text);
+  Issue(token, data, text);
+}
+
+void IndexedStore::Issue(const std::string& token, const Json::Value& data,
+                         const std::string& text) {
+  ExpectSmallToken(data, text);
+  if (!changing_process || !HadStarted(*changing_process, changer.accepted)) {
+    throw std::runtime_error("the process that asked for the token is gone");
+  }
+  RecordHeader header;
+  header.uid = changer.credential.uid;
+  header.issued = Now();
+  header.SetOwner(*changing_process);
+  const std::string service = TextOf(MemberOrNull(data, "service"));
+  MakeRoom(Footprint(token, {header, service, text}));
+  ExpectRoomForToken();
+  changed_id = tables.Add(Write(), token, header, service, text);
+}
+
+void IndexedStore::Transfer(const Json::Value& data, const std::string& text) {
+  const Json::Value& pid = MemberOrNull(data, "pid");
+  const auto owner = IdentifyProcess(pid.isInt() ? pid.asInt() : 0);
+  if (!owner) {
+    throw std::runtime_error("no living process has the number " + TextOf(pid) +
+                             ", to which the token was to be transferred");
+  }
+  removed->header.SetOwner(*owner);
+  tables.Replace(Write(), removed->token, removed->header, text);
+  removed.reset();
+}
+
+bool IndexedStore::Fits(std::uint64_t bytes) {
+  const UserTotal total = tables.TotalOf(Write(), changer.credential.uid);
+  return total.tokens < options.tokens_per_user &&
+         total.bytes + bytes <= options.bytes / options.users_share;
+}
+
+// Drops orphans of the user until `bytes` more are within the limits.
+void IndexedStore::MakeRoom(std::uint64_t bytes) {
+  if (Fits(bytes)) return;
+  write.reset();  // nothing was changed yet, and the search takes its time
+  const auto found = orphans.Find(database, tables, changer.credential.uid);
+  BeginWrite(found.size() + 1);
+  for (const Holding& orphan : found) {
+    if (Fits(bytes)) return;
+    EraseIfSame(orphan, !IsTooOld(orphan.header, options));
+  }
+  if (Fits(bytes)) return;
+  const UserTotal total = tables.TotalOf(Write(), changer.credential.uid);
+  CommitWrite();  // what was dropped brings the next request closer
+  throw std::runtime_error(
+      "user " + std::to_string(changer.credential.uid) + " holds " + std::to_string(total.tokens) +
+      " of at most " + std::to_string(options.tokens_per_user) + " tokens, and " +
+      std::to_string(total.bytes) + " of at most " +
+      std::to_string(options.bytes / options.users_share) + " bytes, and no orphans are left");
+}
+
+void IndexedStore::ExpectRoomForToken() {
+  const std::uint64_t used = tables.UsedPages(Write());
+  if (used >= options.bytes / database.PageBytes()) {
+    throw std::runtime_error("the store is full: " + std::to_string(used * database.PageBytes()) +
+                             " of " + std::to_string(options.bytes) + " bytes are used");
+  }
+  if (!room.Has(kLeftForOthers)) {
+    throw std::runtime_error("no room for a token; full is " + room.Shortage());
+  }
+}
+
+void IndexedStore::Remove(const std::string& token) {
+  const auto record = tables.Find(Write(), token);
+  if (!record) return;
+  if (!changing_process || record->header.Owner() != *changing_process ||
+      !HadStarted(*changing_process, changer.accepted)) {
+    throw std::runtime_error(
+        "the peer has the number of the token's owner, but is another process");
+  }
+  removed = {token, record->header};
+  changed_id = record->header.id;
+}
+
+std::string IndexedStore::Text(MDB_txn* transaction, const std::string& token) const {
+  const auto record = tables.Find(transaction, token);
+  if (!record || (removed && removed->token == token) || IsGone(record->header, options)) {
+    throw std::runtime_error(kUnknown);
+  }
+  return std::string(record->text);
+}
+
+Json::Value IndexedStore::GetAssociatedData(const std::string& token) {
+  const std::string text =
+      write ? Text(write.get(), token) : Text(Database::ReadScope(database).Get(), token);
+  Json::Value data;
+  if (!fromString(text, data)) throw std::runtime_error("the token's record is damaged");
+  return data;
+}
+
+// The token may have been removed or transferred since it was looked at.
+std::optional<Record> IndexedStore::FindSame(const Holding& holding, bool same_owner) {
+  auto record = tables.Find(Write(), holding.token);
+  if (!record || record->header.id != holding.header.id) return std::nullopt;
+  if (same_owner && record->header.Owner() != holding.header.Owner()) return std::nullopt;
+  return record;
+}
+
+bool IndexedStore::EraseIfSame(const Holding& holding, bool same_owner) {
+  const bool found = FindSame(holding, same_owner).has_value();
+  if (found) tables.Erase(Write(), holding.token);
+  return found;
+}

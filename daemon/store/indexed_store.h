@@ -1,0 +1,82 @@
+// The store of the daemon: one indexed, transactional file.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string>
+
+#include "board.h"
+#include "database.h"
+#include "room.h"
+#include "store_options.h"
+#include "tables.h"
+#include "token_store.h"
+#include "user_limits.h"
+
+/// Keeps tokens in an LMDB file, which `StoreLock` has made and checked.
+///
+/// Looking up takes no lock. Changes take turns, and are on the disk when `Commit` returns; what a
+/// worker did that is killed before that has not happened. Revoking works however full the store or
+/// its file system are.
+///
+/// With each token the store keeps its owner as a process, by its start and the boot. Only the
+/// owner, if the peer is that very process, removes a token. Removing it and inserting it again in
+/// one change transfers it to the process that "pid" of the new data names: it keeps its id, its
+/// user and its age.
+///
+/// Errors are `std::runtime_error`. A failed change can only be rolled back.
+class IndexedStore : public TokenStore {
+ public:
+  /// Opens the existing file. `worker_slot` shows when this worker waits for others.
+  IndexedStore(const StoreOptions& store_options, WorkerSlot& worker_slot);
+
+  void Begin(const Peer& peer) override;
+  void Commit() override;
+  void Rollback() noexcept override;
+  std::uint64_t ChangedId() const override { return changed_id; }
+
+  void Insert(const std::string& token, const Json::Value& data) override;
+  void Remove(const std::string& token) override;
+  Json::Value GetAssociatedData(const std::string& token) override;
+
+  Page List(const TokenFilter& filter, std::uint64_t after) override;
+  Page Drop(const TokenFilter& filter, std::uint64_t after) override;
+  Page Usage(std::uint64_t after) override;
+  Json::Value GetStatistics() override;
+  void KeepHouse() override;
+
+ private:
+  // Ends a change of the store's own that failed.
+  struct Rollbacker {
+    IndexedStore& store;
+    ~Rollbacker() { store.Rollback(); }
+  };
+
+  MDB_txn* Write();
+  void BeginWrite(std::size_t tokens);
+  void CommitWrite();
+  void Issue(const std::string& token, const Json::Value& data, const std::string& text);
+  void Transfer(const Json::Value& data, const std::string& text);
+  void MakeRoom(std::uint64_t bytes);
+  bool Fits(std::uint64_t bytes);
+  void ExpectRoomForToken();
+  std::string Text(MDB_txn* transaction, const std::string& token) const;
+  std::optional<Record> FindSame(const Holding& holding, bool same_owner);
+  bool EraseIfSame(const Holding& holding, bool same_owner);
+  bool NeedsCare(const RecordHeader& header, Judge& judge) const;
+  void Tend(std::span<const Holding> holdings);
+
+  const StoreOptions options;
+  WorkerSlot& slot;
+  Database database;
+  const Tables tables;
+  Room room;
+  OrphanSearch orphans;
+
+  Transaction write;  // of the current change
+  Peer changer;
+  std::optional<ProcessIdentity> changing_process;
+  std::optional<Holding> removed;  // carried out by `Commit`, unless the token is inserted again
+  std::uint64_t changed_id = 0;
+  std::uint64_t tended = 0;  // the id up to which `KeepHouse` has come
+};

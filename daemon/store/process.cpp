@@ -1,0 +1,108 @@
+#include "process.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <stdexcept>
+#include <string_view>
+
+namespace {
+
+// Reads a small file of proc(5), which gives all of it at once; "" when it cannot be read.
+std::string ReadProcFile(const std::string& path) {
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return {};
+  std::array<char, 1024> text{};
+  const ssize_t size = read(file, text.data(), text.size());
+  close(file);
+  return {text.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
+std::string ReadStatus(pid_t pid) { return ReadProcFile("/proc/" + std::to_string(pid) + "/stat"); }
+
+// Whether `pid` is the number of a process, be it a zombie. Other than kill(2), tgkill(2) does not
+// take a thread's number for its process's.
+bool IsProcess(pid_t pid) {
+  return pid > 0 && (syscall(SYS_tgkill, pid, pid, 0) == 0 || errno == EPERM);
+}
+
+// Returns the field of proc_pid_stat(5) with this number, 3 or greater, "" when there is none. The
+// name before it may hold spaces and brackets.
+std::string_view Field(std::string_view status, int number) {
+  std::string_view fields = status.substr(std::min(status.rfind(')'), status.size()));
+  for (int i = 2; i < number; ++i)
+    fields.remove_prefix(std::min(fields.find(' '), fields.size() - 1) + 1);
+  return fields.substr(0, fields.find(' '));
+}
+
+std::uint64_t NumberField(std::string_view status, int number) {
+  const std::string_view field = Field(status, number);
+  std::uint64_t value = 0;
+  std::from_chars(field.data(), field.data() + field.size(), value);
+  return value;
+}
+
+// A process whose first thread has ended shows the state of a zombie as long as others run.
+bool IsZombie(std::string_view status) {
+  const std::string_view state = Field(status, 3);
+  return (state == "Z" || state == "X") && NumberField(status, 20) <= 1;
+}
+
+BootId ReadBootId() {
+  const std::string text = ReadProcFile("/proc/sys/kernel/random/boot_id");
+  BootId boot{};
+  const char* next = text.data();
+  const char* const end = text.data() + text.size();
+  for (unsigned char& byte : boot) {
+    if (next != end && *next == '-') ++next;
+    if (end - next < 2 || std::from_chars(next, next + 2, byte, 16).ptr != next + 2) {
+      throw std::runtime_error("/proc/sys/kernel/random/boot_id cannot be read");
+    }
+    next += 2;
+  }
+  return boot;
+}
+
+}  // namespace
+
+const BootId& CurrentBoot() {
+  static const BootId boot = ReadBootId();
+  return boot;
+}
+
+std::optional<ProcessIdentity> IdentifyProcess(pid_t pid) {
+  if (!IsProcess(pid)) return std::nullopt;
+  const std::string status = ReadStatus(pid);
+  if (status.empty()) {
+    if (!IsProcess(pid)) return std::nullopt;
+    throw std::runtime_error("/proc/" + std::to_string(pid) +
+                             "/stat cannot be read; is /proc mounted with hidepid?");
+  }
+  if (IsZombie(status)) return std::nullopt;
+  return ProcessIdentity{pid, NumberField(status, 22), CurrentBoot()};
+}
+
+bool IsAlive(const ProcessIdentity& process) {
+  if (process.boot != CurrentBoot() || !IsProcess(process.pid)) return false;
+  const std::string status = ReadStatus(process.pid);
+  if (status.empty()) return IsProcess(process.pid);
+  return NumberField(status, 22) == process.start && !IsZombie(status);
+}
+
+bool HadStarted(const ProcessIdentity& process, std::chrono::nanoseconds time) {
+  static const auto ticks_per_second = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
+  constexpr std::uint64_t kNanoseconds = 1'000'000'000;
+  return process.start * (kNanoseconds / ticks_per_second) <=
+         static_cast<std::uint64_t>(time.count());
+}
+
+std::string ProcessName(pid_t pid) {
+  const std::string status = ReadStatus(pid);
+  const std::size_t begin = status.find('(');
+  const std::size_t end = status.rfind(')');
+  return end == status.npos ? "" : status.substr(begin + 1, end - begin - 1);
+}

@@ -1,0 +1,96 @@
+#include "room.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <sstream>
+
+namespace {
+
+// Pages that are taken ahead: 2 MiB. When half of them are used, more are taken.
+constexpr std::uint64_t kAhead = 512;
+constexpr std::size_t kMostLists = 256;  // of free pages that are looked at
+constexpr const char* kWhat = "look for room in the store";
+
+// A line of mdb_reader_list: process, thread, and the commit that it reads, "-" for none.
+int NoteOldest(const char* line, void* oldest) {
+  std::istringstream fields(line);
+  std::string process;
+  std::string thread;
+  std::uint64_t commit = 0;
+  if (fields >> process >> thread >> commit) {
+    auto& number = *static_cast<std::uint64_t*>(oldest);
+    number = std::min(number, commit);
+  }
+  return 0;
+}
+
+}  // namespace
+
+Room::Room(Database& store_database) : database(store_database) {}
+
+bool Room::Has(std::uint64_t pages) {
+  if (SparePages() < kAhead / 2) Grow();
+  const std::uint64_t spare = SparePages();
+  return spare >= pages || spare + ReusablePages(pages - spare) >= pages;
+}
+
+bool Room::ReadersHoldPages() { return OldestRead() < database.LastCommit(); }
+
+std::uint64_t Room::SparePages() {
+  const std::uint64_t used = database.LastPage() + 1;
+  return allocated > used ? allocated - used : 0;
+}
+
+void Room::Grow() {
+  const int file = database.File();
+  struct stat status {};
+  Expect(fstat(file, &status) == 0 ? 0 : errno, kWhat);
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  const std::uint64_t wanted =
+      std::min(database.LastPage() + 1 + kAhead, database.MapPages()) * database.PageBytes();
+  // Another worker may have made it grow already.
+  growth_error = size >= wanted ? 0
+                                : posix_fallocate(file, static_cast<off_t>(size),
+                                                  static_cast<off_t>(wanted - size));
+  Expect(fstat(file, &status) == 0 ? 0 : errno, kWhat);
+  allocated = std::min(static_cast<std::uint64_t>(status.st_size) / database.PageBytes(),
+                       database.MapPages());
+}
+
+// LMDB lists the pages that each commit freed. They can be used again when nobody reads what was
+// before that commit, nor the commit before the next.
+std::uint64_t Room::ReusablePages(std::uint64_t enough) {
+  const std::uint64_t oldest = OldestRead();
+  const Database::ReadScope scope(database);
+  const Cursor cursor = OpenCursor(scope.Get(), 0);
+  std::uint64_t pages = 0;
+  MDB_val commit{};
+  MDB_val list{};
+  for (std::size_t lists = 0; pages < enough && lists < kMostLists; ++lists) {
+    if (!Found(mdb_cursor_get(cursor.get(), &commit, &list, MDB_NEXT), kWhat)) break;
+    std::size_t number = 0;
+    std::memcpy(&number, commit.mv_data, sizeof(number));
+    if (number >= oldest) break;
+    std::memcpy(&number, list.mv_data, sizeof(number));  // the first element is their count
+    pages += number;
+  }
+  return pages;
+}
+
+std::uint64_t Room::OldestRead() {
+  std::uint64_t oldest = database.LastCommit();
+  const int result = mdb_reader_list(database.Get(), NoteOldest, &oldest);
+  Expect(result < 0 ? result : 0, kWhat);
+  return oldest;
+}
+
+std::string Room::Shortage() const {
+  const std::string size = std::to_string(allocated * database.PageBytes()) + " bytes";
+  if (growth_error == 0) return "its file is as large as it may become, " + size;
+  return std::string("its file system or quota: the file cannot grow beyond ") + size + ": " +
+         std::strerror(growth_error);
+}

@@ -1,0 +1,181 @@
+#include "store_file.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+#include "database.h"
+#include "owned_descriptor.h"
+#include "tables.h"
+
+namespace fs = std::filesystem;
+using ZELT::TokenManager::OwnedDescriptor;
+
+namespace {
+
+constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+constexpr std::chrono::seconds kPatience{5};  // for the end of another daemon
+constexpr std::chrono::milliseconds kPause{10};
+
+[[noreturn]] void ThrowFailure(const std::string& what) {
+  throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+void Expect(bool done, const std::string& what) {
+  if (!done) ThrowFailure(what);
+}
+
+// The status of the path itself, which may be a symbolic link.
+std::optional<struct stat> StatusOf(const fs::path& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0) return status;
+  if (errno != ENOENT) ThrowFailure(path);
+  return std::nullopt;
+}
+
+void Sync(const fs::path& directory) {
+  const OwnedDescriptor file(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  Expect(file.IsOpen() && fsync(file.Get()) == 0, "cannot sync " + directory.string());
+}
+
+// A directory in whose way others could put something else. In one with the sticky bit they can
+// only where nothing is yet.
+void ExpectSafe(const fs::path& path, bool last) {
+  const auto status = StatusOf(path);
+  if (!status) return;
+  if (status->st_uid != 0 && status->st_uid != geteuid()) {
+    throw std::runtime_error(path.string() + " belongs to user " + std::to_string(status->st_uid) +
+                             "; name a store below directories of root or of the daemon's user");
+  }
+  const bool sticky = !last && (status->st_mode & S_ISVTX) != 0;
+  if (!S_ISLNK(status->st_mode) && (status->st_mode & kOthersWrite) != 0 && !sticky) {
+    throw std::runtime_error(path.string() + " may be written by others than its owner; " +
+                             "give the store a directory of its own, or take that right away");
+  }
+}
+
+void ExpectSafeWay(const fs::path& directory) {
+  fs::path way;
+  for (const fs::path& name : directory) {
+    way /= name;
+    ExpectSafe(way, way == directory);
+  }
+}
+
+// Both the path as it was given, with its symbolic links, and where it leads.
+void ExpectSafeDirectory(const fs::path& directory) {
+  ExpectSafeWay(directory);
+  if (fs::exists(directory)) ExpectSafeWay(fs::canonical(directory));
+}
+
+void MakeDirectory(const fs::path& directory, mode_t mode) {
+  if (fs::exists(directory)) return;
+  MakeDirectory(directory.parent_path(), S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH);
+  Expect(mkdir(directory.c_str(), S_IRWXU) == 0, "cannot make " + directory.string());
+  Expect(chmod(directory.c_str(), mode) == 0, directory);  // whatever the umask
+  Sync(directory.parent_path());
+}
+
+fs::path DirectoryOf(const std::string& path) {
+  return fs::absolute(path).lexically_normal().parent_path();
+}
+
+// What JsonFileStorage uses is a directory to which it gives this mode. One that has it already,
+// and is ours, was made by it; another one would be changed.
+void PrepareTextDirectory(const fs::path& directory) {
+  constexpr mode_t kMode = S_IWUSR | S_IXUSR;
+  const auto status = StatusOf(directory);
+  if (!status) return MakeDirectory(directory, kMode);
+  if (status->st_uid != geteuid() || (status->st_mode & ALLPERMS) != kMode) {
+    throw std::runtime_error(directory.string() +
+                             " was not made by the text store, which would change its mode; " +
+                             "name a store in a directory that does not exist yet");
+  }
+}
+
+// Without it btrfs writes each page to a new place, for which a full file system has no room.
+// Others do not know it.
+void WriteInPlace(int file) {
+  int flags = 0;
+  if (ioctl(file, FS_IOC_GETFLAGS, &flags) != 0) return;
+  flags |= FS_NOCOW_FL;
+  [[maybe_unused]] const int ignored = ioctl(file, FS_IOC_SETFLAGS, &flags);
+}
+
+// The file gets its name when it is whole. LMDB would take an empty one for a new store.
+void MakeStore(const fs::path& path, const fs::path& directory, const StoreOptions& options) {
+  const OwnedDescriptor file(
+      open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  Expect(file.IsOpen(), "cannot make a file in " + directory.string());
+  const std::string name = "/proc/self/fd/" + std::to_string(file.Get());
+  WriteInPlace(file.Get());
+  {
+    Database database(name, MapBytes(options), Database::Use::kMake);
+    const Tables tables(database, true);
+  }
+  Expect(fsync(file.Get()) == 0, "cannot sync " + path.string());
+  const int linked = linkat(AT_FDCWD, name.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
+  Expect(linked == 0 || errno == EEXIST, "cannot make " + path.string());
+  Sync(directory);
+}
+
+void ExpectOwnFile(const fs::path& path, const struct stat& status) {
+  if (!S_ISREG(status.st_mode)) throw std::runtime_error(path.string() + " is no regular file");
+  if (status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
+  throw std::runtime_error(path.string() + " belongs to, or is open to, others than the daemon's " +
+                           "user; tokens in it may be known: move it away, or name another store");
+}
+
+bool Lock(int file) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (flock(file, LOCK_EX | LOCK_NB) != 0) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
+}
+
+}  // namespace
+
+StoreLock::StoreLock(const StoreOptions& options) {
+  const fs::path directory = DirectoryOf(options.path);
+  const bool text = options.format == StoreFormat::kText;
+  ExpectSafeDirectory(directory);
+  if (text) {
+    PrepareTextDirectory(directory);
+  } else {
+    const bool is_public = directory == options.public_directory;
+    MakeDirectory(directory, is_public ? S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH : S_IRWXU);
+  }
+  ExpectSafeDirectory(directory);
+  if (const auto status = StatusOf(options.path)) ExpectOwnFile(options.path, *status);
+
+  // The text store's own lock is a record lock on the same file, and independent of this one.
+  path = text ? options.path + ".lock" : options.path;
+  if (!text && !StatusOf(path)) MakeStore(path, directory, options);
+  const int create = text ? O_CREAT : 0;
+  file = OwnedDescriptor(
+      open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | create, S_IRUSR | S_IWUSR));
+  Expect(file.IsOpen(), "cannot open " + path);
+  if (!Lock(file.Get())) throw std::runtime_error("another daemon uses the store " + options.path);
+  ExpectSameFile();
+}
+
+void StoreLock::ExpectSameFile() const {
+  struct stat held {};
+  Expect(fstat(file.Get(), &held) == 0, path);
+  const auto found = StatusOf(path);
+  if (found && found->st_dev == held.st_dev && found->st_ino == held.st_ino) return;
+  throw std::runtime_error(path + " was removed or replaced; restart the daemon");
+}

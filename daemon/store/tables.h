@@ -1,0 +1,75 @@
+// The tables of the indexed store, which change together.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "database.h"
+#include "record.h"
+
+/// What a user holds, of one service or of all.
+struct UserTotal {
+  std::uint64_t tokens = 0;
+  std::uint64_t bytes = 0;  ///< of `Footprint`
+};
+
+/// Numbers of a table lie in the file with their first byte first, so that their order is that of
+/// the bytes.
+///
+///   tokens   token -> record
+///   ids      id -> token
+///   users    uid, id -> nothing
+///   usage    uid, name of the service -> UserTotal
+///   meta     "format" -> text, "last id" -> the greatest id that was ever given
+///
+/// Errors are `std::runtime_error`. After one within a write transaction, that can only be aborted.
+class Tables {
+ public:
+  /// Opens the tables, and makes them first when `made`. Throws when this is no store of ours.
+  Tables(Database& database, bool made);
+
+  std::optional<Record> Find(MDB_txn* transaction, std::string_view token) const;
+
+  /// Visits the records with ids greater than `after`, of one user or of all, in the order of their
+  /// ids, until `visit` returns false.
+  using Visitor = std::function<bool(std::string_view token, const Record& record)>;
+  void Visit(MDB_txn* transaction, std::optional<uid_t> user, std::uint64_t after,
+             const Visitor& visit) const;
+
+  /// Visits what users from `first` on hold, until `visit` returns false.
+  using UsageVisitor =
+      std::function<bool(uid_t user, std::string_view service, const UserTotal& total)>;
+  void VisitUsage(MDB_txn* transaction, uid_t first, const UsageVisitor& visit) const;
+  UserTotal TotalOf(MDB_txn* transaction, uid_t user) const;
+
+  std::uint64_t CountTokens(MDB_txn* transaction) const;
+
+  /// The pages that the transaction's data take up.
+  std::uint64_t UsedPages(MDB_txn* transaction) const;
+
+  /// Adds a record under a new id, which it returns.
+  std::uint64_t Add(MDB_txn* transaction, const std::string& token, RecordHeader header,
+                    std::string_view service, std::string_view text) const;
+
+  /// Puts another header and text in the place of a record's.
+  void Replace(MDB_txn* transaction, const std::string& token, const RecordHeader& header,
+               std::string_view text) const;
+
+  void Erase(MDB_txn* transaction, const std::string& token) const;
+
+  /// Goes through everything. Throws what is wrong.
+  void Check(MDB_txn* transaction) const;
+
+ private:
+  void AddUsage(MDB_txn* transaction, std::string_view token, const Record& record,
+                bool added) const;
+  std::uint64_t LastId(MDB_txn* transaction) const;
+
+  MDB_dbi tokens = 0;
+  MDB_dbi ids = 0;
+  MDB_dbi users = 0;
+  MDB_dbi usage = 0;
+  MDB_dbi meta = 0;
+};

@@ -1,0 +1,67 @@
+#include "text_store.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+
+#include "json_member.h"
+#include "json_text.h"
+#include "owned_descriptor.h"
+#include "process.h"
+#include "user_limits.h"
+
+using ZELT::TokenManager::MemberOrNull;
+using ZELT::TokenManager::OwnedDescriptor;
+using ZELT::TokenManager::toString;
+
+namespace {
+
+void EndLastLine(const std::string& path) {
+  const OwnedDescriptor file(open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
+  if (!file.IsOpen()) return;  // there is no store yet, or the next use says what is wrong
+  const off_t size = lseek(file.Get(), 0, SEEK_END);
+  char last = '\n';
+  if (size <= 0 || pread(file.Get(), &last, 1, size - 1) != 1 || last == '\n') return;
+  if (write(file.Get(), "\n", 1) == 1) return;
+  throw std::system_error(errno, std::generic_category(), "cannot end a torn line of the store");
+}
+
+[[noreturn]] void Refuse() { throw std::runtime_error("the text store cannot do this"); }
+
+}  // namespace
+
+TextStore::TextStore(const std::string& path) : storage(path) { EndLastLine(path); }
+
+void TextStore::Begin(const Peer& /*peer*/) { removed.reset(); }
+
+void TextStore::Commit() {
+  if (removed) storage.Remove(*removed);
+  removed.reset();
+}
+
+void TextStore::Rollback() noexcept { removed.reset(); }
+
+void TextStore::Insert(const std::string& token, const Json::Value& data) {
+  ExpectSmallToken(data, toString(data));
+  const Json::Value& pid = MemberOrNull(data, "pid");
+  if (!IdentifyProcess(pid.isInt() ? pid.asInt() : 0)) {
+    throw std::runtime_error("no living process has the number that is to own the token");
+  }
+  if (removed == token) Commit();
+  storage.Insert(token, data);
+}
+
+void TextStore::Remove(const std::string& token) { removed = token; }
+
+Json::Value TextStore::GetAssociatedData(const std::string& token) {
+  return storage.GetAssociatedData(token);
+}
+
+Page TextStore::List(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
+Page TextStore::Drop(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
+Page TextStore::Usage(std::uint64_t /*after*/) { Refuse(); }
+Json::Value TextStore::GetStatistics() { return Json::nullValue; }
+void TextStore::KeepHouse() {}

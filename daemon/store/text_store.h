@@ -1,0 +1,41 @@
+// The store for those who want to read it: a text file, served by a single worker.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "token_store.h"
+#include "zelttokenmanager/storage/json_file_storage.h"
+
+/// A `JsonFileStorage` as the daemon uses it.
+///
+/// Changes are not transactions. A removal is put off until `Commit`, or until the same token is
+/// inserted again: a worker killed in between, or a disk that fills up there, loses the token.
+/// Owners are numbers of processes. What an administrator may ask is refused.
+class TextStore : public TokenStore {
+ public:
+  /// Ends a last line that a killed worker has left torn: the next record would become a part of
+  /// it. Throws what `JsonFileStorage` throws.
+  explicit TextStore(const std::string& path);
+
+  void Begin(const Peer& peer) override;
+  void Commit() override;
+  void Rollback() noexcept override;
+
+  /// There are no ids.
+  std::uint64_t ChangedId() const override { return 0; }
+
+  void Insert(const std::string& token, const Json::Value& data) override;
+  void Remove(const std::string& token) override;
+  Json::Value GetAssociatedData(const std::string& token) override;
+
+  Page List(const TokenFilter& filter, std::uint64_t after) override;
+  Page Drop(const TokenFilter& filter, std::uint64_t after) override;
+  Page Usage(std::uint64_t after) override;
+  Json::Value GetStatistics() override;
+  void KeepHouse() override;
+
+ private:
+  ZELT::TokenManager::JsonFileStorage storage;
+  std::optional<std::string> removed;
+};

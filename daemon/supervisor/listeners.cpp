@@ -1,0 +1,54 @@
+#include "listeners.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "daemon_socket.h"
+#include "listening_socket.h"
+#include "log.h"
+
+using ZELT::TokenManager::kSecondSocketPath;
+using ZELT::TokenManager::kSocketPath;
+
+namespace {
+
+void Add(Listeners& listeners, const Listener& listener, const std::string& name) {
+  listeners.sockets.push_back(listener);
+  listeners.names += (listeners.names.empty() ? "" : " and ") + name;
+}
+
+void AddSecond(Listeners& listeners, int backlog) {
+  const std::string directory = std::filesystem::path(kSecondSocketPath).parent_path();
+  const mode_t mask = umask(S_IWGRP | S_IWOTH);
+  mkdir(directory.c_str(), 0755);  // it may be there, or not be this user's to make
+  umask(mask);
+  try {
+    Add(listeners, {.fd = ListenAt(kSecondSocketPath, backlog)}, kSecondSocketPath);
+  } catch (const std::runtime_error& error) {
+    Log(LOG_WARNING, "%s; programs with a /tmp of their own cannot reach the daemon", error.what());
+  }
+}
+
+}  // namespace
+
+Listeners OpenListeners(int backlog) {
+  Listeners listeners;
+  for (const int socket : InheritedSockets()) {
+    Add(listeners, {.fd = socket, .inherited = true}, AddressOf(socket));
+  }
+  if (!listeners.sockets.empty()) return listeners;
+  Add(listeners, {.fd = ListenAt(kSocketPath, backlog)}, kSocketPath);
+  AddSecond(listeners, backlog);
+  return listeners;
+}
+
+// Linux still hands out the connections that were made before.
+void StopListening(const Listeners& listeners) {
+  for (const Listener& listener : listeners.sockets) {
+    if (!listener.inherited) shutdown(listener.fd, SHUT_RDWR);
+  }
+}

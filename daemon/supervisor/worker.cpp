@@ -1,0 +1,44 @@
+#include "worker.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <exception>
+#include <string>
+
+#include "log.h"
+#include "open_store.h"
+#include "request_handler.h"
+#include "server.h"
+
+namespace {
+
+// If it hangs, no client is to blame.
+void KeepHouse(RequestHandler& handler, WorkerSlot& slot) {
+  slot.type = RequestType::kOther;
+  slot.client_process = getpid();
+  slot.client_user = geteuid();
+  try {
+    handler.OnIdle();
+  } catch (const std::exception& error) {
+    Log(LOG_WARNING, "cannot keep house: %s", error.what());
+  }
+  slot.activity = Activity::kIdle;
+}
+
+}  // namespace
+
+void Work(const WorkerContext& context, WorkerSlot& slot) {
+  const Options& options = context.options;
+  const OpenedStore opened = OpenStore(options.store, context.store_lock, slot);
+  RequestHandler handler(*opened.store, context.board, slot,
+                         {.installed_config = options.installed_config,
+                          .version = ZELT_VERSION,
+                          .audit = options.audit},
+                         opened.cache);
+  Server server(context.listeners, options.limits, slot);
+  server.OnIdle([&] { KeepHouse(handler, slot); });
+  server.Serve([&handler](const Peer& peer, const std::string& request) {
+    return handler.Answer(peer, request);
+  });
+}

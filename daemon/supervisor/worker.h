@@ -1,0 +1,21 @@
+// What a worker does.
+#pragma once
+
+#include <vector>
+
+#include "backlog.h"
+#include "board.h"
+#include "options.h"
+#include "store_file.h"
+
+/// What workers inherit from the supervisor. Nothing of it changes.
+struct WorkerContext {
+  const Options& options;
+  const std::vector<Listener>& listeners;
+  const StoreLock& store_lock;
+  const Board& board;
+};
+
+/// Opens the store and answers requests until SIGTERM, which has to be blocked. Throws what opening
+/// the store throws.
+void Work(const WorkerContext& context, WorkerSlot& slot);

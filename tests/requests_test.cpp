@@ -1,0 +1,506 @@
+// Requests as a worker answers them, and --check.
+#include <sys/stat.h>
+
+#include <ctime>
+#include <sstream>
+
+#include "check.h"
+#include "indexed_store.h"
+#include "log.h"
+#include "printing.h"
+#include "request_handler.h"
+#include "store_file.h"
+#include "support/testing.h"
+
+namespace ZELT::RequestsTests {
+
+const std::string kInstalled = "/var/installed";
+const std::string kProcess = std::to_string(getpid());
+constexpr uid_t kAlice = 4001;
+constexpr uid_t kBob = 4002;
+constexpr uid_t kAny = 4003;
+constexpr uid_t kCarol = 4004;
+
+void WritePrivilege(const std::string& package, const std::string& text) {
+  WriteFile("/var/packages/" + package + "/conf/privilege", Requoted(text));
+}
+void WriteInstalled(const std::string& package, const std::string& text) {
+  WriteFile(kInstalled + "/" + package, Requoted(text));
+}
+
+Peer From(uid_t user, pid_t process = getpid()) {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return {.credential = {.pid = process, .uid = user, .gid = 0},
+          .accepted = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec)};
+}
+
+// A worker of a daemon. Its store fails to commit while it is full.
+struct Worker {
+  struct Store : IndexedStore {
+    using IndexedStore::IndexedStore;
+    void Commit() override {
+      if (full) throw std::runtime_error("the store is full");
+      IndexedStore::Commit();
+    }
+    void KeepHouse() override { ++kept; }
+    bool full = false;
+    int kept = 0;
+  };
+
+  explicit Worker(bool audit = false, std::size_t slot = 0)
+      : store(options, board.slots.at(slot)),
+        handler(store, board, board.slots.at(slot), {kInstalled, "9.8", audit}) {}
+
+  std::string Ask(const Peer& peer, const std::string& request) {
+    return Requoted(handler.Answer(peer, Requoted(request)));
+  }
+  std::string AskFor(const std::string& type, const std::string& token,
+                     const std::string& payload = "null") {
+    return Ask(From(kAlice), "{'type':'" + type + "','service':'fastapi','token':'" + token +
+                                 "','payload':" + payload + "}");
+  }
+  std::string Issue(const Peer& peer = From(kAlice)) {
+    return Value(Ask(peer,
+                     "{'type':'issue','service':'fastapi',"
+                     "'payload':[{'api':'A','method':'m'}]}"))["token"]
+        .asString();
+  }
+  std::string Validate(const std::string& token) {
+    return AskFor("validate", token, "{'api':'A','method':'m','runner':'bob'}");
+  }
+
+  const StoreOptions options{.path = "/var/store/tokens.mdb"};
+  const StoreLock lock{options};
+  Board board;
+  Store store;
+  RequestHandler handler;
+};
+
+// On a machine whose packages "notes" of alice and "mail" of bob are granted the same, and "any"
+// nothing. What is logged goes to standard error.
+struct WorkerTest : PrivateFiles {
+  void SetUp() override {
+    PrivateFiles::SetUp();
+    if (IsSkipped()) return;
+    WritePrivilege("notes", "{'username':'alice'}");
+    WritePrivilege("mail", "{'username':'bob'}");
+    WritePrivilege("any", "{}");
+    for (const char* package : {"notes", "mail"}) {
+      WriteInstalled(package, "{'fastapi':[{'api':'A','method':'m','runner':'any'}]}");
+    }
+    OpenLog(true);
+    testing::internal::CaptureStderr();
+  }
+  void TearDown() override {
+    if (!IsSkipped()) TakeLog();
+  }
+  // The lines since the last call, less the program's name and process.
+  static std::string TakeLog() {
+    const std::string log = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    return Requoted(std::regex_replace(log, std::regex("zelttokenmgrd\\[\\d+\\]: "), ""));
+  }
+};
+
+constexpr const char* kRefused = "{'success':false}";
+constexpr const char* kDone = "{'success':true}";
+constexpr const char* kPermitted = "{'permitted':true,'success':true}";
+
+std::string Repeated(const std::string& text, int times) {
+  std::string repeated;
+  for (int i = 0; i < times; ++i) repeated += text;
+  return repeated;
+}
+
+TEST_F(WorkerTest, SaysWhyItRefuses) {
+  Worker worker;
+  const std::string token = worker.Issue();
+  const std::string issue = "{'type':'issue','service':'fastapi','payload':[]}";
+  const std::string fast = "type='issue' service='fastapi'";
+  const struct {
+    Peer peer;
+    std::string request;
+    std::string log;  // a PID between the two parts
+    std::string reason;
+  } rows[] = {
+      {From(kAlice), "", "type=none service=none", "uid=4001 reason='not a JSON object'"},
+      {From(kAlice), "[1]", "type=none service=none", "uid=4001 reason='not a JSON object'"},
+      {From(kAlice), std::string(10001, '['), "type=none service=none",
+       "uid=4001 reason='too many values'"},
+      {From(kAlice), "{'type':['issue']}", "type=none service=none",
+       "uid=4001 reason='unknown type of request'"},
+      {From(kAlice), "{'type':'is\\nsue\\u0000','service':'" + Repeated("a ", 200) + "'}",
+       "type='is\\u000asue\\u0000' service='" + Repeated("a ", 128) + "'",
+       "uid=4001 reason='unknown type of request'"},
+      {From(kAlice), "{'type':'revoke','service':'" + token + "','token':'" + token + "'}",
+       "type='revoke' service='...'", "uid=4001 reason='token_manager.cpp:153 unmatched service'"},
+      {From(kAlice), "{'type':'validate','service':'fastapi','token':'" + token + "x y'}",
+       "type='validate' service='fastapi'",
+       "uid=4001 reason='no token holds a space, a newline or a NUL byte'"},
+      {From(kAlice), "{'type':'validate','token':'" + std::string(65, 'x') + "'}",
+       "type='validate' service=none", "uid=4001 reason='the token is too long'"},
+      {From(kBob, 0), issue, fast, "uid=4002 reason='the peer\"s process has no id here'"},
+      {From(kBob, 0), "{'type':'revoke'}", "type='revoke' service=none",
+       "uid=4002 reason='the peer\"s process has no id here'"},
+      {From(kBob, 0), "{'type':'transfer'}", "type='transfer' service=none",
+       "uid=4002 reason='the peer\"s process has no id here'"},
+      {From(kAny), issue, fast,
+       "uid=4003 reason='token_manager.cpp:260 failed to get installed config' "
+       "cause='/var/installed/any: No such file or directory'"},
+      {From(kCarol), issue, fast,
+       "uid=4004 reason='token_manager.cpp:66 failed to get package name from uid' "
+       "cause='no package in /var/packages runs as \\'carol\\''"},
+  };
+  TakeLog();
+  for (const auto& [peer, request, log, reason] : rows) {
+    EXPECT_EQ(worker.Ask(peer, request), kRefused) << request;
+    EXPECT_EQ(TakeLog(), "refused " + log + " pid=" + std::to_string(peer.credential.pid) + " " +
+                             reason + "\n");
+  }
+  EXPECT_EQ(worker.AskFor("validate", token), "{'permitted':null,'success':false}");
+  EXPECT_EQ(worker.Validate(token), kPermitted);
+  fs::remove_all("/var/packages");
+  EXPECT_EQ(worker.Issue(), "");
+  EXPECT_NE(TakeLog().find("reason='/var/packages: No such file or directory'\n"),
+            std::string::npos);
+}
+
+TEST_F(WorkerTest, TakesATokenThroughItsLifeAndNotesIt) {
+  const pid_t heir = Start([] { return pause(); });
+  Worker worker(true);
+  const std::string token = worker.Issue();
+  EXPECT_EQ(worker.Ask(From(65534, 0), "{'type':'validate','service':'fastapi','token':'" + token +
+                                           "','payload':{'api':'A','method':'m','runner':'x'}}"),
+            kPermitted);
+  EXPECT_EQ(worker.AskFor("transfer", token, std::to_string(heir)), kDone);
+  EXPECT_EQ(worker.AskFor("revoke", token), kRefused);
+  EXPECT_EQ(worker.AskFor("revoke", worker.Issue()), kDone);
+  EXPECT_EQ(worker.Ask(From(0), "{'type':'drop','user':'alice'}"), "{'dropped':1,'success':true}");
+  EXPECT_EQ(worker.Validate(token), kRefused);
+  const std::string by_alice = " service='fastapi' pid=" + kProcess + " uid=4001";
+  const std::string heir_id = std::to_string(heir);
+  const std::string log = std::regex_replace(TakeLog(), std::regex("refused .*\n"), "");
+  EXPECT_EQ(log, "audit issue id=1" + by_alice + "\naudit transfer id=1" + by_alice +
+                     " to=" + heir_id + "\naudit issue id=2" + by_alice + "\naudit revoke id=2" +
+                     by_alice + "\naudit drop id=1 service='fastapi' pid=" + kProcess +
+                     " uid=0 requester=alice\n");
+  kill(heir, SIGKILL);
+  Finish(heir);
+}
+
+TEST_F(WorkerTest, DoesNothingWhenTheChangeDoesNotLast) {
+  Worker worker;
+  const std::string token = worker.Issue();
+  TakeLog();
+  worker.store.full = true;
+  EXPECT_EQ(worker.Ask(From(kBob), "{'type':'issue','service':'fastapi','payload':[]}"), kRefused);
+  EXPECT_EQ(worker.AskFor("revoke", token), kRefused);
+  EXPECT_EQ(worker.AskFor("transfer", token, kProcess), kRefused);
+  worker.store.full = false;
+  EXPECT_EQ(worker.Validate(token), kPermitted);
+  EXPECT_EQ(worker.AskFor("revoke", token), kDone);
+}
+
+// Another worker has begun a change and does not go on with it.
+TEST_F(WorkerTest, WaitsForOthersOnlyToUseTheStore) {
+  Worker().Issue();
+  const pid_t other = Start([] {
+    Worker stopped;
+    const Change change(stopped.store, From(0));
+    WriteFile("/tmp/begun", "");
+    return pause();
+  });
+  ASSERT_TRUE(Eventually([] { return fs::exists("/tmp/begun"); }));
+  Worker worker;
+  EXPECT_EQ(worker.Issue(From(kCarol)), "");
+  EXPECT_EQ(worker.AskFor("transfer", "x", "'x'"), kRefused);
+  EXPECT_EQ(worker.Validate("x"), kRefused);
+  kill(other, SIGKILL);
+  Finish(other);
+  EXPECT_NE(worker.Issue(), "");
+}
+
+std::string Ids(const Json::Value& answer) {
+  std::string ids;
+  for (const Json::Value& token : answer["tokens"]) ids += token["id"].asString() + " ";
+  return ids;
+}
+
+// Asks again until the last page, and returns the answers.
+std::vector<Json::Value> AllPages(Worker& worker, const std::string& request) {
+  std::vector<Json::Value> pages;
+  Json::Value asked = Value(request);
+  do {
+    pages.push_back(Value(worker.Ask(From(0), Text(asked))));
+    EXPECT_EQ(pages.back()["success"], true) << request;
+    asked["after"] = pages.back()["next"];
+  } while (pages.back().isMember("next"));
+  return pages;
+}
+
+TEST_F(WorkerTest, LetsAnAdministratorLookAfterTokens) {
+  const pid_t ended = Start([] { return pause(); });
+  Worker worker;
+  worker.Issue(From(kAlice, ended));
+  const std::string token = worker.Issue();
+  worker.Issue(From(kBob));
+  kill(ended, SIGKILL);
+  Finish(ended);
+  const struct {
+    const char* conditions;
+    const char* ids;
+  } rows[] = {
+      {"'x':1", "1 2 3 "},
+      {"'user':'alice'", "1 2 "},
+      {"'user':'4002'", "3 "},
+      {"'user':'77'", ""},
+      {"'service':'fastapi'", "1 2 3 "},
+      {"'service':'x'", ""},
+      {"'orphans':true", "1 "},
+      {"'orphans':false", "1 2 3 "},
+      {"'after':1", "2 3 "},
+      {"'user':'bob','orphans':true", ""},
+  };
+  for (const auto& [conditions, ids] : rows) {
+    const std::string answer =
+        worker.Ask(From(0), "{'type':'list'," + std::string(conditions) + "}");
+    EXPECT_EQ(Ids(Value(answer)), ids) << conditions;
+    EXPECT_EQ(answer.find(token), std::string::npos);
+  }
+  const struct {
+    uid_t user;
+    const char* request;
+    const char* reason;
+  } refused[] = {
+      {kBob, "{'type':'list'}", "only root and the daemon\"s user may ask for this"},
+      {kBob, "{'type':'drop','all':true}", "only root and the daemon\"s user may ask for this"},
+      {kBob, "{'type':'status'}", "only root and the daemon\"s user may ask for this"},
+      {0, "{'type':'drop'}", "no condition and no \\'all\\'"},
+      {0, "{'type':'drop','orphans':false,'all':false}", "no condition and no \\'all\\'"},
+      {0, "{'type':'drop','ids':[]}", "\\'ids\\' is empty"},
+      {0, "{'type':'drop','ids':[-1]}", "an element of \\'ids\\' is not an id"},
+      {0, "{'type':'drop','ids':1}", "\\'ids\\' is not an array"},
+      {0, "{'type':'drop','service':''}", "\\'service\\' is empty"},
+      {0, "{'type':'list','user':'dave'}", "there is no user \\'dave\\'"},
+      {0, "{'type':'list','user':'1x'}", "there is no user \\'1x\\'"},
+      {0, "{'type':'list','user':null}", "\\'user\\' is not a string"},
+      {0, "{'type':'list','orphans':1}", "\\'orphans\\' is not a boolean"},
+      {0, "{'type':'status','after':-1}", "\\'after\\' is not an id"},
+  };
+  for (const auto& [user, request, reason] : refused) {
+    TakeLog();
+    EXPECT_EQ(worker.Ask(From(user), request), kRefused) << request;
+    EXPECT_NE(TakeLog().find(std::string("reason='") + reason + "'\n"), std::string::npos)
+        << reason;
+  }
+  for (const char* drop : {"'ids':[2,9]", "'orphans':true,'user':'alice'", "'all':true"}) {
+    EXPECT_EQ(worker.Ask(From(0), "{'type':'drop'," + std::string(drop) + "}"),
+              "{'dropped':1,'success':true}");
+  }
+}
+
+TEST_F(WorkerTest, AnswersInPages) {
+  Worker worker;
+  constexpr unsigned int kTokens = 2500;
+  for (unsigned int i = 0; i < kTokens; ++i) worker.Issue(From(i % 2 == 0 ? kAlice : kBob));
+  std::set<std::string> ids;
+  std::size_t pages = 0;
+  for (const Json::Value& page : AllPages(worker, "{'type':'list'}")) {
+    ++pages;
+    for (const Json::Value& token : page["tokens"]) ids.insert(token["id"].asString());
+  }
+  EXPECT_EQ(ids.size(), kTokens);
+  EXPECT_GT(pages, 1U);
+  unsigned int dropped = 0;
+  for (const Json::Value& page : AllPages(worker, "{'type':'drop','user':'bob'}")) {
+    dropped += page["dropped"].asUInt();
+  }
+  EXPECT_EQ(dropped, kTokens / 2);
+  EXPECT_EQ(Value(worker.Ask(From(0), "{'type':'status'}"))["store"]["tokens"], kTokens / 2);
+}
+
+TEST_F(WorkerTest, CountsWhatWorkersDo) {
+  Worker worker;
+  worker.board.slots[0].pid = worker.board.slots[3].pid = 1;
+  worker.board.slots[3].refused[7] = 40;
+  worker.board.deaths = 5;
+  worker.Issue();
+  worker.Issue(From(kBob));
+  worker.Issue(From(kCarol));
+  worker.Validate("x");
+  worker.Ask(From(kBob), "");
+  Json::Value status = Value(worker.Ask(From(0), "{'type':'status'}"));
+  EXPECT_EQ(worker.board.slots[0].client_user, 0U);
+  EXPECT_EQ(worker.board.slots[0].client_process, getpid());
+  EXPECT_EQ(worker.board.slots[0].type, RequestType::kStatus);
+  EXPECT_EQ(worker.board.slots[0].activity, Activity::kIdle);
+  Json::UInt64 timed = 0;
+  for (const Json::Value& count : status["service_times"]["counts"]) timed += count.asUInt64();
+  EXPECT_EQ(timed, 5U);
+  EXPECT_EQ(status["service_times"]["bounds_us"][18], 1 << 18);
+  EXPECT_GT(status["uptime"].asInt64(), 0);
+  EXPECT_EQ(Text(status["requests"]["issue"]), "{'done':2,'refused':1}");
+  EXPECT_EQ(Text(status["requests"]["validate"]), "{'done':0,'refused':1}");
+  EXPECT_EQ(Text(status["requests"]["other"]), "{'done':0,'refused':41}");
+  EXPECT_EQ(Text(status["workers"]), "{'deaths':5,'running':2}");
+  EXPECT_EQ(status["version"], "9.8");
+  for (Json::Value& row : status["usage"]) EXPECT_TRUE(row.removeMember("bytes"));
+  EXPECT_EQ(Text(status["usage"]),
+            "[{'service':'fastapi','tokens':1,'uid':4001,'user':'alice'},"
+            "{'service':'fastapi','tokens':1,'uid':4002,'user':'bob'}]");
+}
+
+TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
+  fs::permissions(kInstalled + "/mail", fs::perms::others_write, fs::perm_options::add);
+  std::string log = "/var/installed/mail: it may be written by everybody\n";
+  WriteInstalled("mine", "{}");
+  fs::permissions(kInstalled + "/mine", fs::perms::group_write, fs::perm_options::add);
+  if (chown("/var/installed/notes", kAlice, 0) == 0) {  // not in a user namespace of one user
+    WriteInstalled("staffed", "{}");
+    fs::permissions(kInstalled + "/staffed", fs::perms::group_write, fs::perm_options::add);
+    Check(chown("/var/installed/staffed", 0, 4101), "chown");
+    log +=
+        "/var/installed/notes: it may be written by user 'alice'\n"
+        "/var/installed/staffed: it may be written by group 'staff'\n";
+  }
+  for (const std::size_t slot : {0U, 1U}) {
+    Worker worker(false, slot);
+    for (int turn = 0; turn < 100; ++turn) worker.handler.OnIdle();
+    EXPECT_EQ(worker.store.kept, slot == 0 ? 100 : 0);
+    EXPECT_EQ(TakeLog(), slot == 0 ? log : "");
+  }
+}
+
+std::string Checked() {
+  std::ostringstream findings;
+  const int exit_code = CheckFiles(kInstalled, findings);
+  return Requoted(findings.str()) + "exit " + std::to_string(exit_code);
+}
+
+std::string Issued(const std::string& user, const std::string& service, const char* payload) {
+  std::ostringstream output;
+  const int exit_code = CheckIssue(kInstalled, user, service, Requoted(payload), output);
+  return Requoted(output.str()) + "exit " + std::to_string(exit_code);
+}
+
+struct CheckTest : PrivateFiles {};
+
+TEST_F(CheckTest, FindsNothingWrongWithWhatServes) {
+  WritePrivilege("notes", "{'username':'alice','other':[]}");
+  WritePrivilege("mail", "{}");
+  WriteInstalled("notes",
+                 "{'fastapi':[{'api':'A','method':'m'},{'api':'A','method':'n','runner':['bob']}],"
+                 "'taskmanager':[{'prefix':'p','owner':'any'}]}");
+  WriteInstalled("mail", "{'fastapi':[]}");
+  EXPECT_EQ(Checked(), "exit 0");
+}
+
+TEST_F(CheckTest, NamesEachFile) {
+  WritePrivilege("a", "{'username':'alice'}");
+  WritePrivilege("a.old", "{'username':'bob'}");
+  WritePrivilege("b", "{'username':'alice'}");
+  WritePrivilege("c", "[]");
+  WritePrivilege("d", "{,");
+  WritePrivilege("e", "{'username':'e'}" + std::string(64 << 10, ' '));
+  WritePrivilege("f", "{'username':['f']}");
+  fs::create_directories("/var/packages/g/conf/privilege");
+  WriteInstalled("a", "{'fastapi':{},'fastAPI':[],'taskmanager':[{'prefix':'p','owner':5},5]}");
+  WriteInstalled("b",
+                 "{'fastapi':[{'api':'A','method':'m'},{'api':'A'},"
+                 "{'api':'A','method':'m','runner':['bob',{}]}]}");
+  WriteInstalled("c", "'text'");
+  WriteInstalled("d", "{'fastapi':[],}");
+  WriteInstalled("e", "{}" + std::string(4 << 20, ' '));
+  fs::create_symlink("f", kInstalled + "/f");
+  for (const char* open_to_all :
+       {"/var/packages", "/var/packages/b", "/var/packages/c/conf",
+        "/var/packages/d/conf/privilege", "/var/installed", "/var/installed/a"}) {
+    fs::permissions(open_to_all, fs::perms::others_write, fs::perm_options::add);
+  }
+  EXPECT_EQ(Checked(), R"(/var/packages: it may be written by everybody
+/var/packages/a.old: package 'a' is claimed by /var/packages/a too
+/var/packages/b: it may be written by everybody
+/var/packages/b: user 'alice' is claimed by /var/packages/a too
+/var/packages/c/conf: it may be written by everybody
+/var/packages/c/conf/privilege: not a JSON object
+/var/packages/d/conf/privilege: it may be written by everybody
+/var/packages/d/conf/privilege: not JSON
+/var/packages/e/conf/privilege: larger than 64 KiB
+/var/packages/f/conf/privilege: 'username' does not name a user
+/var/packages/g/conf/privilege: not a regular file
+/var/installed: it may be written by everybody
+/var/installed/a: it may be written by everybody
+/var/installed/a: there is no service 'fastAPI'
+/var/installed/a: fastapi: service/fastapi.cpp:23 invalid type, Array expected
+/var/installed/a: taskmanager[0]: 'owner': utils.cpp:190 invalid type of permitted list
+/var/installed/a: taskmanager[1]: service/taskmanager.cpp:38 invalid type of 'prefix', String expected
+/var/installed/b: fastapi[1]: service/fastapi.cpp:35 invalid type of 'method', String expected
+/var/installed/b: fastapi[2]: 'runner': utils.cpp:170 invalid type, String expected
+/var/installed/c: not a JSON object
+/var/installed/d: not JSON
+/var/installed/e: larger than 4096 KiB
+/var/installed/f: Too many levels of symbolic links
+exit 1)");
+}
+
+TEST_F(CheckTest, SaysWhatAUserWouldBeGranted) {
+  WritePrivilege("notes", "{'username':'alice'}");
+  WriteInstalled("notes", "{'fastapi':[{'api':'A','method':'m','note':1}]}");
+  WritePrivilege("any", "[]");
+  const struct {
+    const char* user;
+    const char* service;
+    const char* payload;
+    const char* output;
+  } rows[] = {
+      {"alice", "fastapi", "[{'api':'A','method':'m'}]",
+       "[{'api':'A','method':'m','note':1}]\nexit 0"},
+      {"4001", "fastapi", "[{'api':'A','method':'x'}]",
+       "service/fastapi.cpp:47 api=A method=x is not on the permitted list\nexit 1"},
+      {"alice", "printing", "[]", "token_manager.cpp:249 invalid service\nexit 1"},
+      {"bob", "fastapi", "[]",
+       "token_manager.cpp:66 failed to get package name from uid (no package in /var/packages runs "
+       "as 'bob'; /var/packages/any/conf/privilege: not a JSON object)\nexit 1"},
+      {"any", "fastapi", "[]",
+       "token_manager.cpp:260 failed to get installed config (/var/installed/any: No such file or "
+       "directory)\nexit 1"},
+      {"dave", "fastapi", "[]", "there is no user 'dave'\nexit 1"},
+      {"alice", "fastapi", "[1,]", "the payload is not JSON\nexit 64"},
+  };
+  for (const auto& [user, service, payload, output] : rows) {
+    EXPECT_EQ(Issued(user, service, payload), output);
+  }
+  fs::remove_all("/var/packages");
+  const std::string missing = "/var/packages: No such file or directory\n";
+  EXPECT_EQ(Issued("alice", "fastapi", "[]"), missing + "exit 1");
+  EXPECT_EQ(Checked(), missing + "exit 1");
+}
+
+// The example in the documentation.
+TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
+  const auto issue = [](const Json::Value& payload, const Json::Value& privilege) {
+    Json::Value request;
+    request["payload"] = payload;
+    return TokenManager::Printing().Issue(request, privilege);
+  };
+  const auto validate = [](const Json::Value& payload, const Json::Value& grant) {
+    Json::Value request;
+    Json::Value data = Value("{'requester':'@r'}");
+    request["payload"] = payload;
+    data["payload"] = grant;
+    return TokenManager::Printing().Validate(request, data);
+  };
+  const char* grants = "[{'printer':'laser','user':['bob']},{'printer':'plotter'}]";
+  CheckRows("", issue,
+            {{"5", grants, "printing: invalid type of 'payload', String expected"},
+             {"'laser'", "{}", "printing: invalid type, Array expected"},
+             {"'inkjet'", grants, "printing: inkjet is not granted"},
+             {"'plotter'", grants, "{'printer':'plotter'}"}});
+  CheckRows("", validate,
+            {{"'@r'", "{'printer':'plotter'}", "true"},
+             {"'@s'", "{'printer':'plotter'}", "false"},
+             {"'@s'", "{'printer':'laser','user':['@s']}", "true"}});
+}
+
+}  // namespace ZELT::RequestsTests
