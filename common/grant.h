@@ -15,7 +15,7 @@ namespace ZELT::TokenManager {
 /// grant without the list admits only the requester in the token's associated `data`.
 inline bool IsAdmitted(std::string_view identity, const Json::Value& grant,
                        std::string_view list_name, const Json::Value& data) {
-  static const Json::Value requester_only("requester");
+  const Json::Value requester_only(Json::StaticString("requester"));
   const Json::Value* list = grant.find(list_name.data(), list_name.data() + list_name.size());
   return IsIdentityInPermittedList(std::string(identity), list != nullptr ? *list : requester_only,
                                    TextOf(MemberOrNull(data, "requester")));

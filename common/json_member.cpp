@@ -11,14 +11,6 @@ void ExpectMember(bool of_type, std::string_view name, const char* type, const c
                            type + " expected");
 }
 
-// The text of a string value; asString would copy it.
-std::string_view View(const Json::Value& value) {
-  const char* begin = nullptr;
-  const char* end = nullptr;
-  value.getString(&begin, &end);
-  return {begin, end};
-}
-
 void Expect(bool of_type, const char* type, const char* where) {
   if (of_type) return;
   throw std::runtime_error(std::string(where) + " invalid type, " + type + " expected");
@@ -29,7 +21,7 @@ void Expect(bool of_type, const char* type, const char* where) {
 std::string_view StringMember(const Json::Value& object, std::string_view name, const char* where) {
   const Json::Value& member = MemberOrNull(object, name);
   ExpectMember(member.isString(), name, "String", where);
-  return View(member);
+  return StringView(member);
 }
 
 int IntMember(const Json::Value& object, std::string_view name, const char* where) {
@@ -58,7 +50,7 @@ void ExpectArray(const Json::Value& value, const char* where) {
 
 std::string_view ExpectString(const Json::Value& value, const char* where) {
   Expect(value.isString(), "String", where);
-  return View(value);
+  return StringView(value);
 }
 
 const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name) {
@@ -66,6 +58,13 @@ const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name
   const Json::Value* member =
       object.isObject() ? object.find(name.data(), name.data() + name.size()) : nullptr;
   return member != nullptr ? *member : Json::Value::nullSingleton();
+}
+
+std::string_view StringView(const Json::Value& string) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  string.getString(&begin, &end);
+  return {begin, end};
 }
 
 std::string TextOf(const Json::Value& value) {

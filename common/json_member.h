@@ -28,6 +28,9 @@ std::string_view ExpectString(const Json::Value& value, const char* where);
 /// Returns the member `name`, or null when `object` is no object or lacks it.
 const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name);
 
+/// Returns the text of a string value; asString would copy it.
+std::string_view StringView(const Json::Value& string);
+
 // Conversions that never throw: what does not convert reads as the empty string or false.
 std::string TextOf(const Json::Value& value);
 bool TruthOf(const Json::Value& value);

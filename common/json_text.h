@@ -1,23 +1,33 @@
-// JSON values as text. One constant configuration serves the whole system.
+// JSON values as text: what is written is exactly what can be read again.
 #pragma once
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <string>
 
 namespace ZELT::TokenManager {
 
+/// Arrays and objects inside each other. Enough for any document that makes sense; jsoncpp walks,
+/// copies and frees a value by recursion, so that the depth costs stack.
+constexpr int kMaxJsonDepth = 1000;
+
+/// Bounds what a file that somebody else may write can make this process hold in memory.
+constexpr std::size_t kMaxFileBytes = 4U << 20;
+
 /// Returns `value` as one line without a newline; characters outside ASCII stand as they are.
+/// Throws `std::runtime_error` for what could not be read again: nesting deeper than
+/// `kMaxJsonDepth`, numbers that are not finite, and text that is not UTF-8.
 std::string toString(const Json::Value& value);
 
-/// Parses `text`, which may have any type at its root. Returns false, leaving `value` as it was,
-/// for anything that is not exactly one JSON value: comments, trailing commas, trailing text,
-/// duplicate keys, NUL bytes and nesting deeper than 1000 levels included. Never throws for what
+/// Parses `text`, one JSON value (RFC 8259) of any type in UTF-8. Returns false, leaving `value` as
+/// it was, for anything else: duplicate names, nesting deeper than `kMaxJsonDepth` and numbers too
+/// large for a double included. Integers beyond 64 bits are read as doubles. Never throws for what
 /// the text holds.
 bool fromString(const std::string& text, Json::Value& value);
 
-/// Parses the regular file at `path`, of at most 4 MiB, as `fromString` does. Returns false also
-/// when there is no such file or it cannot be read. Never waits, whatever stands at `path`.
-bool fromFile(const std::string& path, Json::Value& value);
+/// Parses the regular file at `path`, of at most `max_bytes`, as `fromString` does. Returns false
+/// also when there is no such file or it cannot be read. Never waits, whatever stands at `path`.
+bool fromFile(const std::string& path, Json::Value& value, std::size_t max_bytes = kMaxFileBytes);
 
 }  // namespace ZELT::TokenManager

@@ -48,9 +48,8 @@ CLI::Option* AddDuration(CLI::App& app, const std::string& name, std::uint64_t& 
 }
 
 void DescribeStore(CLI::App& app, Options& options, Texts& texts) {
-  app.add_option(
-         "--store", options.store,
-         std::string("File that keeps the tokens [") + kIndexedStore + " or " + kTextStore + "]")
+  app.add_option("--store", texts.store, "File that keeps the tokens")
+      ->default_str(std::string(kIndexedStore) + " or " + kTextStore)
       ->type_name("FILE");
   app.add_option("--store-format", texts.store_format, "\"text\" for a store that people read")
       ->check(CLI::IsMember({"indexed", "text"}))

@@ -12,14 +12,13 @@
 
 #include "json_member.h"
 #include "json_text.h"
+#include "packages.h"
 #include "token_shape.h"
 #include "zeltrandom/random.h"
 #include "zeltsystem/user.h"
 
 namespace ZELT::TokenManager {
 namespace {
-
-constexpr const char* kPackages = "/var/packages";
 
 std::string UserName(uid_t uid) {
   ZELTUser* found = nullptr;
@@ -29,11 +28,11 @@ std::string UserName(uid_t uid) {
   return user->name;
 }
 
-// The user under whom the package in `directory` runs. A privilege file that is missing, cannot be
-// read or names nobody leaves the package running under its own name.
+// The user under whom the package in `directory` runs. A privilege file that is missing, too large,
+// cannot be read or names nobody leaves the package running under its own name.
 std::string PackageUser(const boost::filesystem::path& directory, const std::string& package) {
   Json::Value privilege;
-  fromFile((directory / "conf" / "privilege").native(), privilege);
+  fromFile((directory / kPrivilegeFile).native(), privilege, kMaxPrivilegeBytes);
   std::string username = TextOf(MemberOrNull(privilege, "username"));
   return username.empty() ? package : username;
 }

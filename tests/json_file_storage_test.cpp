@@ -26,6 +26,19 @@ TEST_F(JsonFileStorageTest, MakesTheDirectoryAndTheLockFile) {
   EXPECT_EQ(ReadFile(kStore), "abc {\"a\":\"line\\nbreak\"}\nabc 2\n");
 }
 
+TEST_F(JsonFileStorageTest, NeedsNoDirectoryAndNoAccessToALockFileThatExists) {
+  fs::current_path("/tmp");
+  for (const auto& [path, mode] : {std::pair{"plain", 0755}, {"./dotted", 0300}}) {
+    JsonFileStorage storage(path);
+    storage.Insert("abc", 1);
+    EXPECT_EQ(storage.GetAssociatedData("abc"), 1);
+    EXPECT_EQ(static_cast<int>(fs::status("/tmp").permissions()), mode);
+    Check(mount("plain.lock", "plain.lock", nullptr, MS_BIND, nullptr), path);
+    Check(mount(nullptr, "plain.lock", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), path);
+    EXPECT_EQ(Outcome([] { JsonFileStorage again("plain"); }), "done");
+  }
+}
+
 // A store, the outcome of reading "abc", and what is left of the store once "abc" was removed.
 constexpr const char* kInvalid = "storage/json_file_storage.cpp:147 invalid token";
 const Row kLineRows[] = {

@@ -249,7 +249,7 @@ TEST_F(ProgramsTest, ReplacesAWorkerThatHangsInATransaction) {
   const Daemon daemon("--workers 2 --request-timeout 2s");
   const std::string token = Issue();
   const std::vector<pid_t> workers = daemon.Workers();
-  const pid_t changer = Start([] {
+  const pid_t changer = Start([]() -> int {
     for (;;) Ask("revoke", Issue(), "null");
   });
   ASSERT_TRUE(Eventually([&] {

@@ -1,3 +1,6 @@
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+
 #include "support/testing.h"
 #include "zelttokenmanager/service/fastapi.h"
 #include "zelttokenmanager/service/taskmanager.h"
@@ -111,6 +114,30 @@ TEST(TaskManagerTest, PermitsEachActionByItsOwnCheck) {
                        {"{'prefix':'p_1'}", "[{'prefix':'p_'}]", "false"},
                        {"{'prefix':'p_','owner':'@r'}", "[{'prefix':'p_'}]", "true"},
                        {"{'prefix':'p_','owner':'@s'}", "[{'prefix':'p_'}]", "false"}});
+}
+
+using GroupsTest = PrivateFiles;
+
+// The bytes of inotify(7)'s events of the group file while bob is looked for in `grants`.
+int ReadsOfGroups(const Json::Value& grants) {
+  const int watch = inotify_init1(IN_CLOEXEC);
+  inotify_add_watch(watch, "/etc/group", IN_OPEN | IN_CLOSE_NOWRITE);
+  const Json::Value payload = Value("{'action':'read','args':{'task':'p_1','owner':'bob'}}");
+  EXPECT_FALSE(Validate<TaskManager>(payload, grants));
+  int bytes = 0;
+  ioctl(watch, FIONREAD, &bytes);
+  close(watch);
+  return bytes;
+}
+
+TEST_F(GroupsTest, AreLookedUpOnceForAllGrantsAndAgainForTheNextRequest) {
+  Json::Value grants = Value("[{'prefix':'p','owner':['@users2','alice']}]");
+  const int once = ReadsOfGroups(grants);
+  EXPECT_GT(once, 0);
+  for (const char* owner : {"@none", "carol", "@none"}) {
+    grants.append(grants[0])["owner"][0] = owner;
+  }
+  EXPECT_EQ(ReadsOfGroups(grants), once);
 }
 
 }  // namespace ZELT::TokenManager::ServicesTests

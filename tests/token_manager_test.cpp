@@ -148,6 +148,8 @@ TEST_F(TokenManagerTest, MeetsTheChecksOfAnIssueInOrder) {
              {"{'service':'fake','no lock':true}", "4001", kNoLock.c_str()}});
 }
 
+const std::string kLongPrivilege = "{'username':'bob'}" + std::string(64 << 10, ' ');
+
 // A file below /var/packages with its text; and the package that alice is found to run.
 constexpr const char* kNone = "token_manager.cpp:66 failed to get package name from uid";
 const Row kPackageRows[] = {
@@ -158,6 +160,7 @@ const Row kPackageRows[] = {
     {"alice/conf/privilege", "{'username':''}", "'alice'"},
     {"alice/conf/privilege", "{'username':['bob']}", "'alice'"},
     {"alice/conf/privilege", "{", "'alice'"},
+    {"alice/conf/privilege", kLongPrivilege.c_str(), "'alice'"},
     {"alice/conf/privilege/directory", "", "'alice'"},
 };
 

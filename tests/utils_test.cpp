@@ -1,7 +1,7 @@
 #include "zelttokenmanager/utils.h"
 
-#include "server.h"
-#include "support/testing.h"
+#include "daemon_socket.h"
+#include "support/fake_daemon.h"
 
 namespace ZELT::TokenManager::UtilsTests {
 
@@ -35,8 +35,6 @@ TEST_F(UtilsTest, PermittedListsAdmitUsersAndGroups) {
   CheckRows("utils.cpp", is_in, kListRows);
 }
 
-constexpr const char* kSocket = "/tmp/zelttokenmgr.sock";
-
 Json::Value Send(const std::string& type) {
   if (type == "issue") return SendIssueRequest("s", Value("{'a':[1]}"));
   if (type == "validate") return SendValidateRequest("s", "t", Value("['\xc3\xa4\\n']"));
@@ -68,24 +66,49 @@ const std::map<std::string, std::string> kRequests = {
 };
 
 TEST_F(UtilsTest, ClientsSendOneRequestAndReadOneResponse) {
+  const OwnedDescriptor daemon = ListenAt(kSocketPath);
   for (const Row& row : kAnswers) {
-    zeltdaemon::DomainSockServer server(kSocket);
-    std::jthread client(
+    const std::jthread client(
         [&] { EXPECT_EQ(Outcome([&] { return Send(row.first); }), row.outcome) << row.second; });
-    server.Serve([&](int /*connection*/, const std::string& request) {
-      EXPECT_EQ(Requoted(request), kRequests.at(row.first));
-      server.Stop();
-      return Requoted(row.second);
-    });
+    EXPECT_EQ(Requoted(AnswerOne(daemon, Requoted(row.second))), kRequests.at(row.first));
   }
 }
 
 TEST_F(UtilsTest, NeedADaemonAShortRequestAndASocket) {
+  MountEmpty("/run", "mode=755");
   EXPECT_EQ(Outcome([] { Send("issue"); }), "utils.cpp:62 failed to access domain socket");
-  const zeltdaemon::DomainSockServer listening(kSocket);
+  const OwnedDescriptor daemon = ListenAt(kSecondSocketPath);
   EXPECT_EQ(Outcome([] { SendRevokeRequest("s", std::string(2 << 20, 'x')); }),
             "utils.cpp:65 failed to send request");
   EXPECT_EQ(Outcome([] { GetPeerCredential(-1); }), "utils.cpp:149 failed to get peer credential");
+}
+
+// Who listens at the first address, and who owns the socket file there.
+struct ServerRow {
+  uid_t listener;
+  uid_t owner;
+  bool trusted;
+};
+
+const ServerRow kServers[] = {
+    {0, 0, true}, {4005, 4005, true}, {4002, 4002, false}, {4002, 0, false}, {0, 4002, false}};
+
+TEST_F(UtilsTest, ClientsSendNothingToStrangers) {
+  if (seteuid(4002) != 0 || seteuid(0) != 0) GTEST_SKIP() << "no users but this one";
+  std::ofstream("/etc/passwd", std::ios::app) << "zelttokenmgr:x:4005:4100::/:/bin/sh\n";
+  MountEmpty("/run", "mode=755");
+  const OwnedDescriptor second = ListenAt(kSecondSocketPath);
+  for (const ServerRow& row : kServers) {
+    fs::permissions("/tmp", fs::perms::all);
+    Check(seteuid(row.listener), "seteuid");
+    const OwnedDescriptor first = ListenAt(kSocketPath);
+    Check(seteuid(0), "seteuid");
+    Check(chown(kSocketPath, row.owner, 0), kSocketPath);
+    EXPECT_EQ(ForeignOwner(kSocketPath).has_value(), row.owner == 4002);
+    const std::jthread client([] { EXPECT_TRUE(SendRevokeRequest("s", "t")); });
+    const std::string request = AnswerOne(row.trusted ? first : second, R"({"success":true})");
+    EXPECT_NE(request, "") << row.listener << " " << row.owner;
+  }
 }
 
 }  // namespace ZELT::TokenManager::UtilsTests

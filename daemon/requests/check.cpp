@@ -13,6 +13,7 @@
 #include "configuration.h"
 #include "json_text.h"
 #include "services.h"
+#include "user_limits.h"
 #include "users.h"
 #include "zelttokenmanager/utils.h"
 
@@ -156,6 +157,7 @@ void CheckConfigurations(const std::string& directory, Findings& findings) {
 class NoStorage : public TokenStorage {
  public:
   void Insert(const std::string& /*token*/, const Json::Value& data) override {
+    ExpectSmallToken(data, toString(data));
     granted = data["payload"];
   }
   void Remove(const std::string& /*token*/) override {}

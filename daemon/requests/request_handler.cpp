@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <chrono>
 #include <stdexcept>
 #include <string_view>
@@ -67,10 +66,8 @@ void ExpectSender(Sender expected, const Peer& peer) {
   }
 }
 
-void CountTime(WorkerSlot& slot, Clock::duration time) {
-  const auto microseconds = std::chrono::ceil<std::chrono::microseconds>(time).count();
-  const auto above = static_cast<std::uint64_t>(std::max<std::int64_t>(microseconds - 1, 0));
-  Count(slot.times.at(std::min<std::size_t>(std::bit_width(above), kTimeBuckets - 1)));
+std::chrono::seconds Seconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch());
 }
 
 }  // namespace
@@ -81,16 +78,16 @@ struct RequestHandler::Operation {
   void (RequestHandler::*run)(const Peer&, const Json::Value&, Json::Value&);
 };
 
-RequestHandler::RequestHandler(TokenStore& token_store, const Board& board, WorkerSlot& worker_slot,
-                               RequestSettings request_settings,
+RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
+                               WorkerSlot& worker_slot, RequestSettings request_settings,
                                std::shared_ptr<CacheStorage> cache)
     : store(token_store),
+      board(shared_board),
       slot(worker_slot),
       settings(std::move(request_settings)),
       storage(std::make_shared<ChangeOnUse>(token_store)),
       manager(settings.installed_config, storage, std::move(cache)),
-      administration(token_store, board, settings.version),
-      keeps_house(&worker_slot == board.slots.data()),
+      administration(token_store, shared_board, settings.version),
       watch(settings.installed_config) {
   AddServices(manager);
 }
@@ -112,13 +109,14 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     response.removeMember("token");  // of an issue that could not be committed
     Refuse(peer, request, refusal.what());
   }
-  CountTime(slot, Clock::now() - begun);
+  Count(slot.times.at(TimeBucket(Clock::now() - begun)));
   slot.activity = Activity::kIdle;
   return toString(response);
 }
 
 void RequestHandler::OnIdle() {
-  if (!keeps_house) return;
+  board.refusals.LogHeldBack(Seconds());
+  if (&slot != board.slots.data()) return;
   store.KeepHouse();
   if (idle_turns++ % kTurnsBetweenLooks == 0) watch.Look();
 }
@@ -196,6 +194,7 @@ void RequestHandler::Audit(const Peer& peer, const Json::Value& request) const {
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::string& reason) {
   Count(CounterOf(slot.type, slot.refused));
+  if (!board.refusals.MayLog(peer.credential.uid, Seconds())) return;
   const bool issues = slot.type == RequestType::kIssue;
   LogRefusal(peer, request,
              issues ? Explain(reason, peer.credential.uid, settings.installed_config)

@@ -26,7 +26,7 @@ struct RequestSettings {
 class RequestHandler {
  public:
   /// `cache`, which may be empty, stands in front of the store.
-  RequestHandler(TokenStore& token_store, const Board& board, WorkerSlot& worker_slot,
+  RequestHandler(TokenStore& token_store, Board& shared_board, WorkerSlot& worker_slot,
                  RequestSettings request_settings,
                  std::shared_ptr<ZELT::TokenManager::CacheStorage> cache = nullptr);
 
@@ -35,8 +35,8 @@ class RequestHandler {
   /// doing and counts what it has done.
   std::string Answer(const Peer& peer, const std::string& text);
 
-  /// Does what has to be done from time to time, if this is the first slot's worker. To be called
-  /// about once a second.
+  /// Does what has to be done from time to time, most of it if this is the first slot's worker. To
+  /// be called about once a second.
   void OnIdle();
 
  private:
@@ -58,12 +58,12 @@ class RequestHandler {
   void Refuse(const Peer& peer, const Json::Value& request, const std::string& reason);
 
   TokenStore& store;
+  Board& board;
   WorkerSlot& slot;
   const RequestSettings settings;
   const std::shared_ptr<ChangeOnUse> storage;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
-  const bool keeps_house;
   WriterWatch watch;
   unsigned int idle_turns = 0;
 };

@@ -94,7 +94,7 @@ void Server::Step() {
 
 // Whoever was in the backlog when the turn began is served or found by its end.
 void Server::BeginTurn() {
-  RunEvents(EVLOOP_NONBLOCK);
+  RunEvents(EVLOOP_ONCE | EVLOOP_NONBLOCK);
   for (int i = 0; now >= turn_end && i < limits.backlog && AcceptOne(); ++i) {
   }
   descriptors.Flush();

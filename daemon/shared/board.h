@@ -3,11 +3,15 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+
+#include "refusals.h"
 
 /// The kinds of requests, in the order of the counters. `kOther` is what has no valid "type".
 enum class RequestType : std::uint8_t {
@@ -29,6 +33,13 @@ enum class Activity : std::uint8_t { kIdle, kServing, kWaitingForStore };
 /// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the
 /// last.
 constexpr std::size_t kTimeBuckets = 20;
+
+/// The bucket for a request that took `time`.
+constexpr std::size_t TimeBucket(std::chrono::nanoseconds time) {
+  const auto microseconds = std::chrono::ceil<std::chrono::microseconds>(time).count();
+  const auto last = static_cast<std::uint64_t>(microseconds > 0 ? microseconds - 1 : 0);
+  return std::min<std::size_t>(std::bit_width(last), kTimeBuckets - 1);
+}
 
 /// One worker's part of the board. Only its worker writes it, but for `pid`, which is the
 /// supervisor's. The counters go on when a replacement takes the slot over.
@@ -65,5 +76,6 @@ constexpr std::size_t kMaxWorkers = 256;
 struct Board {
   std::int64_t started = 0;                   ///< CLOCK_MONOTONIC in nanoseconds
   std::atomic<std::uint64_t> deaths = 0;      ///< of workers that nobody had told to end
+  Refusals refusals;                          ///< how many may be logged
   std::array<WorkerSlot, kMaxWorkers> slots;  ///< those in use first
 };

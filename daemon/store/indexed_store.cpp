@@ -21,8 +21,8 @@ constexpr const char* kUnknown = "the store has no such token";
 
 // Pages. A change to each table's way from the root, with what LMDB merges and lists beside it,
 // takes some 30, and what it frees serves the next but one.
-constexpr std::uint64_t kForChange = 96;
-constexpr std::uint64_t kForEach = 16;         // further token that goes in the same change
+constexpr std::uint64_t kForChange = 64;
+constexpr std::uint64_t kForEach = 6;          // further token that goes in the same change
 constexpr std::uint64_t kLeftForOthers = 256;  // revocations: after a new token
 
 // Longer than a reader that was stopped is left alone.
@@ -55,16 +55,15 @@ void IndexedStore::BeginWrite(std::size_t tokens_changed) {
   if (write) throw std::logic_error("a change within a change");
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   slot.activity = Activity::kWaitingForStore;
-  for (;;) {
+  for (bool held = true;; std::this_thread::sleep_for(kPause)) {
     write = database.BeginWrite();
     if (room.Has(pages)) break;
     write.reset();
-    database.ClearDeadReaders();
-    const auto now = std::chrono::steady_clock::now();
-    if (!room.ReadersHoldPages() || now > deadline) {
+    if (!held || std::chrono::steady_clock::now() > deadline) {
       throw std::runtime_error("no room for a change; full is " + room.Shortage());
     }
-    std::this_thread::sleep_for(kPause);
+    held = room.ReadersHoldPages();
+    database.ClearDeadReaders();
   }
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
   slot.activity = Activity::kServing;
@@ -131,7 +130,8 @@ bool IndexedStore::Fits(std::uint64_t bytes) {
 void IndexedStore::MakeRoom(std::uint64_t bytes) {
   if (Fits(bytes)) return;
   write.reset();  // nothing was changed yet, and the search takes its time
-  const auto found = orphans.Find(database, tables, changer.credential.uid);
+  auto found = orphans.Find(database, tables, changer.credential.uid);
+  found.resize(std::min(found.size(), kMostInChange));
   BeginWrite(found.size() + 1);
   for (const Holding& orphan : found) {
     if (Fits(bytes)) return;
@@ -163,8 +163,7 @@ void IndexedStore::Remove(const std::string& token) {
   if (!record) return;
   if (!changing_process || record->header.Owner() != *changing_process ||
       !HadStarted(*changing_process, changer.accepted)) {
-    throw std::runtime_error(
-        "the peer has the number of the token's owner, but is another process");
+    throw std::runtime_error("the peer has the number of the owner, but is another process");
   }
   removed = {token, record->header};
   changed_id = record->header.id;
@@ -182,7 +181,7 @@ Json::Value IndexedStore::GetAssociatedData(const std::string& token) {
   const std::string text =
       write ? Text(write.get(), token) : Text(Database::ReadScope(database).Get(), token);
   Json::Value data;
-  if (!fromString(text, data)) throw std::runtime_error("the token's record is damaged");
+  if (!fromString(text, data)) throw std::runtime_error("the record of the token is damaged");
   return data;
 }
 

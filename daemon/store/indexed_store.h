@@ -1,6 +1,7 @@
 // The store of the daemon: one indexed, transactional file.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -46,6 +47,9 @@ class IndexedStore : public TokenStore {
   void KeepHouse() override;
 
  private:
+  // Tokens that one change drops: it must find room in a full store too.
+  static constexpr std::size_t kMostInChange = 16;
+
   // Ends a change of the store's own that failed.
   struct Rollbacker {
     IndexedStore& store;
@@ -64,7 +68,11 @@ class IndexedStore : public TokenStore {
   std::optional<Record> FindSame(const Holding& holding, bool same_owner);
   bool EraseIfSame(const Holding& holding, bool same_owner);
   bool NeedsCare(const RecordHeader& header, Judge& judge) const;
-  void Tend(std::span<const Holding> holdings);
+  void Tend(const Holding& holding);
+
+  // Calls `change` for each token, a few of them in one transaction.
+  using Changer = std::function<void(const Holding& holding)>;
+  void ChangeEach(std::span<const Holding> holdings, const Changer& change);
 
   const StoreOptions options;
   WorkerSlot& slot;

@@ -8,7 +8,6 @@ namespace {
 
 constexpr std::size_t kTended = 4096;       // tokens that one call looks at
 constexpr std::size_t kTendedAtOnce = 256;  // before it looks whether it has taken long
-constexpr std::size_t kChangedAtOnce = 64;
 
 }  // namespace
 
@@ -20,13 +19,11 @@ Page IndexedStore::Drop(const TokenFilter& filter, std::uint64_t after) {
   const Selection found = SelectTokens(database, tables, filter, after);
   Page dropped;
   dropped.next = found.page.next;
-  if (found.holdings.empty()) return dropped;
-  BeginWrite(found.holdings.size());
-  const Rollbacker rollback{*this};
-  for (Json::ArrayIndex i = 0; i < found.page.rows.size(); ++i) {
-    if (EraseIfSame(found.holdings[i], filter.orphans)) dropped.rows.append(found.page.rows[i]);
-  }
-  CommitWrite();
+  Json::ArrayIndex row = 0;
+  ChangeEach(found.holdings, [&](const Holding& each) {
+    if (EraseIfSame(each, filter.orphans)) dropped.rows.append(found.page.rows[row]);
+    ++row;
+  });
   return dropped;
 }
 
@@ -50,9 +47,7 @@ void IndexedStore::KeepHouse() {
     auto holdings = NextHoldings(database, tables, std::nullopt, tended, kTendedAtOnce);
     tended = holdings.size() < kTendedAtOnce ? 0 : holdings.back().header.id;
     std::erase_if(holdings, [&](const Holding& each) { return !NeedsCare(each.header, judge); });
-    for (std::size_t i = 0; i < holdings.size(); i += kChangedAtOnce) {
-      Tend(std::span(holdings).subspan(i, std::min(kChangedAtOnce, holdings.size() - i)));
-    }
+    ChangeEach(holdings, [&](const Holding& each) { Tend(each); });
     if (tended == 0) return;
   }
 }
@@ -63,18 +58,24 @@ bool IndexedStore::NeedsCare(const RecordHeader& header, Judge& judge) const {
          judge.IsOrphan(header);
 }
 
-// Drops tokens whose time has come, and notes of others that they are orphans.
-void IndexedStore::Tend(std::span<const Holding> holdings) {
-  BeginWrite(holdings.size());
-  const Rollbacker rollback{*this};
-  for (const Holding& each : holdings) {
-    if (IsGone(each.header, options)) {
-      EraseIfSame(each, !IsTooOld(each.header, options));
-    } else if (const auto record = FindSame(each, true)) {
-      RecordHeader header = record->header;
-      header.orphaned = Now();
-      tables.Replace(Write(), each.token, header, std::string(record->text));
-    }
+// Drops a token whose time has come, and notes of another one that it is an orphan.
+void IndexedStore::Tend(const Holding& holding) {
+  if (IsGone(holding.header, options)) {
+    EraseIfSame(holding, !IsTooOld(holding.header, options));
+  } else if (const auto record = FindSame(holding, true)) {
+    RecordHeader header = record->header;
+    header.orphaned = Now();
+    tables.Replace(Write(), holding.token, header, std::string(record->text));
   }
-  CommitWrite();
+}
+
+void IndexedStore::ChangeEach(std::span<const Holding> holdings, const Changer& change) {
+  const Rollbacker rollback{*this};
+  while (!holdings.empty()) {
+    const auto part = holdings.first(std::min(holdings.size(), kMostInChange));
+    BeginWrite(part.size());
+    std::for_each(part.begin(), part.end(), change);
+    CommitWrite();
+    holdings = holdings.subspan(part.size());
+  }
 }

@@ -94,10 +94,8 @@ bool IsAlive(const ProcessIdentity& process) {
 }
 
 bool HadStarted(const ProcessIdentity& process, std::chrono::nanoseconds time) {
-  static const auto ticks_per_second = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
-  constexpr std::uint64_t kNanoseconds = 1'000'000'000;
-  return process.start * (kNanoseconds / ticks_per_second) <=
-         static_cast<std::uint64_t>(time.count());
+  static const auto tick = std::chrono::nanoseconds(std::chrono::seconds(1)) / sysconf(_SC_CLK_TCK);
+  return static_cast<std::int64_t>(process.start) * tick <= time;
 }
 
 std::string ProcessName(pid_t pid) {

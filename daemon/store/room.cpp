@@ -12,7 +12,8 @@ namespace {
 
 // Pages that are taken ahead: 2 MiB. When half of them are used, more are taken.
 constexpr std::uint64_t kAhead = 512;
-constexpr std::size_t kMostLists = 256;  // of free pages that are looked at
+constexpr std::size_t kMostLists = 256;    // of free pages that are looked at
+constexpr std::chrono::seconds kPause{1};  // after growing failed
 constexpr const char* kWhat = "look for room in the store";
 
 // A line of mdb_reader_list: process, thread, and the commit that it reads, "-" for none.
@@ -40,25 +41,31 @@ bool Room::Has(std::uint64_t pages) {
 
 bool Room::ReadersHoldPages() { return OldestRead() < database.LastCommit(); }
 
-std::uint64_t Room::SparePages() {
+// Looks at the file itself, since other workers make it grow too.
+std::uint64_t Room::AllocatedPages() const {
+  struct stat status {};
+  Expect(fstat(database.File(), &status) == 0 ? 0 : errno, kWhat);
+  return std::min(static_cast<std::uint64_t>(status.st_size) / database.PageBytes(),
+                  database.MapPages());
+}
+
+std::uint64_t Room::SparePages() const {
+  const std::uint64_t allocated = AllocatedPages();
   const std::uint64_t used = database.LastPage() + 1;
   return allocated > used ? allocated - used : 0;
 }
 
+// A full file system is not asked again and again: some take all that is left before they fail.
 void Room::Grow() {
-  const int file = database.File();
-  struct stat status {};
-  Expect(fstat(file, &status) == 0 ? 0 : errno, kWhat);
-  const auto size = static_cast<std::uint64_t>(status.st_size);
-  const std::uint64_t wanted =
-      std::min(database.LastPage() + 1 + kAhead, database.MapPages()) * database.PageBytes();
-  // Another worker may have made it grow already.
-  growth_error = size >= wanted ? 0
-                                : posix_fallocate(file, static_cast<off_t>(size),
-                                                  static_cast<off_t>(wanted - size));
-  Expect(fstat(file, &status) == 0 ? 0 : errno, kWhat);
-  allocated = std::min(static_cast<std::uint64_t>(status.st_size) / database.PageBytes(),
-                       database.MapPages());
+  const auto now = std::chrono::steady_clock::now();
+  const std::uint64_t allocated = AllocatedPages();
+  const std::uint64_t wanted = std::min(database.LastPage() + 1 + kAhead, database.MapPages());
+  if (allocated >= wanted) growth_error = 0;
+  if (allocated >= wanted || now < next_growth) return;
+  const std::uint64_t page = database.PageBytes();
+  growth_error = posix_fallocate(database.File(), static_cast<off_t>(allocated * page),
+                                 static_cast<off_t>((wanted - allocated) * page));
+  if (growth_error != 0) next_growth = now + kPause;
 }
 
 // LMDB lists the pages that each commit freed. They can be used again when nobody reads what was
@@ -89,7 +96,7 @@ std::uint64_t Room::OldestRead() {
 }
 
 std::string Room::Shortage() const {
-  const std::string size = std::to_string(allocated * database.PageBytes()) + " bytes";
+  const std::string size = std::to_string(AllocatedPages() * database.PageBytes()) + " bytes";
   if (growth_error == 0) return "its file is as large as it may become, " + size;
   return std::string("its file system or quota: the file cannot grow beyond ") + size + ": " +
          std::strerror(growth_error);

@@ -2,6 +2,7 @@
 // later, so that removing something takes room too.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -24,12 +25,13 @@ class Room {
   std::string Shortage() const;
 
  private:
-  std::uint64_t SparePages();
+  std::uint64_t AllocatedPages() const;
+  std::uint64_t SparePages() const;
   void Grow();
   std::uint64_t ReusablePages(std::uint64_t enough);
   std::uint64_t OldestRead();
 
   Database& database;
-  std::uint64_t allocated = 0;  // pages
-  int growth_error = 0;         // of the last attempt
+  int growth_error = 0;  // of the last attempt
+  std::chrono::steady_clock::time_point next_growth{};
 };

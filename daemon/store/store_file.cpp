@@ -25,7 +25,6 @@ using ZELT::TokenManager::OwnedDescriptor;
 namespace {
 
 constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
-constexpr std::chrono::seconds kPatience{5};  // for the end of another daemon
 constexpr std::chrono::milliseconds kPause{10};
 
 [[noreturn]] void ThrowFailure(const std::string& what) {
@@ -56,7 +55,7 @@ void ExpectSafe(const fs::path& path, bool last) {
   if (!status) return;
   if (status->st_uid != 0 && status->st_uid != geteuid()) {
     throw std::runtime_error(path.string() + " belongs to user " + std::to_string(status->st_uid) +
-                             "; name a store below directories of root or of the daemon's user");
+                             "; name a store below directories of root or of the daemon");
   }
   const bool sticky = !last && (status->st_mode & S_ISVTX) != 0;
   if (!S_ISLNK(status->st_mode) && (status->st_mode & kOthersWrite) != 0 && !sticky) {
@@ -130,15 +129,16 @@ void MakeStore(const fs::path& path, const fs::path& directory, const StoreOptio
   Sync(directory);
 }
 
-void ExpectOwnFile(const fs::path& path, const struct stat& status) {
+void ExpectOwnFile(const fs::path& path, const struct stat& status, mode_t forbidden) {
   if (!S_ISREG(status.st_mode)) throw std::runtime_error(path.string() + " is no regular file");
-  if (status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0) return;
-  throw std::runtime_error(path.string() + " belongs to, or is open to, others than the daemon's " +
-                           "user; tokens in it may be known: move it away, or name another store");
+  if (status.st_uid == geteuid() && (status.st_mode & forbidden) == 0) return;
+  throw std::runtime_error(path.string() +
+                           " belongs to another user or is open to others, who may know " +
+                           "its tokens; move it away, or name another store");
 }
 
-bool Lock(int file) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+bool Lock(int file, std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   while (flock(file, LOCK_EX | LOCK_NB) != 0) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(kPause);
@@ -148,7 +148,7 @@ bool Lock(int file) {
 
 }  // namespace
 
-StoreLock::StoreLock(const StoreOptions& options) {
+StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds patience) {
   const fs::path directory = DirectoryOf(options.path);
   const bool text = options.format == StoreFormat::kText;
   ExpectSafeDirectory(directory);
@@ -159,16 +159,19 @@ StoreLock::StoreLock(const StoreOptions& options) {
     MakeDirectory(directory, is_public ? S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH : S_IRWXU);
   }
   ExpectSafeDirectory(directory);
-  if (const auto status = StatusOf(options.path)) ExpectOwnFile(options.path, *status);
+  // Nobody but its owner comes into the text store's directory.
+  const auto status = StatusOf(options.path);
+  if (status) ExpectOwnFile(options.path, *status, text ? 0 : S_IRWXG | S_IRWXO);
 
   // The text store's own lock is a record lock on the same file, and independent of this one.
   path = text ? options.path + ".lock" : options.path;
-  if (!text && !StatusOf(path)) MakeStore(path, directory, options);
+  if (!text && !status) MakeStore(path, directory, options);
   const int create = text ? O_CREAT : 0;
   file = OwnedDescriptor(
       open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | create, S_IRUSR | S_IWUSR));
   Expect(file.IsOpen(), "cannot open " + path);
-  if (!Lock(file.Get())) throw std::runtime_error("another daemon uses the store " + options.path);
+  if (!Lock(file.Get(), patience))
+    throw std::runtime_error("another daemon uses the store " + options.path);
   ExpectSameFile();
 }
 

@@ -2,6 +2,7 @@
 // daemon use them at the same time.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -14,9 +15,10 @@
 /// The supervisor holds it as long as the daemon lives; processes forked meanwhile hold it too.
 class StoreLock {
  public:
-  /// Waits for a few seconds while the workers of an earlier daemon end. Throws
-  /// `std::runtime_error` with what is wrong, and what to do.
-  explicit StoreLock(const StoreOptions& options);
+  /// `patience` is for the workers of an earlier daemon to end. Throws `std::runtime_error` with
+  /// what is wrong, and what to do.
+  explicit StoreLock(const StoreOptions& options,
+                     std::chrono::milliseconds patience = std::chrono::seconds(5));
 
   /// Throws unless the file is still the one at its path: other workers use that.
   void ExpectSameFile() const;

@@ -6,14 +6,12 @@
 #include <stdexcept>
 #include <utility>
 
-#include "json_text.h"
-
 namespace {
 
 constexpr std::string_view kFormatKey = "format";
 constexpr std::string_view kFormat = "Zelt token store 1";
 constexpr std::string_view kLastIdKey = "last id";
-constexpr const char* kWhat = "use the store's tables";
+constexpr const char* kWhat = "use the tables of the store";
 
 template <typename Number>
 std::string BigEndian(Number number) {
@@ -72,7 +70,7 @@ MDB_stat StatOf(MDB_txn* transaction, MDB_dbi table) {
 
 UserTotal DecodeTotal(std::string_view bytes) {
   UserTotal total;
-  if (bytes.size() != sizeof(total)) throw std::runtime_error("a user's total has the wrong size");
+  if (bytes.size() != sizeof(total)) throw std::runtime_error("a total has the wrong size");
   std::memcpy(&total, bytes.data(), sizeof(total));
   return total;
 }
@@ -217,9 +215,7 @@ void Tables::Check(MDB_txn* transaction) const {
   VisitEntries(transaction, tokens, {}, [&](std::string_view token, std::string_view bytes) {
     const Record record = DecodeRecord(bytes);
     const std::uint64_t id = record.header.id;
-    Json::Value data;
-    const bool readable = ZELT::TokenManager::fromString(std::string(record.text), data);
-    if (++seen > count || token <= last_token || id > last_id || !readable ||
+    if (++seen > count || token <= last_token || id > last_id || record.text.empty() ||
         Get(transaction, ids, BigEndian(id)) != token ||
         !Get(transaction, users, UserKey(record.header.uid, id))) {
       throw std::runtime_error("its tables do not fit together");

@@ -14,10 +14,10 @@
 
 /// Which tokens an administrator means: those that meet every condition that is given.
 struct TokenFilter {
-  std::optional<uid_t> user;       ///< who asked for the token
-  std::string service;             ///< empty: any
-  bool orphans = false;            ///< only those whose owner is gone
-  std::vector<std::uint64_t> ids;  ///< empty: any
+  std::optional<uid_t> user{};       ///< who asked for the token
+  std::string service{};             ///< empty: any
+  bool orphans = false;              ///< only those whose owner is gone
+  std::vector<std::uint64_t> ids{};  ///< empty: any
 };
 
 /// A page of an answer that may be long.

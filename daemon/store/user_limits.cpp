@@ -24,7 +24,7 @@ void ExpectSmallToken(const Json::Value& data, std::string_view text) {
                              " grants, more than " + std::to_string(kMaxGrants));
   }
   if (text.size() > kMaxTextBytes) {
-    throw std::runtime_error("the token's record would have " + std::to_string(text.size()) +
+    throw std::runtime_error("the record of the token would have " + std::to_string(text.size()) +
                              " bytes, more than " + std::to_string(kMaxTextBytes));
   }
 }

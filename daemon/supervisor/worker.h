@@ -13,7 +13,7 @@ struct WorkerContext {
   const Options& options;
   const std::vector<Listener>& listeners;
   const StoreLock& store_lock;
-  const Board& board;
+  Board& board;
 };
 
 /// Opens the store and answers requests until SIGTERM, which has to be blocked. Throws what opening

@@ -9,11 +9,12 @@
 #include <boost/interprocess/mapped_region.hpp>
 #include <cerrno>
 #include <cstring>
-#include <ext/stdio_filebuf.h>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 
 #include "json_text.h"
+#include "owned_descriptor.h"
 #include "zeltsystem/file.h"
 
 namespace ZELT::TokenManager {
@@ -21,7 +22,6 @@ namespace {
 
 namespace fs = boost::filesystem;
 namespace ipc = boost::interprocess;
-using Stream = __gnu_cxx::stdio_filebuf<char>;  // over an open descriptor
 
 constexpr fs::perms kDirectoryMode = fs::owner_write | fs::owner_exe;
 
@@ -86,33 +86,46 @@ std::string ReadData(const std::string& storage_path, const std::string& lock_pa
   return record ? std::string(record->data, record->end) : std::string();
 }
 
-// Opens the store's file in order to append to it, and makes it where it is missing. The stream has
-// no buffer: a record is one string, which goes to the kernel in one write.
-Stream OpenToAppend(const std::string& path) {
+// Opens the store's file in order to append to it, and makes it where it is missing.
+OwnedDescriptor OpenToAppend(const std::string& path) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC;
-  int file = open(path.c_str(), kFlags);
-  if (file < 0 && !fs::exists(path)) {
+  OwnedDescriptor file(open(path.c_str(), kFlags));
+  if (!file.IsOpen() && !fs::exists(path)) {
     if (QLIBCFileTouch(path.c_str()) != 0) {
       throw std::runtime_error("storage/json_file_storage.cpp:43 failed to create storage");
     }
-    file = open(path.c_str(), kFlags);
+    file = OwnedDescriptor(open(path.c_str(), kFlags));
   }
-  Stream stream(file, std::ios::out | std::ios::app, 1);
-  if (!stream.is_open()) {
-    close(file);
-    throw std::runtime_error("storage/json_file_storage.cpp:48 failed to open storage");
+  if (file.IsOpen()) return file;
+  throw std::runtime_error("storage/json_file_storage.cpp:48 failed to open storage");
+}
+
+// Writes `text`, in one call unless the kernel takes less. Returns how much of it was written.
+std::size_t Append(int file, std::string_view text) {
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t count = write(file, text.data() + written, text.size() - written);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    written += static_cast<std::size_t>(count);
   }
-  return stream;
+  return written;
+}
+
+// A path that names no directory leaves the current one as it is.
+void PrepareDirectory(const fs::path& directory) {
+  if (directory.empty()) return;
+  if (!fs::is_directory(directory)) fs::create_directories(directory);  // which refuses "."
+  fs::permissions(directory, kDirectoryMode);
 }
 
 }  // namespace
 
 JsonFileStorage::JsonFileStorage(const std::string& path)
     : storage_path(path), lock_path(path + ".lock") {
-  const fs::path directory = fs::path(path).parent_path();
-  fs::create_directories(directory);
-  fs::permissions(directory, kDirectoryMode);
-  if (QLIBCFileTouch(lock_path.c_str()) != 0) {
+  PrepareDirectory(fs::path(path).parent_path());
+  boost::system::error_code ignored;  // what cannot be looked at is not there
+  if (QLIBCFileTouch(lock_path.c_str()) != 0 && !fs::is_regular_file(lock_path, ignored)) {
     throw std::runtime_error("storage/json_file_storage.cpp:34 failed to create lock file");
   }
 }
@@ -121,16 +134,14 @@ JsonFileStorage::~JsonFileStorage() = default;
 
 void JsonFileStorage::Insert(const std::string& token, const Json::Value& data) {
   const FileLock lock(lock_path, true);
-  Stream file = OpenToAppend(storage_path);
   const std::string record = token + ' ' + toString(data) + '\n';
-  const auto size = static_cast<std::streamsize>(record.size());
-  const std::streamsize written = file.sputn(record.data(), size);
-  if (written != size) {
-    // What was written of the line is cut off again: the next one would become a part of it.
-    const off_t old_size = lseek(file.fd(), 0, SEEK_END) - written;
-    [[maybe_unused]] const int ignored = ftruncate(file.fd(), old_size);
-    throw std::runtime_error("storage/json_file_storage.cpp:55 failed to update storage");
-  }
+  const OwnedDescriptor file = OpenToAppend(storage_path);
+  const std::size_t written = Append(file.Get(), record);
+  if (written == record.size()) return;
+  // What was written of the line is cut off again: the next one would become a part of it.
+  const off_t old_size = lseek(file.Get(), 0, SEEK_END) - static_cast<off_t>(written);
+  [[maybe_unused]] const int ignored = ftruncate(file.Get(), old_size);
+  throw std::runtime_error("storage/json_file_storage.cpp:55 failed to update storage");
 }
 
 void JsonFileStorage::Remove(const std::string& token) {

@@ -13,8 +13,9 @@
 
 namespace ZELT {
 
-// Opened before the private machine hides the folder in which it was built.
-inline const int build_folder = open(ZELT_BUILD_DIR, O_PATH | O_DIRECTORY);
+// Opened before the private machine hides the folder in which it was built. The numbers below 10 are
+// those that programs are given.
+inline const int build_folder = fcntl(open(ZELT_BUILD_DIR, O_PATH | O_DIRECTORY), F_DUPFD, 10);
 
 /// A shell that runs a command, and is ended by SIGKILL at the latest when this goes out of scope.
 struct Program {

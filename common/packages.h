@@ -1,0 +1,17 @@
+// Where the machine's packages are, and what counts of them.
+#pragma once
+
+#include <cstddef>
+
+namespace ZELT::TokenManager {
+
+/// One directory for each package.
+inline constexpr const char* kPackages = "/var/packages";
+
+/// Below a package's directory; names the user under whom the package runs.
+inline constexpr const char* kPrivilegeFile = "conf/privilege";
+
+/// A longer privilege file counts as missing: all of them are read for each token.
+constexpr std::size_t kMaxPrivilegeBytes = 64U << 10;
+
+}  // namespace ZELT::TokenManager
