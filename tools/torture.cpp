@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 
 #include <algorithm>
+#include <iostream>
 #include <map>
 #include <optional>
 #include <random>
@@ -318,7 +319,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
       const auto workers = daemon->Workers();
       return workers.size() == 2 && std::count(workers.begin(), workers.end(), old) == 0 &&
              ZELT::Validate("none") != "none";
-    })) << std::regex_replace(daemon->Errors(), std::regex(".*: refused .*\n"), "");
+    })) << Log();
   }
 
   int EndDaemon(int signal, bool workers_too = false) {
@@ -336,6 +337,11 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   void Restart(int signal, bool workers_too = false) {
     EXPECT_EQ(EndDaemon(signal, workers_too), signal == SIGTERM ? 0 : 128 + signal);
     StartDaemon();
+  }
+
+  std::string Log() const {
+    return std::regex_replace(
+        daemon->Errors(), std::regex(".*: refused .* reason=.*(no such|unmatched|no longer).*\n"), "");
   }
 
   void CheckLog() {
@@ -449,6 +455,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   void TakeDescriptors() {
+    board->cut = true;
     std::map<pid_t, rlimit> limits;
     for (const pid_t worker : daemon->Workers()) {
       prlimit(worker, RLIMIT_NOFILE, nullptr, &limits[worker]);
@@ -458,6 +465,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     Pause(300000);
     for (const auto& [worker, limit] : limits) prlimit(worker, RLIMIT_NOFILE, &limit, nullptr);
     AwaitService();
+    board->cut = false;
   }
 
   // A mapped block beyond the file's end raises SIGBUS, as one does that the disk cannot read.
@@ -583,6 +591,7 @@ TEST_P(Torture, Withstands) {
   }
   const auto allowed = phase.unanswered * times;
   EXPECT_LE(board->counts[kUnanswered], allowed);
+  if (HasFailure()) std::cerr << Log();
   PrintRow(phase, times, HasFailure());
 }
 
