@@ -34,7 +34,7 @@ int NoteOldest(const char* line, void* oldest) {
 Room::Room(Database& store_database) : database(store_database) {}
 
 bool Room::Has(std::uint64_t pages) {
-  if (SparePages() < kAhead / 2) Grow();
+  if (SparePages() < std::max(kAhead / 2, pages)) Grow(std::max(kAhead, pages));
   const std::uint64_t spare = SparePages();
   return spare >= pages || spare + ReusablePages(pages - spare) >= pages;
 }
