@@ -155,11 +155,12 @@ void OpenLog(bool to_stderr) {
   if (to_stderr) OpenErrorOutput();
 }
 
-void Log(int priority, const char* format, ...) {
+void Log(int priority, const char* format,
+         ...) {  // NOLINT(cert-dcl50-cpp): checked by the compiler
   std::array<char, kLongestLine> text{};
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(text.data(), text.size(), format, arguments);
+  std::vsnprintf(text.data(), text.size(), format, arguments);  // NOLINT(*-valist*): it is started
   va_end(arguments);
   const std::string line = Escaped(text.data());
   syslog_sink.Put(priority, line);
