@@ -155,8 +155,8 @@ void OpenLog(bool to_stderr) {
   if (to_stderr) OpenErrorOutput();
 }
 
-void Log(int priority, const char* format,
-         ...) {  // NOLINT(cert-dcl50-cpp): checked by the compiler
+// NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks the arguments against the format
+void Log(int priority, const char* format, ...) {
   std::array<char, kLongestLine> text{};
   va_list arguments;
   va_start(arguments, format);
