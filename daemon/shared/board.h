@@ -26,7 +26,8 @@ constexpr std::size_t kRequestTypes = 8;
 /// that holds the store is.
 enum class Activity : std::uint8_t { kIdle, kServing, kWaitingForStore };
 
-/// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the last.
+/// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the
+/// last.
 constexpr std::size_t kTimeBuckets = 20;
 
 /// One worker's part of the board. Only its worker writes it, but for `pid`, which is the
