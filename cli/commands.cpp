@@ -1,9 +1,11 @@
 #include "commands.h"
 
+#include <chrono>
 #include <iostream>
 #include <string_view>
+#include <thread>
 
-#include "failure.h"
+#include "daemon.h"
 #include "input.h"
 #include "run.h"
 #include "zelttokenmanager/utils.h"
@@ -12,8 +14,6 @@ using namespace ZELT::TokenManager;
 
 namespace {
 
-constexpr const char* kReasonInLog = "; its log says why (journalctl -t zelttokenmgrd)";
-
 // The library tells its failures apart by their texts only.
 Failure Explain(const std::string& error) {
   const auto is = [&error](std::string_view where) { return error.starts_with(where); };
@@ -21,12 +21,7 @@ Failure Explain(const std::string& error) {
   if (is("utils.cpp:89") || is("utils.cpp:108")) {
     return {kRefused, "the daemon refused" + cause + kReasonInLog};
   }
-  if (is("utils.cpp:62")) {
-    return {kUnavailable, "the daemon cannot be reached" + cause +
-                              "; start it with \"systemctl start zelttokenmgrd\" or "
-                              "\"zelttokenmgrd --stderr\""};
-  }
-  return {kUnavailable, "the exchange with the daemon broke off" + cause + kReasonInLog};
+  return is("utils.cpp:62") ? Unreachable(cause) : BrokenExchange(cause);
 }
 
 // Makes one exchange with the daemon.
@@ -54,12 +49,23 @@ void RevokeToken(const std::string& service, const std::string& token) {
   Demand(Ask([&] { return SendRevokeRequest(service, token); }), "revoke");
 }
 
-// Nobody else could revoke the token. How the command ended counts more than whether this works.
+// Waits for a daemon that is away, as during a restart, because nobody else can revoke the token
+// later. How the command ended counts more than whether this works.
 void TakeBack(const std::string& service, const std::string& token) {
-  try {
-    RevokeToken(service, token);
-  } catch (const Failure& failure) {
-    std::cerr << "zelttoken: " << failure.what() << '\n';
+  constexpr std::chrono::seconds kPatience{10};
+  constexpr std::chrono::milliseconds kPause{100};
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  for (;; std::this_thread::sleep_for(kPause)) {
+    try {
+      return RevokeToken(service, token);
+    } catch (const Failure& failure) {
+      const bool is_away = failure.exit_code == kUnavailable;
+      if (is_away && std::chrono::steady_clock::now() < deadline) continue;
+      std::cerr << "zelttoken: " << failure.what()
+                << (is_away ? "; the token stays valid until root drops it (zelttoken drop)\n"
+                            : "\n");
+      return;
+    }
   }
 }
 
@@ -113,7 +119,7 @@ Result Transfer(const Arguments& arguments) {
 }
 
 Result Run(const Arguments& arguments) {
-  Runner runner;  // holds signals back before there is a token that one could leave behind
+  Runner runner;  // blocks signals first: one that ended this process would leave a token behind
   const std::string token = IssueToken(arguments);
   Result result;
   try {

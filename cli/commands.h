@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,11 @@ struct Arguments {
   int pid = 0;
   int owner = 0;  ///< 0: not given
   std::vector<std::string> command;
+  std::string user;
+  std::vector<std::uint64_t> ids;
+  bool orphans = false;
+  bool all = false;
+  bool prometheus = false;
 };
 
 /// What a command has to say and to return.
@@ -23,11 +29,18 @@ struct Result {
   int exit_code = 0;
 };
 
+using Command = Result (*)(const Arguments&);
+
 Result Issue(const Arguments& arguments);
 Result Validate(const Arguments& arguments);
 Result Revoke(const Arguments& arguments);
 Result Transfer(const Arguments& arguments);
 Result Run(const Arguments& arguments);
+
+// For root and the daemon's user.
+Result List(const Arguments& arguments);
+Result Drop(const Arguments& arguments);
+Result Status(const Arguments& arguments);
 
 /// Revokes the token that `Issue` returned, if this process still owns it: to be called when the
 /// token could not be printed. Does not throw.

@@ -9,13 +9,12 @@
 
 #include "failure.h"
 #include "json_text.h"
+#include "message.h"
+#include "owned_descriptor.h"
 
 namespace {
 
-// The daemon takes no longer message.
-constexpr std::size_t kMaxBytes = 1U << 20;
-
-// Not fromFile: a shell's @<(command) is a pipe.
+// fromFile() reads regular files only, but a shell's @<(command) is a pipe.
 std::string ReadAll(int fd, const std::string& name) {
   std::array<char, 4096> chunk;  // NOLINT(*-member-init): written before it is read
   std::string text;
@@ -25,22 +24,15 @@ std::string ReadAll(int fd, const std::string& name) {
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) throw Failure(kUsage, "cannot read " + name + ": " + std::strerror(errno));
     text.append(chunk.data(), static_cast<std::size_t>(count));
-    if (text.size() > kMaxBytes) throw Failure(kUsage, name + " holds more than 1 MiB");
+    if (text.size() > zeltdaemon::kMaxMessageBytes)
+      throw Failure(kUsage, name + " holds more than 1 MiB");
   }
 }
 
 std::string ReadFile(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw Failure(kUsage, "cannot open " + path + ": " + std::strerror(errno));
-  std::string text;
-  try {
-    text = ReadAll(fd, path);
-  } catch (...) {
-    close(fd);
-    throw;
-  }
-  close(fd);
-  return text;
+  const ZELT::TokenManager::OwnedDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.IsOpen()) throw Failure(kUsage, "cannot open " + path + ": " + std::strerror(errno));
+  return ReadAll(file.Get(), path);
 }
 
 std::string Resolve(const std::string& argument) {
@@ -52,7 +44,7 @@ std::string Resolve(const std::string& argument) {
 
 std::string ReadToken(const std::string& argument) {
   std::string token = Resolve(argument);
-  // An argument itself is taken as it stands.
+  // Files end with a newline; an argument is taken as it is.
   if (token != argument && token.ends_with('\n')) token.pop_back();
   if (token.empty()) throw Failure(kUsage, "the token is empty");
   return token;

@@ -22,7 +22,7 @@ Runner::Runner() {
   sigfillset(&held_back);
   for (const int stop : {SIGTSTP, SIGTTIN, SIGTTOU}) sigdelset(&held_back, stop);
   sigprocmask(SIG_BLOCK, &held_back, &mask_before);
-  // Where it was ignored, the kernel would keep no exit status (waitpid(2)).
+  // While SIGCHLD is ignored, the kernel keeps no exit status (waitpid(2)).
   child_handler_before = std::signal(SIGCHLD, SIG_DFL);
 }
 
@@ -48,7 +48,7 @@ void Runner::Execute(std::vector<std::string>& command, const std::string& token
   _exit(error == ENOENT ? kNotFound : kNotExecutable);
 }
 
-// A signal of the terminal's reaches a command that is there by itself.
+// The terminal sends its signals to the command too, once that runs.
 void Runner::PassOn(const siginfo_t& signal, pid_t child) {
   const bool is_early = sigismember(&early, signal.si_signo) == 1;
   if (is_early || signal.si_code != SI_KERNEL) kill(child, signal.si_signo);

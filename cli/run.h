@@ -1,13 +1,13 @@
-// Running a command and taking part in its life.
+// Running a command and passing signals on to it.
 #pragma once
 
 #include <csignal>
 #include <string>
 #include <vector>
 
-/// Runs a command as a shell would. From its construction until this process ends, signals wait for
-/// `Run`, which passes them on: none but SIGKILL and those that stop a job end this process early.
-/// One thread; one runner in a process.
+/// Runs a command as a shell would. Signals are blocked from the construction of this object until
+/// the process ends, and `Run` passes them on to the command. Only SIGKILL can end this process
+/// early. One thread; one runner in a process.
 class Runner {
  public:
   Runner();
@@ -24,6 +24,6 @@ class Runner {
 
   sigset_t held_back{};
   sigset_t mask_before{};
-  sigset_t early{};  ///< what came before there was a command
+  sigset_t early{};  ///< signals that arrived before the command ran
   sighandler_t child_handler_before = SIG_DFL;
 };

@@ -48,9 +48,8 @@ CLI::Option* AddDuration(CLI::App& app, const std::string& name, std::uint64_t& 
 }
 
 void DescribeStore(CLI::App& app, Options& options, Texts& texts) {
-  app.add_option(
-         "--store", options.store,
-         std::string("File that keeps the tokens [") + kIndexedStore + " or " + kTextStore + "]")
+  app.add_option("--store", texts.store, "File that keeps the tokens")
+      ->default_str(std::string(kIndexedStore) + " or " + kTextStore)
       ->type_name("FILE");
   app.add_option("--store-format", texts.store_format, "\"text\" for a store that people read")
       ->check(CLI::IsMember({"indexed", "text"}))
@@ -76,7 +75,7 @@ void DescribeLimits(CLI::App& app, Options& options, Texts& texts) {
   AddLimit(app, "--workers", options.workers, "Processes that serve; default: one a processor",
            unsigned{kMaxWorkers});
   AddLimit(app, "--max-waiting", options.limits.waiting,
-           "Connections, for each worker, whose request has yet to arrive");
+           "Connections, for each worker, accepted and not yet answered");
   AddLimit(app, "--max-waiting-per-user", options.limits.waiting_per_user,
            "The same, for each user");
   AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user, "Tokens of one user",

@@ -3,49 +3,28 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "daemon_socket.h"
+#include "daemon_connection.h"
 #include "group_lookup.h"
 #include "json_member.h"
 #include "json_text.h"
-#include "zeltdaemon/domain_sock_connection.h"
 
 namespace ZELT::TokenManager {
 namespace {
 
 constexpr char kGroupMark = '@';
 
-class DaemonConnection : public zeltdaemon::DomainSockConnection {
- public:
-  explicit DaemonConnection(const char* socket_path)
-      : DomainSockConnection(socket_path), path(socket_path) {}
-
-  // Does not wait for a stranger whose backlog is full.
-  bool ConnectToDaemon() {
-    return !ForeignOwner(path) && Connect() && IsDaemonUser(GetPeerCredential(fd).uid);
-  }
-
- private:
-  const char* path;
-};
-
-Json::Value Exchange(DaemonConnection& connection, const Json::Value& request) {
-  if (!connection.Send(toString(request))) {
+Json::Value SendRequest(const Json::Value& request) {
+  const auto connection = ConnectToDaemon();
+  if (!connection) throw std::runtime_error("utils.cpp:62 failed to access domain socket");
+  if (!connection->Send(toString(request))) {
     throw std::runtime_error("utils.cpp:65 failed to send request");
   }
   std::string text;
   Json::Value response;
-  if (!connection.Recv(text) || !fromString(text, response)) {
+  if (!connection->Recv(text) || !fromString(text, response)) {
     throw std::runtime_error("utils.cpp:72 failed to receive response");
   }
   return response;
-}
-
-Json::Value SendRequest(const Json::Value& request) {
-  for (const char* path : kSocketPaths) {
-    DaemonConnection connection(path);
-    if (connection.ConnectToDaemon()) return Exchange(connection, request);
-  }
-  throw std::runtime_error("utils.cpp:62 failed to access domain socket");
 }
 
 Json::Value MakeRequest(const char* type, const std::string& service, const Json::Value& payload) {

@@ -11,7 +11,6 @@
 namespace {
 
 constexpr const char* kOpen = "open the store";
-constexpr unsigned int kMaxReaders = 1024;  // more than there are workers, killed ones included
 constexpr unsigned int kMaxTables = 8;
 constexpr std::uint64_t kSlack = 16U
                                  << 20;  // bytes the map has beyond a file that is large already
@@ -54,7 +53,6 @@ Database::Database(const std::string& path, std::uint64_t map_bytes, Use use) {
   const auto system_page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   const std::uint64_t map = std::max(map_bytes, size + kSlack) / system_page * system_page;
   Expect(mdb_env_set_mapsize(created, map), kOpen);
-  Expect(mdb_env_set_maxreaders(created, kMaxReaders), kOpen);
   Expect(mdb_env_set_maxdbs(created, kMaxTables), kOpen);
   const unsigned int flags = MDB_NOSUBDIR | MDB_NOTLS | kFlags.at(static_cast<std::size_t>(use));
   Expect(mdb_env_open(created, path.c_str(), flags, S_IRUSR | S_IWUSR), kOpen);

@@ -74,7 +74,16 @@ MDB_txn* IndexedStore::Write() {
   return write.get();
 }
 
-void IndexedStore::CommitWrite() { database.Commit(std::move(write)); }
+// A large record may find no row of free pages, and the file cannot grow: LMDB then reports a short
+// write, which sounds like a broken disk.
+void IndexedStore::CommitWrite() {
+  try {
+    database.Commit(std::move(write));
+  } catch (const std::runtime_error& error) {
+    if (!room.IsShort()) throw;
+    throw std::runtime_error(std::string(error.what()) + "; full is " + room.Shortage());
+  }
+}
 
 void IndexedStore::Commit() {
   if (removed) tables.Erase(Write(), std::exchange(removed, std::nullopt)->token);

@@ -21,6 +21,9 @@ class Room {
   /// Whether a reader keeps freed pages from being used again.
   bool ReadersHoldPages();
 
+  /// Whether the file system refused more space.
+  bool IsShort() const { return growth_error != 0; }
+
   /// Why the file cannot grow, with numbers.
   std::string Shortage() const;
 

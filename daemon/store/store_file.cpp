@@ -137,6 +137,19 @@ void ExpectOwnFile(const fs::path& path, const struct stat& status, mode_t forbi
                            "its tokens; move it away, or name another store");
 }
 
+// LMDB's own lock file is written through a mapping, where no room means SIGBUS. Made beforehand,
+// it has all its blocks.
+void PrepareLockFile(const std::string& path) {
+  constexpr off_t kBytes = 64 << 10;  // some thousand readers, more than there are workers
+  if (const auto status = StatusOf(path)) ExpectOwnFile(path, *status, S_IRWXG | S_IRWXO);
+  const OwnedDescriptor file(
+      open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  Expect(file.IsOpen(), "cannot open " + path);
+  if (lseek(file.Get(), 0, SEEK_END) == 0) WriteInPlace(file.Get());
+  errno = posix_fallocate(file.Get(), 0, kBytes);
+  Expect(errno == 0, "cannot make room for " + path);
+}
+
 bool Lock(int file, std::chrono::milliseconds patience) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (flock(file, LOCK_EX | LOCK_NB) != 0) {
@@ -173,6 +186,7 @@ StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds pati
   if (!Lock(file.Get(), patience))
     throw std::runtime_error("another daemon uses the store " + options.path);
   ExpectSameFile();
+  if (!text) PrepareLockFile(path + "-lock");
 }
 
 void StoreLock::ExpectSameFile() const {

@@ -11,7 +11,7 @@ missing() {
 
 commands=$("$program" --help | sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) .*/\1/p')
 for command in $commands; do
-  grep -q "^\*$command\* _SERVICE_" "$page" || missing "$command" "$page"
+  grep -qE "^\*$command\*( |$)" "$page" || missing "$command" "$page"
   grep -q "[ (]${command}[ )]" "$completion" || missing "$command" "$completion"
 done
 

@@ -13,8 +13,9 @@
 
 namespace ZELT {
 
-// Opened before the private machine hides the folder in which it was built.
-inline const int build_folder = open(ZELT_BUILD_DIR, O_PATH | O_DIRECTORY);
+// Opened before the private machine hides the folder in which it was built. The numbers below 10
+// are those that programs are given.
+inline const int build_folder = fcntl(open(ZELT_BUILD_DIR, O_PATH | O_DIRECTORY), F_DUPFD, 10);
 
 /// A shell that runs a command, and is ended by SIGKILL at the latest when this goes out of scope.
 struct Program {
@@ -33,6 +34,12 @@ struct Program {
   bool Logs(const std::string& text) const {
     return Eventually([&] { return Errors().find(text) != std::string::npos; });
   }
+  /// Its processes; of a daemon, the workers.
+  std::vector<pid_t> Children() const {
+    const std::string task = std::to_string(pid);
+    std::istringstream children(ReadFile("/proc/" + task + "/task/" + task + "/children"));
+    return {std::istream_iterator<pid_t>(children), {}};
+  }
   /// Sends a signal, 0 for none, waits for the end, and returns the exit code as of Finish().
   int End(int signal = 0) {
     if (exit_code < 0) kill(pid, signal);
@@ -50,11 +57,6 @@ struct Daemon : Program {
   explicit Daemon(const std::string& options = "--workers 2", const std::string& environment = "")
       : Program(environment + " exec zelttokenmgrd --stderr " + options) {
     EXPECT_TRUE(Logs("ready")) << Errors();
-  }
-  std::vector<pid_t> Workers() const {
-    const std::string task = std::to_string(pid);
-    std::istringstream children(ReadFile("/proc/" + task + "/task/" + task + "/children"));
-    return {std::istream_iterator<pid_t>(children), {}};
   }
 };
 

@@ -1,0 +1,233 @@
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <utility>
+
+#include "failure.h"
+#include "token_shape.h"
+
+namespace {
+
+constexpr const char* kOwnership =
+    "Only the process that asked for a token may revoke it; --owner hands it on.\n";
+
+// CLI11 itself would take "010" for 8.
+template <typename Number>
+Number ParseNumber(const std::string& name, const std::string& text) {
+  Number number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  if (number > 0 && std::to_string(number) == text) return number;
+  throw CLI::ValidationError(name, text + " is not a number from 1 to " +
+                                       std::to_string(std::numeric_limits<Number>::max()));
+}
+
+// An empty one would not narrow anything.
+std::string CheckFilter(const std::string& text) { return text.empty() ? "is empty" : ""; }
+
+// Catches options where a token is due: "revoke fastapi --json".
+std::string CheckToken(const std::string& text) {
+  const bool is_option =
+      text.size() > 1 && text.starts_with('-') && !ZELT::TokenManager::IsTokenShaped(text);
+  return is_option ? text + " is not a token" : "";
+}
+
+class Parser {
+ public:
+  explicit Parser(Invocation& target) : invocation(target), arguments(target.arguments) {
+    app.set_version_flag("--version", "zelttoken " ZELT_VERSION);
+    AddJson(&app);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(
+        std::string("A TOKEN or PAYLOAD is the value itself, @FILE or - (standard input).\n") +
+        kOwnership + R"(Exit codes: 0, 1 refused or not permitted, 64 bad usage, 69 no daemon.
+Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
+         "method":"get","runner":"alice"}')");
+    AddIssue();
+    AddValidate();
+    AddRevoke();
+    AddTransfer();
+    AddRun();
+    AddList();
+    AddDrop();
+    AddStatus();
+    app.allow_extras();  // which Parse() reads
+    AddJson(&after);
+  }
+
+  // Throws CLI::ParseError.
+  void Parse(std::vector<std::string> words) {
+    std::reverse(words.begin(), words.end());  // as CLI11 wants them
+    app.parse(words);
+    // Where operands come last, CLI11 leaves what follows them.
+    if (!words.empty()) after.parse(words);
+  }
+
+  // Prints help or the version, when that is what stopped CLI11. Throws `Failure` otherwise.
+  void Explain(const CLI::ParseError& error) const {
+    if (error.get_exit_code() == 0) return static_cast<void>(app.exit(error));
+    const auto commands = app.get_subcommands();
+    if (commands.empty()) {
+      throw Failure(kUsage,
+                    "name a command: issue, validate, revoke, transfer, run, list, drop or status; "
+                    "see --help");
+    }
+    throw Failure(kUsage, std::string(error.what()) + "; see zelttoken " +
+                              commands.front()->get_name() + " --help");
+  }
+
+ private:
+  // Set at once, so that later errors are printed as JSON too.
+  void AddJson(CLI::App* command) {
+    command->add_flag("--json", invocation.json, "Print the result as one JSON object")
+        ->trigger_on_parse();
+  }
+
+  CLI::App* Add(const char* name, const char* description, const char* example, Command command) {
+    CLI::App* added = app.add_subcommand(name, description);
+    added->footer(std::string("Example: ") + example);
+    added->callback([this, command] { invocation.command = command; });
+    return added;
+  }
+
+  void AddService(CLI::App* command) {
+    command->add_option("SERVICE", arguments.service, R"("fastapi" or "taskmanager")")->required();
+  }
+
+  // One token in 64 begins with "-", so no options are looked for from SERVICE on.
+  void AddToken(CLI::App* command) {
+    AddService(command);
+    command->add_option("TOKEN", arguments.token, "The token, @FILE or -")
+        ->required()
+        ->check(CheckToken);
+    command->positionals_at_end();
+  }
+
+  void AddPayload(CLI::App* command) {
+    command->add_option("PAYLOAD", arguments.payload, "JSON, @FILE or -")->required();
+  }
+
+  static CLI::Option* AddProcess(CLI::App* command, const std::string& name, int& pid,
+                                 const char* description) {
+    const auto read = [&pid, name](const std::string& text) { pid = ParseNumber<int>(name, text); };
+    return command->add_option_function<std::string>(name, read, description)->type_name("PID");
+  }
+
+  void AddFilter(CLI::App* command) {
+    command->add_option("--user", arguments.user, "Only tokens that this user asked for")
+        ->check(CheckFilter)
+        ->type_name("USER");
+    command->add_option("--service", arguments.service, "Only tokens of this service")
+        ->check(CheckFilter)
+        ->type_name("SERVICE");
+    command->add_flag("--orphans", arguments.orphans, "Only tokens whose owner is gone");
+  }
+
+  void AddIssue() {
+    CLI::App* issue = Add("issue", "Ask for a token and print it",
+                          R"(zelttoken issue fastapi --owner $$
+         '[{"api":"Demo.Item","method":"get"}]')",
+                          Issue);
+    issue->footer(kOwnership + issue->get_footer());
+    AddService(issue);
+    AddPayload(issue);
+    AddProcess(issue, "--owner", arguments.owner, "Hand the token to this process at once");
+  }
+
+  void AddValidate() {
+    CLI::App* validate = Add("validate", "Ask whether a token permits something",
+                             R"(zelttoken validate taskmanager @token
+         '{"action":"read","args":{"task":"backup_1","owner":"alice"}}')",
+                             Validate);
+    AddToken(validate);
+    AddPayload(validate);
+  }
+
+  void AddRevoke() {
+    AddToken(Add("revoke", "Delete a token that this process owns",
+                 "exec zelttoken revoke fastapi @token\n         (in a script that owns the token: "
+                 "exec keeps its process id)",
+                 Revoke));
+  }
+
+  void AddTransfer() {
+    CLI::App* transfer = Add("transfer", "Hand on a token that this process owns",
+                             "exec zelttoken transfer fastapi @token 4711", Transfer);
+    AddToken(transfer);
+    AddProcess(transfer, "PID", arguments.pid, "The new owner")->required();
+  }
+
+  // COMMAND's own words are what CLI11 leaves, so that it does not read them as lists or options.
+  void AddRun() {
+    CLI::App* run = Add("run",
+                        "Run a command with a token, then revoke the token:\n"
+                        "zelttoken run SERVICE PAYLOAD -- COMMAND [ARG...]",
+                        "zelttoken run fastapi @payload.json -- sh -c 'echo $ZELT_TOKEN'", Run);
+    run->fallthrough(false)->allow_extras();
+    AddJson(run);
+    AddService(run);
+    AddPayload(run);
+    const auto read = [this](const std::string& word) { arguments.command.push_back(word); };
+    run->add_option_function<std::string>("COMMAND", read, "What follows --, with its arguments")
+        ->required();
+    run->callback([this, run] {
+      const std::vector<std::string> rest = run->remaining();
+      if (rest.empty() || rest.front() != "--") throw CLI::RequiredError("-- COMMAND");
+      arguments.command.insert(arguments.command.end(), rest.begin() + 1, rest.end());
+      invocation.command = Run;
+    });
+  }
+
+  void AddList() {
+    AddFilter(Add("list", "List the tokens that exist, but not their text",
+                  "zelttoken list --user alice --orphans", List));
+  }
+
+  void AddDrop() {
+    CLI::App* drop = Add("drop", "End tokens of any owner", "zelttoken drop --user alice", Drop);
+    const auto read = [this](const std::vector<std::string>& ids) {
+      for (const std::string& id : ids)
+        arguments.ids.push_back(ParseNumber<std::uint64_t>("ID", id));
+    };
+    drop->add_option_function<std::vector<std::string>>("ID", read, "Only tokens with these ids");
+    AddFilter(drop);
+    drop->add_flag("--all", arguments.all, "All tokens of all users");
+    drop->callback([this] {
+      const bool is_narrowed = !arguments.ids.empty() || !arguments.user.empty() ||
+                               !arguments.service.empty() || arguments.orphans;
+      if (is_narrowed == arguments.all) {
+        throw CLI::RequiredError(
+            "Either --all or at least one of ID, --user, --service, --orphans");
+      }
+      invocation.command = Drop;
+    });
+  }
+
+  void AddStatus() {
+    CLI::App* status = Add("status", "Show the daemon's counters and its store",
+                           "zelttoken status --prometheus", Status);
+    status->add_flag("--prometheus", arguments.prometheus, "Print metrics for Prometheus")
+        ->excludes(app.get_option("--json"));
+  }
+
+  Invocation& invocation;
+  Arguments& arguments;
+  CLI::App app{"Issues, validates, revokes, transfers and looks after tokens through zelttokenmgrd",
+               "zelttoken"};
+  CLI::App after;
+};
+
+}  // namespace
+
+void ReadCommandLine(std::vector<std::string> words, Invocation& invocation) {
+  Parser parser(invocation);
+  try {
+    parser.Parse(std::move(words));
+  } catch (const CLI::ParseError& error) {
+    invocation.command = nullptr;
+    parser.Explain(error);
+  }
+}

@@ -1,0 +1,15 @@
+// What the daemon tells administrators, as text.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+/// Returns a table with a line for each of the `tokens` of a "list" response.
+std::string TokenTable(const Json::Value& tokens);
+
+/// Returns a "status" response as tables.
+std::string StatusReport(const Json::Value& status);
+
+/// Returns a "status" response in the text format that Prometheus reads.
+std::string PrometheusMetrics(const Json::Value& status);
