@@ -75,7 +75,7 @@ void DescribeLimits(CLI::App& app, Options& options, Texts& texts) {
   AddLimit(app, "--workers", options.workers, "Processes that serve; default: one a processor",
            unsigned{kMaxWorkers});
   AddLimit(app, "--max-waiting", options.limits.waiting,
-           "Connections, for each worker, whose request has yet to arrive");
+           "Connections, for each worker, accepted and not yet answered");
   AddLimit(app, "--max-waiting-per-user", options.limits.waiting_per_user,
            "The same, for each user");
   AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user, "Tokens of one user",

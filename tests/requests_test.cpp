@@ -167,6 +167,8 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
   }
   EXPECT_EQ(worker.AskFor("validate", token), "{'permitted':null,'success':false}");
   EXPECT_EQ(worker.Validate(token), kPermitted);
+  WriteFile("/etc/passwd", "\xff:x:4001:0::/:/bin/sh\n");
+  EXPECT_EQ(worker.Ask(From(0), "{'type':'status'}"), kRefused);
   fs::remove_all("/var/packages");
   EXPECT_EQ(worker.Issue(), "");
   EXPECT_NE(TakeLog().find("reason='/var/packages: No such file or directory'\n"),

@@ -12,6 +12,7 @@
 
 #include "configuration.h"
 #include "json_text.h"
+#include "packages.h"
 #include "services.h"
 #include "user_limits.h"
 #include "users.h"

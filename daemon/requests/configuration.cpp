@@ -16,6 +16,7 @@
 #include "json_text.h"
 #include "log.h"
 #include "owned_descriptor.h"
+#include "packages.h"
 #include "users.h"
 
 namespace fs = std::filesystem;
@@ -23,29 +24,27 @@ using namespace ZELT::TokenManager;
 
 namespace {
 
-// Bytes, as the library reads them.
-constexpr off_t kLargestConfiguration = off_t{4} << 20;
-constexpr off_t kLargestPrivilege = off_t{64} << 10;
-
 constexpr std::size_t kNamedCauses = 3;  // more would make the line longer, and say no more
 
 std::string SystemText(int error) { return std::generic_category().message(error); }
 
 // Why the library could not read the file at `path`, if it could not.
-std::string FileProblem(const std::string& path, off_t largest) {
+std::string FileProblem(const std::string& path, std::size_t max_bytes) {
   // Without O_NONBLOCK a FIFO would hold this process up.
   const OwnedDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status {};
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return SystemText(errno);
   if (!S_ISREG(status.st_mode)) return "not a regular file";
-  if (status.st_size > largest) return "larger than " + std::to_string(largest >> 10) + " KiB";
+  if (static_cast<std::size_t>(status.st_size) > max_bytes) {
+    return "larger than " + std::to_string(max_bytes >> 10U) + " KiB";
+  }
   char byte = 0;
   return read(file.Get(), &byte, 1) < 0 ? SystemText(errno) : "";
 }
 
-std::string ReadJsonFile(const std::string& path, off_t largest, Json::Value& value) {
-  std::string problem = FileProblem(path, largest);
-  if (problem.empty() && !fromFile(path, value)) problem = "not JSON";
+std::string ReadJsonFile(const std::string& path, std::size_t max_bytes, Json::Value& value) {
+  std::string problem = FileProblem(path, max_bytes);
+  if (problem.empty() && !fromFile(path, value, max_bytes)) problem = "not JSON";
   if (problem.empty() && !value.isObject()) problem = "not a JSON object";
   return problem;
 }
@@ -55,7 +54,7 @@ void ReadPrivilege(Package& package) {
   std::error_code ignored;
   if (!fs::exists(fs::symlink_status(package.privilege, ignored))) return;
   Json::Value privilege;
-  package.problem = ReadJsonFile(package.privilege, kLargestPrivilege, privilege);
+  package.problem = ReadJsonFile(package.privilege, kMaxPrivilegeBytes, privilege);
   if (!package.problem.empty() || !privilege.isMember("username")) return;
   const std::string user = TextOf(privilege["username"]);
   if (user.empty()) {
@@ -108,7 +107,7 @@ std::vector<Package> ReadPackages() {
     packages.push_back({.name = name,
                         .directory = entry.path(),
                         .user = name,
-                        .privilege = entry.path() / "conf" / "privilege",
+                        .privilege = entry.path() / kPrivilegeFile,
                         .problem = ""});
     ReadPrivilege(packages.back());
   }
@@ -116,7 +115,7 @@ std::vector<Package> ReadPackages() {
 }
 
 std::string ReadConfiguration(const std::string& path, Json::Value& configuration) {
-  return ReadJsonFile(path, kLargestConfiguration, configuration);
+  return ReadJsonFile(path, kMaxFileBytes, configuration);
 }
 
 std::vector<std::string> ListFiles(const std::string& directory) {

@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-constexpr const char* kPackages = "/var/packages";
-
 /// A package as the library sees it.
 struct Package {
   std::string name;

@@ -24,20 +24,16 @@ enum class Sender { kAnybody, kOwner, kAdministrator };
 // hold half a million, and keep everybody waiting while it is parsed and copied.
 constexpr std::size_t kMaxValues = 10000;
 
+// Refusals say nothing else, whatever the operation has put into its response until then.
+constexpr const char* kRefused = R"({"success":false})";
+constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
+
 constexpr unsigned int kTurnsBetweenLooks = 60;  // a look reads a directory: about once a minute
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
   return text.size() > kMaxValues &&
          std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
-}
-
-// The text of a string value, empty for any other; asString would copy it.
-std::string_view TextView(const Json::Value& value) {
-  const char* begin = nullptr;
-  const char* end = nullptr;
-  value.getString(&begin, &end);
-  return {begin, end};
 }
 
 const char* Name(RequestType type) { return kRequestTypeNames.at(static_cast<std::size_t>(type)); }
@@ -49,7 +45,7 @@ std::atomic<std::uint64_t>& CounterOf(RequestType type, auto& counters) {
 // The text store ends a token at a space and a line at a newline, its cache ends a token at a NUL
 // byte: with one of them in it, a text would mean one token to the store and another to the cache.
 void ExpectWholeToken(const Json::Value& request) {
-  const std::string_view token = TextView(request["token"]);
+  const std::string_view token = StringView(request["token"]);
   if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
   if (token.find_first_of(std::string_view(" \n\0", 3)) != token.npos) {
     throw std::runtime_error("no token holds a space, a newline or a NUL byte");
@@ -100,18 +96,18 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   slot.activity = Activity::kServing;
   Json::Value request;
   Json::Value response(Json::objectValue);
-  response["success"] = false;
+  std::string answer;
   try {
     Handle(peer, text, request, response);
+    answer = toString(response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    response["success"] = false;
-    response.removeMember("token");  // of an issue that could not be committed
+    answer = response.isMember("permitted") ? kCannotTell : kRefused;
     Refuse(peer, request, refusal.what());
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
   slot.activity = Activity::kIdle;
-  return toString(response);
+  return answer;
 }
 
 void RequestHandler::OnIdle() {
@@ -135,7 +131,7 @@ const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request
       Operation{RequestType::kStatus, Sender::kAdministrator,
                 &This::Administer<&Administration::Status>},
   };
-  const std::string_view type = TextView(request["type"]);
+  const std::string_view type = StringView(request["type"]);
   for (const Operation& operation : operations) {
     if (type == Name(operation.type)) return operation;
   }

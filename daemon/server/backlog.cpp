@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -53,9 +54,15 @@ int Backlog::AcceptFrom(Source& source) {
     if (fd >= 0) return fd;
     if (errno == EINTR || errno == ECONNABORTED) continue;
     source.pending = false;
+    source.was_empty = source.was_empty || errno == EAGAIN;
     if (errno != EAGAIN) Pause(errno);
     return -1;
   }
+}
+
+bool Backlog::WasEmpty() const {
+  return std::all_of(sources.begin(), sources.end(),
+                     [](const Source& each) { return each.was_empty; });
 }
 
 void Backlog::Pause(int error) {

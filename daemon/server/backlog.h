@@ -28,6 +28,10 @@ class Backlog {
   /// there is nothing to accept.
   int Accept();
 
+  /// Whether each listening socket has been found empty once: then no further connection is older
+  /// than this object.
+  bool WasEmpty() const;
+
   /// Stops accepting for a moment, because of the lack that `error` names (errno(3)).
   void Pause(int error);
 
@@ -37,7 +41,8 @@ class Backlog {
  private:
   struct Source {
     Listener listener;
-    bool pending = false;  // there may be something to accept
+    bool pending = true;  // there may be something to accept
+    bool was_empty = false;
     Event acceptable;
   };
 

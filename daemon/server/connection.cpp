@@ -1,17 +1,25 @@
 #include "connection.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 
 using State = zeltdaemon::MessageReader::State;
 
+Connection::~Connection() {
+  awaited.reset();  // while the number is still this connection's
+  descriptors != nullptr ? descriptors->Close(fd) : static_cast<void>(close(fd));
+}
+
 // One piece at a time: who sends as fast as this process reads must not keep it.
 State Connection::Receive(bool& more) {
   // Most messages fit, and then one call is all it takes.
   std::array<char, 16384> piece;  // NOLINT(*-member-init): written before it is read
-  const ssize_t count = descriptors.Receive(fd, piece.data(), piece.size());
+  const ssize_t count = descriptors != nullptr
+                            ? PassedDescriptors::Receive(fd, piece.data(), piece.size())
+                            : recv(fd, piece.data(), piece.size(), MSG_DONTWAIT);
   more = count == static_cast<ssize_t>(piece.size()) || (count < 0 && errno == EINTR);
   if (count >= 0) return reader.Add(piece.data(), static_cast<std::size_t>(count));
   return more || errno == EAGAIN ? State::kIncomplete : State::kFailed;

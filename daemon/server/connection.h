@@ -26,10 +26,11 @@ class Connection : public Hook {
  public:
   using Clock = std::chrono::steady_clock;
 
-  Connection(int connected, PassedDescriptors& passed_descriptors,
+  /// `passed_descriptors` is null for a connection on which the kernel lets none through.
+  Connection(int connected, PassedDescriptors* passed_descriptors,
              Clock::time_point request_deadline)
       : deadline(request_deadline), fd(connected), descriptors(passed_descriptors) {}
-  ~Connection() { descriptors.Close(fd); }
+  ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -59,5 +60,5 @@ class Connection : public Hook {
 
  private:
   int fd;
-  PassedDescriptors& descriptors;
+  PassedDescriptors* descriptors;
 };

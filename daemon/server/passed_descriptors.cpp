@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr int kPassRights = 83;  // SO_PASSRIGHTS, which older headers lack
-
 // Connections that are closed together: each is one descriptor less for others until then.
 constexpr std::size_t kSuspectsAtOnce = 32;
 
@@ -38,26 +36,20 @@ bool HoldsUnread(int fd) {
 
 }  // namespace
 
-void RefuseDescriptors(int listener) {
+bool RefuseDescriptors(int listener) {
+  constexpr int kPassRights = 83;  // SO_PASSRIGHTS, which older headers lack
   const int pass = 0;
-  setsockopt(listener, SOL_SOCKET, kPassRights, &pass, sizeof pass);
+  return setsockopt(listener, SOL_SOCKET, kPassRights, &pass, sizeof pass) == 0;
 }
 
-bool PassesDescriptors(int listener) {
-  int pass = 1;
-  socklen_t length = sizeof pass;
-  return getsockopt(listener, SOL_SOCKET, kPassRights, &pass, &length) != 0 || pass != 0;
-}
-
-ssize_t PassedDescriptors::Receive(int fd, char* bytes, std::size_t size) const {
-  if (!can_arrive) return recv(fd, bytes, size, MSG_DONTWAIT);
+ssize_t PassedDescriptors::Receive(int fd, char* bytes, std::size_t size) {
   const ssize_t count = Peek(fd, bytes, size);
   if (count <= 0) return count;
   return recv(fd, bytes, static_cast<std::size_t>(count), MSG_DONTWAIT);
 }
 
 void PassedDescriptors::Close(int fd) {
-  if (!can_arrive || !HoldsUnread(fd)) {
+  if (!HoldsUnread(fd)) {
     close(fd);
     return;
   }

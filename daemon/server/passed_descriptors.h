@@ -6,12 +6,9 @@
 #include <cstddef>
 #include <vector>
 
-/// Has the kernel refuse descriptors that clients of `listener` send (SO_PASSRIGHTS, Linux 6.16).
-/// Accepted connections inherit it.
-void RefuseDescriptors(int listener);
-
-/// Whether clients of `listener` can send descriptors all the same.
-bool PassesDescriptors(int listener);
+/// Has the kernel refuse descriptors that clients of `listener` send from now on, on connections
+/// that are made from now on (SO_PASSRIGHTS, Linux 6.16). Returns false where it cannot.
+bool RefuseDescriptors(int listener);
 
 /// Receives from connections, and closes them, so that no descriptor sent along is ever installed
 /// here, nor closed where the close may wait. The last close of a socket waits as long as its
@@ -21,15 +18,14 @@ bool PassesDescriptors(int listener);
 /// Threads: one. `Flush` ends a thread of its own each time that there is something to flush.
 class PassedDescriptors {
  public:
-  /// With `possible` false the kernel refuses them, and everything is as without this class.
-  explicit PassedDescriptors(bool possible) : can_arrive(possible) {}
+  PassedDescriptors() = default;
   ~PassedDescriptors() { Flush(); }
   PassedDescriptors(const PassedDescriptors&) = delete;
   PassedDescriptors& operator=(const PassedDescriptors&) = delete;
 
   /// As recv(2), without waiting. Fails with EPERM, and receives nothing, when descriptors come
   /// with what has arrived.
-  ssize_t Receive(int fd, char* bytes, std::size_t size) const;
+  static ssize_t Receive(int fd, char* bytes, std::size_t size);
 
   /// Closes the connection `fd`, at the next `Flush` at the latest.
   void Close(int fd);
@@ -38,6 +34,5 @@ class PassedDescriptors {
   void Flush();
 
  private:
-  bool can_arrive;
   std::vector<int> suspects;  // connections with something unread
 };

@@ -39,10 +39,10 @@ timeval TimeLeft(Connection::Clock::duration left) {
   return {.tv_sec = count / 1000000, .tv_usec = count % 1000000};
 }
 
-bool AnyPassesDescriptors(const std::vector<Listener>& listeners) {
-  for (const Listener& each : listeners) RefuseDescriptors(each.fd);
-  return std::any_of(listeners.begin(), listeners.end(),
-                     [](const Listener& each) { return PassesDescriptors(each.fd); });
+bool AllRefuseDescriptors(const std::vector<Listener>& listeners) {
+  const auto count = std::count_if(listeners.begin(), listeners.end(),
+                                   [](const Listener& each) { return RefuseDescriptors(each.fd); });
+  return static_cast<std::size_t>(count) == listeners.size();
 }
 
 EventBase MakeBase() {
@@ -58,7 +58,7 @@ Server::Server(const std::vector<Listener>& listeners, const ServerLimits& serve
     : limits(server_limits),
       slot(worker_slot),
       base(MakeBase()),
-      descriptors(AnyPassesDescriptors(listeners)),
+      descriptors_refused(limits.refuse_descriptors && AllRefuseDescriptors(listeners)),
       queues(limits),
       backlog(base, listeners) {
   const auto set = [](evutil_socket_t, short, void* flag) { *static_cast<bool*>(flag) = true; };
@@ -74,6 +74,7 @@ void Server::Serve(const Handler& request_handler) {
   sigemptyset(&handled);
   sigaddset(&handled, SIGTERM);
   sigprocmask(SIG_UNBLOCK, &handled, nullptr);
+  turn_end = Clock::now() + kTurn;
   while (!ending) Step();
   Drain();
   event_del(terminate.get());
@@ -81,10 +82,11 @@ void Server::Serve(const Handler& request_handler) {
 
 void Server::Step() {
   now = Clock::now();
-  if (now >= turn_end || accepted == limits.backlog) BeginTurn();
+  if (now >= turn_end || accepted == limits.backlog) return BeginTurn();
   if (Connection* const next = queues.Next()) {
     TakeTurn(*next);
   } else if (!AcceptOne()) {
+    descriptors_can_arrive = !descriptors_refused || !backlog.WasEmpty();
     descriptors.Flush();
     RunEvents(EVLOOP_ONCE);
     accepted = 0;
@@ -94,8 +96,9 @@ void Server::Step() {
 
 // Whoever was in the backlog when the turn began is served or found by its end.
 void Server::BeginTurn() {
+  const bool overdue = now >= turn_end;
   RunEvents(EVLOOP_ONCE | EVLOOP_NONBLOCK);
-  for (int i = 0; now >= turn_end && i < limits.backlog && AcceptOne(); ++i) {
+  for (int i = 0; overdue && !ending && i < limits.backlog && AcceptOne(); ++i) {
   }
   descriptors.Flush();
   accepted = 0;
@@ -119,7 +122,8 @@ bool Server::AcceptOne() {
   ++accepted;
   std::list<Connection> connection;
   try {
-    connection.emplace_back(fd, descriptors, now + limits.request_deadline);
+    connection.emplace_back(fd, descriptors_can_arrive ? &descriptors : nullptr,
+                            now + limits.request_deadline);
   } catch (const std::bad_alloc&) {
     close(fd);
     backlog.Pause(ENOMEM);

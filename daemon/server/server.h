@@ -59,6 +59,8 @@ class Server {
   const ServerLimits& limits;
   WorkerSlot& slot;
   EventBase base;
+  const bool descriptors_refused;      // by the kernel, on connections that are younger
+  bool descriptors_can_arrive = true;  // on the next connection
   PassedDescriptors descriptors;
   Queues queues;
   Backlog backlog;

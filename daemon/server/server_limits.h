@@ -16,7 +16,7 @@ struct ServerLimits {
 
   /// Bytes of requests that are still to arrive in whole, and of answers that are still to be
   /// taken, for one user. Several of the longest messages (message.h).
-  std::size_t bytes_per_user = std::size_t{4} << 20;
+  std::size_t bytes_per_user = std::size_t{8} << 20;
 
   /// Connections that the kernel keeps until they are accepted (listen(2)). Further clients wait in
   /// connect(2). Small, because the kernel keeps them in the order of arrival, whose they may be.
@@ -27,4 +27,7 @@ struct ServerLimits {
 
   /// For a whole answer that the client does not take at once.
   std::chrono::milliseconds answer_deadline{5000};
+
+  /// Whether the kernel is asked to refuse descriptors sent along. Kernels before 6.16 cannot.
+  bool refuse_descriptors = true;
 };

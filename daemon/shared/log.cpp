@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -123,6 +124,7 @@ int error_output = STDERR_FILENO;
 
 // Of its own, since O_NONBLOCK would hold for whoever shares the description (open(2)).
 void OpenErrorOutput() {
+  error_output = STDERR_FILENO;
   struct stat status {};
   if (fstat(STDERR_FILENO, &status) != 0) return;
   if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return;

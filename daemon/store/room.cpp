@@ -56,10 +56,10 @@ std::uint64_t Room::SparePages() const {
 }
 
 // A full file system is not asked again and again: some take all that is left before they fail.
-void Room::Grow() {
+void Room::Grow(std::uint64_t pages_ahead) {
   const auto now = std::chrono::steady_clock::now();
   const std::uint64_t allocated = AllocatedPages();
-  const std::uint64_t wanted = std::min(database.LastPage() + 1 + kAhead, database.MapPages());
+  const std::uint64_t wanted = std::min(database.LastPage() + 1 + pages_ahead, database.MapPages());
   if (allocated >= wanted) growth_error = 0;
   if (allocated >= wanted || now < next_growth) return;
   const std::uint64_t page = database.PageBytes();

@@ -30,7 +30,7 @@ class Room {
  private:
   std::uint64_t AllocatedPages() const;
   std::uint64_t SparePages() const;
-  void Grow();
+  void Grow(std::uint64_t pages_ahead);
   std::uint64_t ReusablePages(std::uint64_t enough);
   std::uint64_t OldestRead();
 

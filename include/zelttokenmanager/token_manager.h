@@ -62,7 +62,8 @@ class [[gnu::visibility("default")]] TokenManager {
   ///
   /// Request: {"service": string, ...}; the service reads the rest. Response: "success", "token".
   /// The peer's user must be the one under whom an installed package runs: the first entry of
-  /// "/var/packages" whose "conf/privilege" names the user, or whose own name is the user's.
+  /// "/var/packages" whose "conf/privilege" (of at most 64 KiB) names the user, or whose own name
+  /// is the user's.
   void IssueToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
   /// Asks the service whether the request is permitted under the token. Any process may ask.

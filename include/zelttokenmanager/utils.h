@@ -8,11 +8,15 @@
 
 namespace ZELT::TokenManager {
 
-// Each call below is one exchange with the daemon on "/tmp/zelttokenmgr.sock": connect, one
-// request, one response, close. They share no state, so any number of threads may call them. They
-// throw `std::runtime_error` when the daemon cannot be reached, the request not be sent (a message
-// is at most 1 MiB), or no valid response arrives within 30 seconds of waiting. Why the daemon
-// refused a request stands only in the daemon's log.
+// Each call below is one exchange with the daemon: connect, one request, one response, close. The
+// daemon is reached at "/tmp/zelttokenmgr.sock" or, where that cannot be, at
+// "/run/zelttokenmgr/socket". Nothing is sent to a process that is not root's, the caller's own
+// user's or the user zelttokenmgr's: it does not count as the daemon.
+//
+// The calls share no state, so any number of threads may make them, and they may be made until the
+// process has ended. They throw `std::runtime_error` when the daemon cannot be reached, the request
+// cannot be written as JSON or not be sent (a message is at most 1 MiB), or no valid response
+// arrives within 30 seconds of waiting. Why the daemon refused a request stands only in its log.
 
 /// Returns a new token of `service`, owned by this process. What `payload` holds is the service's
 /// matter. Throws `std::runtime_error` when the daemon refuses.

@@ -1,4 +1,4 @@
-// A server in the test's own process.
+// A server in the test's own process, and a client that writes what it likes.
 #pragma once
 
 #include <sys/socket.h>
@@ -8,14 +8,36 @@
 
 #include "server.h"
 #include "support/testing.h"
+#include "zeltdaemon/domain_sock_connection.h"
 
 namespace ZELT {
 
-/// Serves a socket at a path, in `Run` or in another thread while `Use` runs.
+inline std::string Echo(const Peer& /*peer*/, const std::string& request) { return request; }
+
+struct Client : zeltdaemon::DomainSockConnection {
+  explicit Client(const std::string& socket_path, const std::string& bytes = "")
+      : DomainSockConnection(socket_path) {
+    EXPECT_TRUE(Connect() && Write(bytes));
+  }
+  bool Write(const std::string& bytes) const {
+    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  }
+  void EndStream() const { shutdown(fd, SHUT_WR); }
+  std::string Answer() {
+    std::string answer = "none";
+    Recv(answer);
+    return answer;
+  }
+  int Descriptor() const { return fd; }
+};
+
+/// Listens on a socket at a path, and serves it when told to.
 class TestServer {
  public:
-  explicit TestServer(const std::string& path, const ServerLimits& server_limits = {})
-      : limits(server_limits), listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit TestServer(const std::string& socket_path, const ServerLimits& server_limits = {})
+      : path(socket_path),
+        limits(server_limits),
+        listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -28,14 +50,29 @@ class TestServer {
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
 
-  /// To be called by the handler.
-  static void Stop() { kill(getpid(), SIGTERM); }
-
-  void Run(const Server::Handler& handler, bool inherited = false) {
+  /// Serves until a handler calls `Stop`.
+  void Run(const Server::Handler& handler, bool inherited = false,
+           const std::function<void()>& on_idle = nullptr) {
     Server server({{.fd = listener, .inherited = inherited}}, limits, slot);
+    server.OnIdle(on_idle);
     server.Serve(handler);
   }
+  static void Stop() { kill(getpid(), SIGTERM); }
 
+  /// Serves on a thread of its own while `use` runs.
+  void While(const Server::Handler& handler, const std::function<void()>& use) {
+    const std::jthread thread([&] {
+      Run([&](const Peer& peer, const std::string& request) {
+        if (request == "stop") Stop();
+        return handler(peer, request);
+      });
+    });
+    use();
+    Client(path, "stop\n");
+  }
+
+ private:
+  const std::string path;
   const ServerLimits limits;
   const int listener;
   WorkerSlot slot;

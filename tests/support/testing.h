@@ -189,5 +189,6 @@ extern "C" [[gnu::visibility("default"), gnu::used]] inline void syslog(int prio
   std::vsnprintf(text.data(), text.size(), format, arguments);
   va_end(arguments);
   const std::lock_guard<std::mutex> lock(ZELT::log_mutex);
-  ZELT::log_text += "<" + std::to_string(priority) + ">" + text.data() + "\n";
+  ZELT::log_text.append("<").append(std::to_string(priority)).append(">");
+  ZELT::log_text.append(text.data()).append("\n");
 }

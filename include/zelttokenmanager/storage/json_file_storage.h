@@ -22,14 +22,15 @@ namespace ZELT::TokenManager {
 /// mapped (mmap(2)), so that is also what reading or removing meets after the last record is gone.
 class [[gnu::visibility("default")]] JsonFileStorage : public TokenStorage {
  public:
-  /// Makes the directory of `path` where it is missing, sets its mode to 0300 in any case, and
-  /// makes the lock file. The store file itself is made by the first `Insert`. Failures of the
-  /// directory pass through as `boost::filesystem::filesystem_error`.
+  /// Makes the directory that `path` names where it is missing, sets its mode to 0300 in any case,
+  /// and makes the lock file. A path without a "/" leaves the current directory as it is. The store
+  /// file itself is made by the first `Insert`. Failures of the directory pass through as
+  /// `boost::filesystem::filesystem_error`.
   explicit JsonFileStorage(const std::string& path);
   ~JsonFileStorage() override;
 
   /// Appends a record. When it cannot be written whole, what was written of it is cut off again as
-  /// far as the file allows.
+  /// far as the file allows. Data that JSON text cannot express changes nothing.
   void Insert(const std::string& token, const Json::Value& data) override;
 
   /// Deletes the first record of `token`, if there is one.

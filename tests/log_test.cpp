@@ -1,0 +1,107 @@
+#include "log.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+
+#include "refusals.h"
+#include "support/testing.h"
+
+namespace ZELT::LogTests {
+
+using LogTest = PrivateFiles;
+
+// What `write` logs, less the name and the number of the process.
+std::string Logged(const std::function<void()>& write) {
+  testing::internal::CaptureStderr();
+  OpenLog(true);
+  write();
+  return std::regex_replace(testing::internal::GetCapturedStderr(),
+                            std::regex(R"(zelttokenmgrd\[\d+\]: )"), "");
+}
+
+const std::pair<std::string, std::string> kTexts[] = {
+    {"plain \\ ä€😀 text", "plain \\ ä€😀 text"},
+    {"a\nb\tc\x1b[2J\x7f", "a\\u000ab\\u0009c\\u001b[2J\\u007f"},
+    {"\u0080\u009b\u009f\u00a0", "\\u0080\\u009b\\u009f\u00a0"},
+    {"\u202e\u2066\u2069\u200f\u061c\u2028", "\\u202e\\u2066\\u2069\\u200f\\u061c\\u2028"},
+    {"\x9b \xc3 \xe2\x82 \xff", "\\x9b \\xc3 \\xe2\\x82 \\xff"},
+};
+
+TEST_F(LogTest, WhatATerminalObeysIsEscaped) {
+  for (const auto& [text, line] : kTexts) {
+    EXPECT_EQ(Logged([&] { Log(LOG_INFO, "%s", text.c_str()); }), line + "\n");
+  }
+}
+
+// Nobody reads while the lines are written, then the lost ones are told of.
+constexpr int kLines = 10000;
+
+void CheckLost(const std::function<std::string()>& read) {
+  Log(LOG_INFO, "before");
+  read();
+  for (int i = 0; i < kLines; ++i) Log(LOG_INFO, "a line");
+  std::string text = read();
+  Log(LOG_INFO, "after");
+  text += read();
+  const auto lines = std::count(text.begin(), text.end(), '\n') - 2;
+  EXPECT_GT(lines, 0);
+  const std::string lost = std::to_string(kLines - lines) + " lines of the log were lost\n";
+  EXPECT_TRUE(std::regex_search(text, std::regex("\\]: " + lost + "[^\n]*\\]: after\n$"))) << lines;
+}
+
+TEST_F(LogTest, AReaderOfStandardErrorThatStallsLosesLines) {
+  std::array<int, 2> ends{};
+  Check(pipe2(ends.data(), O_CLOEXEC), "pipe");
+  const int usual = dup(STDERR_FILENO);
+  dup2(ends[1], STDERR_FILENO);
+  OpenLog(true);
+  CheckLost([&] {
+    std::string text(1 << 20, '\0');
+    text.resize(static_cast<std::size_t>(read(ends[0], text.data(), text.size())));
+    return text;
+  });
+  dup2(usual, STDERR_FILENO);
+  OpenLog(false);
+  for (const int each : {usual, ends[0], ends[1]}) close(each);
+}
+
+TEST_F(LogTest, ALoggerThatStallsOrStartsAgainLosesLines) {
+  MountEmpty("/dev", "mode=755");
+  OpenLog(false);
+  for (int i = 0; i < 2; ++i) {
+    fs::remove("/dev/log");
+    const int logger = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/dev/log"};
+    Check(bind(logger, reinterpret_cast<const sockaddr*>(&address), sizeof address), "/dev/log");
+    CheckLost([&] {
+      std::string text;
+      std::array<char, 256> line{};
+      for (ssize_t n = 0; (n = recv(logger, line.data(), line.size(), 0)) > 0; text += '\n') {
+        text.append(line.data(), static_cast<std::size_t>(n));
+      }
+      return text;
+    });
+    close(logger);
+  }
+  Check(umount("/dev"), "/dev");
+}
+
+TEST_F(LogTest, RefusalsOfAUserAreLimitedAndSummedUp) {
+  const auto refusals = std::make_unique<Refusals>();
+  const std::chrono::seconds now(7);
+  EXPECT_EQ(Logged([&] {
+              for (int i = 0; i < 25; ++i) {
+                if (refusals->MayLog(4001, now)) Log(LOG_NOTICE, "%d", i);
+              }
+              EXPECT_TRUE(refusals->MayLog(4002, now));
+              refusals->LogHeldBack(now);
+              EXPECT_TRUE(refusals->MayLog(4001, now + std::chrono::seconds(1)));
+              for (int i = 1; i < 3; ++i) refusals->LogHeldBack(now + std::chrono::seconds(i));
+            }),
+            "0\n1\n2\n3\n4\n5\n6\n7\n8\n9\n10\n11\n12\n13\n14\n15\n16\n17\n18\n19\n"
+            "5 more refusals of user 4001 were not logged\n");
+}
+
+}  // namespace ZELT::LogTests
