@@ -10,14 +10,14 @@
 
 namespace ZELT::TokenManager {
 
-/// A connection to one of the daemon's addresses, which knows who listens there.
+/// A connection to one of the daemon's addresses, which checks who listens there.
 class DaemonConnection : public zeltdaemon::DomainSockConnection {
  public:
   explicit DaemonConnection(const char* socket_path)
       : DomainSockConnection(socket_path), path(socket_path) {}
 
-  /// Connects, and returns whether the daemon listens. Does not wait for a stranger whose backlog
-  /// is full.
+  /// Connects, and returns whether it is the daemon that listens. Does not wait for somebody else's
+  /// socket whose backlog is full.
   bool ConnectToDaemon() { return !ForeignOwner(path) && Connect() && IsDaemon(); }
 
  private:

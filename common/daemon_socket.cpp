@@ -18,7 +18,7 @@ bool IsPackagedUser(uid_t user) {
 }  // namespace
 
 bool IsDaemonUser(uid_t user) {
-  return user == 0 || user == geteuid() || IsPackagedUser(user);  // the look-up only if need be
+  return user == 0 || user == geteuid() || IsPackagedUser(user);  // the look-up last: it costs most
 }
 
 std::optional<uid_t> ForeignOwner(const char* path) {

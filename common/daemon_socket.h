@@ -1,4 +1,5 @@
-// Where clients reach the daemon, and whom they take for it: anybody may put a socket into /tmp.
+// Where clients reach the daemon, and whom they accept as the daemon: anybody can make a socket in
+// /tmp.
 #pragma once
 
 #include <sys/types.h>
@@ -17,12 +18,12 @@ inline constexpr std::array kSocketPaths{kSocketPath, kSecondSocketPath};
 /// The user under whom the packages run the daemon.
 inline constexpr const char* kDaemonUser = "zelttokenmgr";
 
-/// Whether clients take a process of `user` for the daemon: root, this process's effective user and
-/// "zelttokenmgr".
+/// Whether clients accept a process of `user` as the daemon. They accept root, this process's
+/// effective user, and "zelttokenmgr".
 bool IsDaemonUser(uid_t user);
 
-/// Returns the owner of what stands at `path` (not of what a symbolic link there leads to), unless
-/// that is a user of the daemon or nothing can be seen there.
+/// Returns the owner of the file at `path` (of a symbolic link itself, if it is one), unless
+/// clients accept that owner as the daemon or there is no file to be seen.
 std::optional<uid_t> ForeignOwner(const char* path);
 
 }  // namespace ZELT::TokenManager

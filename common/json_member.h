@@ -10,8 +10,8 @@
 
 namespace ZELT::TokenManager {
 
-// Each returns the member `name` of `object` when that is an object with such a member of the type.
-// Texts are views into `object`.
+// Each returns the member `name` of `object`, and throws unless `object` is an object and the
+// member has the type. Texts are views into `object`.
 std::string_view StringMember(const Json::Value& object, std::string_view name, const char* where);
 int IntMember(const Json::Value& object, std::string_view name, const char* where);
 const Json::Value& ObjectMember(const Json::Value& object, std::string_view name,
@@ -25,13 +25,13 @@ void ExpectArray(const Json::Value& value, const char* where);
 /// into it.
 std::string_view ExpectString(const Json::Value& value, const char* where);
 
-/// Returns the member `name`, or null when `object` is no object or lacks it.
+/// Returns the member `name`, or null when `object` is not an object or has no such member.
 const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name);
 
 /// Returns the text of a string value; asString would copy it.
 std::string_view StringView(const Json::Value& string);
 
-// Conversions that never throw: what does not convert reads as the empty string or false.
+// Conversions that never throw. They return the empty string or false for what does not convert.
 std::string TextOf(const Json::Value& value);
 bool TruthOf(const Json::Value& value);
 

@@ -170,8 +170,8 @@ class File {
     return fd.IsOpen() && fstat(fd.Get(), &status) == 0 && S_ISREG(status.st_mode);
   }
 
-  // The size in the file's status only saves a read(2) that would return nothing: the file may
-  // have changed since, and there are regular files that do not tell their size, proc(5).
+  // The size in the file's status only saves a last read(2) that returns nothing. The file may have
+  // changed since, and some regular files do not tell their size, see proc(5).
   bool ReadAll(std::string& text, std::size_t max_bytes) const {
     std::array<char, 16384> chunk;  // NOLINT(*-member-init): written before it is read
     while (text.size() <= max_bytes) {

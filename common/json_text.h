@@ -8,14 +8,14 @@
 
 namespace ZELT::TokenManager {
 
-/// Arrays and objects inside each other. Enough for any document that makes sense; jsoncpp walks,
-/// copies and frees a value by recursion, so that the depth costs stack.
+/// How deep arrays and objects may be nested. Enough for any sensible document. jsoncpp visits,
+/// copies and frees values by recursion, so depth costs stack.
 constexpr int kMaxJsonDepth = 1000;
 
 /// Bounds what a file that somebody else may write can make this process hold in memory.
 constexpr std::size_t kMaxFileBytes = 4U << 20;
 
-/// Returns `value` as one line without a newline; characters outside ASCII stand as they are.
+/// Returns `value` as one line without a newline. Characters outside ASCII are not escaped.
 /// Throws `std::runtime_error` for what could not be read again: nesting deeper than
 /// `kMaxJsonDepth`, numbers that are not finite, and text that is not UTF-8.
 std::string toString(const Json::Value& value);
@@ -27,7 +27,7 @@ std::string toString(const Json::Value& value);
 bool fromString(const std::string& text, Json::Value& value);
 
 /// Parses the regular file at `path`, of at most `max_bytes`, as `fromString` does. Returns false
-/// also when there is no such file or it cannot be read. Never waits, whatever stands at `path`.
+/// also when there is no such file or it cannot be read. Never waits, whatever `path` is.
 bool fromFile(const std::string& path, Json::Value& value, std::size_t max_bytes = kMaxFileBytes);
 
 }  // namespace ZELT::TokenManager

@@ -15,7 +15,7 @@
 namespace ZELT::TokenManager {
 namespace {
 
-// jsoncpp's writer takes several times as long, and writes what no reader takes.
+// jsoncpp's writer takes several times as long, and writes values that no reader accepts.
 class Writer {
  public:
   // Writes a value in which arrays and objects may go `room` deep.
@@ -100,7 +100,7 @@ class Writer {
     }
   }
 
-  // Arrays of jsoncpp may have gaps, which are null.
+  // Arrays in jsoncpp may have gaps, which read as null.
   void WriteArray(const Json::Value& array, int room) {
     ExpectRoom(room);
     text += '[';

@@ -8,8 +8,8 @@
 
 namespace zeltdaemon {
 
-/// Bytes of a message, without its newline. Far above any request that makes sense, and low enough
-/// that a peer cannot make a process hold much memory.
+/// Bytes of a message, without its newline. Far more than any sensible request needs, and few
+/// enough that a peer cannot make a process hold much memory.
 constexpr std::size_t kMaxMessageBytes = 1U << 20;
 
 /// How long a client waits for the daemon, as one deadline for a whole message.
@@ -27,7 +27,7 @@ class MessageReader {
   /// Receives what has arrived on `fd`, without waiting.
   State Read(int fd);
 
-  /// Takes `count` bytes that have arrived; none mean the end of the stream.
+  /// Takes `count` bytes that have arrived. A count of 0 is the end of the stream.
   State Add(const char* bytes, std::size_t count);
 
   /// The message, once complete.

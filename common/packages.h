@@ -1,4 +1,4 @@
-// Where the machine's packages are, and what counts of them.
+// Where the machine's packages are, and which of their files count.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@ namespace ZELT::TokenManager {
 /// One directory for each package.
 inline constexpr const char* kPackages = "/var/packages";
 
-/// Below a package's directory; names the user under whom the package runs.
+/// Below a package's directory. It names the user whom the package runs as.
 inline constexpr const char* kPrivilegeFile = "conf/privilege";
 
 /// A longer privilege file counts as missing: all of them are read for each token.

@@ -10,7 +10,7 @@ namespace ZELT::TokenManager {
 constexpr std::size_t kShortestToken = 32;  ///< characters
 constexpr std::size_t kLongestToken = 64;
 
-/// Whether `c` is one of the characters of which tokens are made: A-Z, a-z, 0-9, "-" and "_".
+/// Whether `c` can be in a token: A-Z, a-z, 0-9, "-" and "_" can.
 constexpr bool IsTokenCharacter(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
          c == '_';

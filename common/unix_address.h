@@ -9,8 +9,8 @@
 
 namespace ZELT::TokenManager {
 
-/// A socket file, or the abstract socket that a name with "@" at its front stands for. The calls
-/// are those of the system, which refuse a name that is empty or too long with EINVAL.
+/// The address of a socket file or, for a name that begins with "@", of an abstract socket. The
+/// calls are those of the system, and fail with EINVAL for a name that is empty or too long.
 class UnixAddress {
  public:
   explicit UnixAddress(std::string_view name) {

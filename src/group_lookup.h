@@ -9,8 +9,8 @@
 
 namespace ZELT::TokenManager {
 
-/// Those that a thread makes while it has one share the first one's result. None outlives a
-/// request: a change of groups must hold for the next.
+/// If a thread makes another one while it has one, both share the first one's result. None outlives
+/// a request, so a change of groups counts from the next request on.
 class GroupLookup {
  public:
   using Groups = std::set<std::string, std::less<>>;

@@ -28,8 +28,8 @@ std::string UserName(uid_t uid) {
   return user->name;
 }
 
-// The user under whom the package in `directory` runs. A privilege file that is missing, too large,
-// cannot be read or names nobody leaves the package running under its own name.
+// The user whom the package in `directory` runs as. If the privilege file is missing, too large,
+// unreadable or names nobody, that is the user of the package's own name.
 std::string PackageUser(const boost::filesystem::path& directory, const std::string& package) {
   Json::Value privilege;
   fromFile((directory / kPrivilegeFile).native(), privilege, kMaxPrivilegeBytes);

@@ -24,6 +24,13 @@ add_test(NAME documented_paths COMMAND bash -c [[
       while read -r path; do [ -e "$path" ] || echo "there is no $path"; done | grep .]]
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 
+# The tests, and the phases of the torture, that docs/reliability.md refers to.
+add_test(NAME documented_tests COMMAND bash -c [[
+    ! grep -oE '[A-Z]+[a-z]+[A-Z][A-Za-z0-9]+' docs/reliability.md | sort -u |
+      while read -r name; do grep -rqw "$name" tests tools scripts || echo "no test $name"; done |
+      grep .]]
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+
 find_program(SYSTEMD_ANALYZE systemd-analyze)
 if(SYSTEMD_ANALYZE)
   add_test(NAME service_file COMMAND ${distribution}/service_file.sh

@@ -32,6 +32,7 @@ literals() {
 }
 
 # The code spans in the first column of the tables.
+# shellcheck disable=SC2016 # no command
 rows() {
   sed -nE '/^\| `/s/^\| (([^|`]|`[^`]*`)*) \|.*/\1/p' docs/errors.md | grep -oE '`[^`]+`' |
     tr -d '`' | sed -E 's/<[^>]+>/<>/g' | LC_ALL=C sort -u

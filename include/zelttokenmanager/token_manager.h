@@ -13,13 +13,13 @@
 
 namespace ZELT::TokenManager {
 
-/// The object through which a token daemon does its work: a persistent store, an optional cache in
-/// front of it, and one policy object for each service.
+/// What a token daemon does with requests. It has a persistent store, an optional cache in front of
+/// it, and one policy object for each service.
 ///
 /// The four request operations take the credential of the peer that asks, as the kernel reported
 /// it (`SO_PEERCRED`, unix(7)), the request as it came, and the response to fill. They set the
-/// response's "success" to false first and to true last; every failure is an exception, mostly a
-/// `std::runtime_error`, and the exceptions of services, store and cache pass through unchanged.
+/// response's "success" to false first and to true last. Every failure is an exception, mostly a
+/// `std::runtime_error`; the exceptions of services, store and cache pass through unchanged.
 ///
 /// A token's associated data is an object of exactly five members: "service" and "requester"
 /// (strings: the service's name and the local user who asked), "pid" (integer: the owning process),
@@ -27,19 +27,19 @@ namespace ZELT::TokenManager {
 /// "payload" (made by the service).
 ///
 /// Threads: the manager takes no lock. Services may be added and removed only while no request
-/// runs; requests may run side by side as far as the store and the cache allow.
+/// runs. Requests may run concurrently as far as the store and the cache allow it.
 class [[gnu::visibility("default")]] TokenManager {
  public:
-  /// `config_directory` holds one JSON file for each installed package, named by the package.
-  /// `token_store` must not be empty; with an empty `token_cache` the store alone serves. Nothing
-  /// is opened or tested here.
+  /// `config_directory` holds one JSON file for each installed package, with the package's name.
+  /// `token_store` must not be empty. If `token_cache` is empty, there is no cache. Nothing is
+  /// opened or checked here.
   TokenManager(const std::string& config_directory, std::shared_ptr<TokenStorage> token_store,
                std::shared_ptr<CacheStorage> token_cache);
 
   /// Registers `service` under its name. Throws `std::runtime_error` when the name is taken.
   void AddService(std::shared_ptr<TokenService> service);
 
-  /// Forgets the service of that name; an unknown name is no error.
+  /// Removes the service of that name. An unknown name is not an error.
   void RemoveService(const std::string& name);
 
   /// Returns the service of that name. Throws `std::runtime_error` when there is none.
@@ -61,9 +61,8 @@ class [[gnu::visibility("default")]] TokenManager {
   /// Makes a token for the peer's process.
   ///
   /// Request: {"service": string, ...}; the service reads the rest. Response: "success", "token".
-  /// The peer's user must be the one under whom an installed package runs: the first entry of
-  /// "/var/packages" whose "conf/privilege" (of at most 64 KiB) names the user, or whose own name
-  /// is the user's.
+  /// An installed package must run as the peer's user: the first entry of "/var/packages" whose
+  /// "conf/privilege" (of at most 64 KiB) names the user, or whose own name is the user's.
   void IssueToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
   /// Asks the service whether the request is permitted under the token. Any process may ask.

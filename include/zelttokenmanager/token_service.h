@@ -1,4 +1,4 @@
-// The policy of one service, as the token manager consults it.
+// The policy of a service: what its tokens grant and permit.
 #pragma once
 
 #include <json/value.h>
@@ -9,8 +9,8 @@ namespace ZELT::TokenManager {
 
 /// Decides what a token for one service grants and what it permits.
 ///
-/// Threads: a manager calls its services from whichever thread runs the request. Both operations
-/// take JSON from outside, test its shape, and throw when it is malformed.
+/// Threads: a manager calls its services from the thread that runs the request. Both operations get
+/// JSON from outside, check its shape, and throw when it is malformed.
 class [[gnu::visibility("default")]] TokenService {
  public:
   virtual ~TokenService();

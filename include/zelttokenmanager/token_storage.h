@@ -1,5 +1,5 @@
-// Where associated data lives: the storage interfaces, the cache's miss signal, and the lock that
-// serialises processes on one store.
+// Where tokens and their data are kept: the interfaces of stores and caches, the exception for a
+// cache miss, and the lock that serialises processes on one store.
 #pragma once
 
 #include <json/value.h>
@@ -10,35 +10,36 @@
 namespace ZELT::TokenManager {
 
 /// Thrown by a cache that cannot answer. It means "ask the persistent store", never "there is no
-/// such token". Carries no message: a cache that knows a reason writes it to syslog first.
+/// such token". It has no message: a cache that knows a reason logs it with syslog(3) first.
 class [[gnu::visibility("default")]] cache_miss : public std::exception{};
 
 /// A map from a token to its associated data.
 ///
-/// Threads and processes: each implementation says who may call it at once.
-/// Errors are exceptions of the implementation's own kinds.
+/// Threads and processes: each implementation says who may call it at the same time. Errors are
+/// exceptions, and each implementation says which.
 class [[gnu::visibility("default")]] TokenStorage {
  public:
   virtual ~TokenStorage();
 
-  /// Keeps `data` under `token`.
+  /// Stores `data` under `token`.
   virtual void Insert(const std::string& token, const Json::Value& data) = 0;
 
-  /// Forgets what is kept under `token`; an unknown token is no error.
+  /// Removes what is stored under `token`. An unknown token is not an error.
   virtual void Remove(const std::string& token) = 0;
 
-  /// Returns what is kept under `token`, and throws when there is nothing.
+  /// Returns what is stored under `token`. Throws when there is nothing.
   virtual Json::Value GetAssociatedData(const std::string& token) = 0;
 
   /// Returns an object of counters, or null from a store that keeps none (the default).
   virtual Json::Value GetStatistics();
 };
 
-/// A store that may forget records in order to stay within its size.
+/// A store that may drop records to stay within its size.
 ///
 /// `Insert` and `Remove` take the cache's own lock. `Insert` is best effort: a record that cannot
-/// be admitted is logged and dropped, so a full cache never fails its caller. `GetAssociatedData`
-/// throws `cache_miss` for whatever it cannot answer, and nothing else but a failure to lock.
+/// be admitted is logged and dropped, so a full cache is never an error to its caller.
+/// `GetAssociatedData` throws `cache_miss` when it cannot answer, and otherwise only when it cannot
+/// lock.
 class [[gnu::visibility("default")]] CacheStorage : public TokenStorage {
  public:
   ~CacheStorage() override;

@@ -9,17 +9,17 @@
 namespace ZELT::TokenManager {
 
 // Each call below is one exchange with the daemon: connect, one request, one response, close. The
-// daemon is reached at "/tmp/zelttokenmgr.sock" or, where that cannot be, at
-// "/run/zelttokenmgr/socket". Nothing is sent to a process that is not root's, the caller's own
-// user's or the user zelttokenmgr's: it does not count as the daemon.
+// calls try "/tmp/zelttokenmgr.sock" first and then "/run/zelttokenmgr/socket". They send nothing
+// unless the listening process belongs to root, the caller's own user or the user zelttokenmgr;
+// anybody else does not count as the daemon.
 //
-// The calls share no state, so any number of threads may make them, and they may be made until the
-// process has ended. They throw `std::runtime_error` when the daemon cannot be reached, the request
-// cannot be written as JSON or not be sent (a message is at most 1 MiB), or no valid response
-// arrives within 30 seconds of waiting. Why the daemon refused a request stands only in its log.
+// The calls share no state. Any number of threads may make them, in exit handlers and static
+// destructors too. They throw `std::runtime_error` when the daemon cannot be reached, when the
+// request cannot be written as JSON or sent (a message is at most 1 MiB), and when no valid
+// response arrives within 30 seconds. The reason of a refusal is only in the daemon's log.
 
-/// Returns a new token of `service`, owned by this process. What `payload` holds is the service's
-/// matter. Throws `std::runtime_error` when the daemon refuses.
+/// Returns a new token of `service`, owned by this process. The service decides what `payload`
+/// holds. Throws `std::runtime_error` when the daemon refuses.
 [[gnu::visibility("default")]] std::string SendIssueRequest(const std::string& service,
                                                             const Json::Value& payload);
 
@@ -44,13 +44,13 @@ namespace ZELT::TokenManager {
 
 /// Returns whether `permitted` admits `identity`: a local user's name, or "@" and a group's name.
 ///
-/// `permitted` is either a string, where "any" admits everybody and every other text only the
-/// `requester`; or an array of strings, each a user's name or "@" and the name of a group that
-/// admits its members. An array does not admit the requester as such, and "any" is an ordinary
-/// user's name in it.
+/// `permitted` is a string or an array of strings. The string "any" admits everybody; any other
+/// string admits only the `requester`. An element of an array is the name of a user, or "@" and the
+/// name of a group, whose members it admits. An array admits the requester only by name, and "any"
+/// in it is an ordinary user's name.
 ///
-/// Throws `std::runtime_error` for any other shape, as far as the search reaches, and when the
-/// groups of the user `identity` cannot be looked up for an array.
+/// Throws `std::runtime_error` for any other shape, as far as the search has to look, and when
+/// `permitted` is an array and the groups of the user `identity` cannot be looked up.
 [[gnu::visibility("default")]] bool IsIdentityInPermittedList(const std::string& identity,
                                                               const Json::Value& permitted,
                                                               const std::string& requester);

@@ -27,8 +27,8 @@ bool Await(int fd, short events, Clock::time_point deadline) {
   }
 }
 
-// Makes connect(2) give up on a full backlog in the end, socket(7). False when the deadline is
-// past.
+// Limits how long connect(2) waits for a full backlog (SO_SNDTIMEO, socket(7)). Returns false when
+// the deadline has passed.
 bool LimitConnect(int fd, Clock::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now()).count();
   if (left <= 0) return false;

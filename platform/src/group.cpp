@@ -48,7 +48,7 @@ bool GroupIds(const char* user_name, std::vector<gid_t>& ids) {
   return false;
 }
 
-// Adds the name of a group. A group that has none is passed over; false means that nobody knows.
+// Adds the name of a group. Skips a group without a name. Returns false when the look-up failed.
 bool AddName(gid_t id, std::deque<std::string>& names) {
   group entry{};
   group* found = nullptr;
@@ -58,7 +58,7 @@ bool AddName(gid_t id, std::deque<std::string>& names) {
     error = getgrgid_r(id, &entry, buffer.Data(), buffer.Size(), &found);
   } while (error == ERANGE && buffer.Grow());
   if (found != nullptr) names.emplace_back(found->gr_name);
-  // The manual page lists several errors by which name services say "no such group".
+  // getgrgid_r(3) lists several errors that mean "no such group".
   return error != ERANGE && error != EIO && error != EMFILE && error != ENFILE && error != ENOMEM;
 }
 

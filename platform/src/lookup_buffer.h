@@ -1,5 +1,5 @@
-// Memory for the reentrant look-ups of users and groups, getpwnam_r(3), which say ERANGE when it is
-// too small.
+// Memory for the reentrant look-ups of users and groups (getpwnam_r(3)), which fail with ERANGE
+// when it is too small.
 #pragma once
 
 #include <vector>

@@ -29,7 +29,7 @@ const char* const POOL_URL_FRIENDLY =
 
 int ZELTRandomBase::random(int lower, int upper) {
   const auto span = static_cast<std::uint64_t>(std::int64_t{upper} - lower) + 1;
-  // Numbers from the incomplete last span are drawn again, as they would favour the lower values.
+  // Numbers from the incomplete last span would favour the lower values, so they are drawn again.
   const std::uint64_t limit = UINT64_MAX - UINT64_MAX % span;
   std::uint64_t drawn = 0;
   do {

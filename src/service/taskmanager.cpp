@@ -16,7 +16,7 @@ namespace {
 using Check = std::function<bool(const Json::Value&, const Json::Value&, const Json::Value&)>;
 using ActionTable = std::map<std::string, Check>;
 
-// The table holds a copy of `tasks`, which may be gone before the process ends.
+// The table holds a copy of `tasks`, because it outlives the object.
 ActionTable MakeActionTable(const TaskManager& tasks) {
   const auto bind = [&tasks](auto check) { return std::bind_front(check, tasks); };
   return {{"create", bind(&TaskManager::CheckTaskInfoAndOwner)},
@@ -26,7 +26,7 @@ ActionTable MakeActionTable(const TaskManager& tasks) {
           {"list", bind(&TaskManager::CheckTaskPrefixAndOwner)}};
 }
 
-// Grants are tested as the search reaches them, so that only those looked at can be malformed.
+// The search checks each grant when it reaches it: malformed grants behind the match do no harm.
 const Json::Value& FindGrant(const Json::Value& privilege, std::string_view prefix) {
   for (const Json::Value& grant : privilege) {
     if (StringMember(grant, "prefix", "service/taskmanager.cpp:38") == prefix) return grant;

@@ -47,7 +47,7 @@ class MappedFile {
   ipc::mapped_region region;
 };
 
-// Where a record stands in memory.
+// Where a record is in memory.
 struct Record {
   char* token;
   char* data;
@@ -58,8 +58,8 @@ std::size_t Distance(const char* begin, const char* end) {
   return static_cast<std::size_t>(end - begin);
 }
 
-// Only a token at the start of a line is a record's: the same text may stand inside another
-// record's data. The space keeps a token from matching a longer one that begins with it.
+// Only a token at the start of a line begins a record: other records' data may contain the same
+// text. The space keeps a token from matching a longer one that begins with it.
 std::optional<Record> FindRecord(const MappedFile& file, const std::string& token) {
   const std::string needle = token + ' ';
   char* from = file.Begin();
@@ -86,7 +86,7 @@ std::string ReadData(const std::string& storage_path, const std::string& lock_pa
   return record ? std::string(record->data, record->end) : std::string();
 }
 
-// Opens the store's file in order to append to it, and makes it where it is missing.
+// Opens the store's file for appending, and creates it if it is missing.
 OwnedDescriptor OpenToAppend(const std::string& path) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC;
   OwnedDescriptor file(open(path.c_str(), kFlags));
@@ -112,7 +112,7 @@ std::size_t Append(int file, std::string_view text) {
   return written;
 }
 
-// A path that names no directory leaves the current one as it is.
+// If the path names no directory, nothing is done to the current one.
 void PrepareDirectory(const fs::path& directory) {
   if (directory.empty()) return;
   if (!fs::is_directory(directory)) fs::create_directories(directory);  // which refuses "."
@@ -124,7 +124,7 @@ void PrepareDirectory(const fs::path& directory) {
 JsonFileStorage::JsonFileStorage(const std::string& path)
     : storage_path(path), lock_path(path + ".lock") {
   PrepareDirectory(fs::path(path).parent_path());
-  boost::system::error_code ignored;  // what cannot be looked at is not there
+  boost::system::error_code ignored;  // a file that cannot be looked at counts as missing
   if (QLIBCFileTouch(lock_path.c_str()) != 0 && !fs::is_regular_file(lock_path, ignored)) {
     throw std::runtime_error("storage/json_file_storage.cpp:34 failed to create lock file");
   }
@@ -138,7 +138,7 @@ void JsonFileStorage::Insert(const std::string& token, const Json::Value& data) 
   const OwnedDescriptor file = OpenToAppend(storage_path);
   const std::size_t written = Append(file.Get(), record);
   if (written == record.size()) return;
-  // What was written of the line is cut off again: the next one would become a part of it.
+  // Without this the next record would become a part of the torn line.
   const off_t old_size = lseek(file.Get(), 0, SEEK_END) - static_cast<off_t>(written);
   [[maybe_unused]] const int ignored = ftruncate(file.Get(), old_size);
   throw std::runtime_error("storage/json_file_storage.cpp:55 failed to update storage");

@@ -11,9 +11,9 @@
 
 // What holds whenever the mutex is free:
 // - The index and the recency list have the same number of elements. Each entry of the index maps
-//   a token to the list's element of that token, and no token is held twice.
-// - The front of the list is the record used last, its back the one used longest ago.
-// - A value is the text that toString made of the data.
+//   a token to its element in the list. No token is there twice.
+// - The most recently used record is at the front of the list, the least recently used at its back.
+// - A value is the text that toString returned for the data.
 
 namespace ZELT::TokenManager {
 namespace {
@@ -126,7 +126,7 @@ void LRUCacheStorage::Admit(const std::string& token, const Json::Value& data) {
 }
 
 LRUCacheStorage::ShmString LRUCacheStorage::ToShm(const char* text, std::size_t length) {
-  // A text longer than the whole segment is a length_error to the string, not a failed allocation.
+  // For a text longer than the whole segment the string would throw length_error, not bad_alloc.
   if (length >= segment.get_size()) throw ipc::bad_alloc();
   return {text, length, allocator};
 }

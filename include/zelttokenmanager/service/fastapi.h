@@ -15,8 +15,8 @@ namespace ZELT::TokenManager {
 /// may run the method (see `IsIdentityInPermittedList`) and is "requester" when absent. Names are
 /// compared byte for byte. Other members of a grant are carried along unchanged.
 ///
-/// Stateless: any number of threads may call it. Malformed input is a `std::runtime_error`; shapes
-/// are tested as far as the search reaches.
+/// Objects are stateless, and any number of threads may call them. Malformed input is a
+/// `std::runtime_error`; grants are checked as far as the search has to look.
 class [[gnu::visibility("default")]] FastAPI : public TokenService {
  public:
   /// Returns "fastapi".
@@ -27,8 +27,8 @@ class [[gnu::visibility("default")]] FastAPI : public TokenService {
   /// Throws `std::runtime_error` when one is not granted.
   Json::Value Issue(const Json::Value& request, const Json::Value& privilege) override;
 
-  /// Request: {"payload": {"api": string, "method": string, "runner": string}}. The first stored
-  /// grant of that method alone decides; without one the answer is false.
+  /// Request: {"payload": {"api": string, "method": string, "runner": string}}. Only the first
+  /// stored grant of that method counts. Returns false if there is none.
   bool Validate(const Json::Value& request, const Json::Value& data) override;
 };
 

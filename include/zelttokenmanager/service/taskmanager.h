@@ -15,9 +15,8 @@ namespace ZELT::TokenManager {
 /// token may act (see `IsIdentityInPermittedList`) and is "requester" when absent. Other members of
 /// a grant are carried along unchanged.
 ///
-/// Objects are stateless and any number of threads may call them; the table of actions is made once
-/// in a process, by its first `Validate`. Malformed input is a `std::runtime_error`; shapes are
-/// tested as far as the search reaches.
+/// Objects are stateless, and any number of threads may call them. Malformed input is a
+/// `std::runtime_error`; grants are checked as far as the search has to look.
 class [[gnu::visibility("default")]] TaskManager : public TokenService {
  public:
   /// Returns "taskmanager".
@@ -33,8 +32,9 @@ class [[gnu::visibility("default")]] TaskManager : public TokenService {
   /// `std::runtime_error` for any other action.
   bool Validate(const Json::Value& request, const Json::Value& data) override;
 
-  // The checks. Each takes the request's "args", one stored grant and the token's associated data,
-  // and admits the task's owner, the string "owner" of `args`, once the grant covers the task.
+  // The checks. Each takes the request's "args", one stored grant and the token's associated data.
+  // If the grant covers the task, it returns whether the grant admits the task's owner, the string
+  // "owner" of `args`.
 
   /// "remove", "update", "read": the string "task" of `args` begins with the grant's prefix.
   bool CheckTaskIdAndOwner(const Json::Value& args, const Json::Value& entry,

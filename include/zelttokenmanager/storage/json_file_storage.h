@@ -17,20 +17,20 @@ namespace ZELT::TokenManager {
 /// ".lock" appended: shared to read, exclusive to write. Threads: record locks belong to the
 /// process, so calls from several threads of one process must be serialised by the caller.
 ///
-/// Operations throw `std::runtime_error`; a store file that exists but cannot be opened, sized or
-/// mapped gives `boost::interprocess::interprocess_exception`. A file of length zero cannot be
-/// mapped (mmap(2)), so that is also what reading or removing meets after the last record is gone.
+/// Operations throw `std::runtime_error`, and `boost::interprocess::interprocess_exception` when
+/// the store file exists but cannot be opened, sized or mapped. An empty file cannot be mapped
+/// (mmap(2)), so reading and removing throw it too when the last record has been removed.
 class [[gnu::visibility("default")]] JsonFileStorage : public TokenStorage {
  public:
-  /// Makes the directory that `path` names where it is missing, sets its mode to 0300 in any case,
-  /// and makes the lock file. A path without a "/" leaves the current directory as it is. The store
-  /// file itself is made by the first `Insert`. Failures of the directory pass through as
-  /// `boost::filesystem::filesystem_error`.
+  /// Creates the directory that `path` names if it is missing, sets its mode to 0300 in any case,
+  /// and creates the lock file. For a path without a "/" the current directory does not change. The
+  /// first `Insert` creates the store file. Throws `boost::filesystem::filesystem_error` for the
+  /// directory.
   explicit JsonFileStorage(const std::string& path);
   ~JsonFileStorage() override;
 
-  /// Appends a record. When it cannot be written whole, what was written of it is cut off again as
-  /// far as the file allows. Data that JSON text cannot express changes nothing.
+  /// Appends a record. If not all of it can be written, the file is cut back to its former size, as
+  /// far as the system allows. Data that JSON text cannot express changes nothing.
   void Insert(const std::string& token, const Json::Value& data) override;
 
   /// Deletes the first record of `token`, if there is one.

@@ -1,4 +1,4 @@
-// The cache in front of the store: a block of shared memory that forgets what was used longest ago.
+// The cache in front of the store: shared memory that drops the least recently used records.
 #pragma once
 
 #include <json/value.h>
@@ -23,20 +23,20 @@
 
 namespace ZELT::TokenManager {
 
-/// Counters in the shared block. When one overflows, all restart at 0 together.
+/// Counters in the shared block. When one overflows, all start again at 0.
 struct _ShmCacheStats {
   std::uint64_t hit = 0;    ///< lookups that found their token
   std::uint64_t miss = 0;   ///< lookups that did not
   std::uint64_t total = 0;  ///< all lookups: hit + miss
 };
 
-/// Keeps serialised records in anonymous shared memory. The capacity is a number of bytes: records
-/// are admitted as long as the block holds them, and when an allocation fails the least recently
-/// used records go, one at a time and each with a warning in syslog, until it succeeds.
+/// Keeps serialised records in anonymous shared memory of a fixed size. When an allocation in it
+/// fails, the least recently used records are dropped, one at a time and each with a warning in
+/// syslog, until it succeeds.
 ///
-/// Processes: the constructing process and those forked from it afterwards share one cache; nobody
-/// else can reach it. One process-shared mutex in the block serialises all threads of all of them.
-/// It is not robust: a process killed while holding it leaves it locked for ever.
+/// Processes: the process that constructs the cache and those forked from it later share it; nobody
+/// else can reach it. A mutex in the block serialises all their threads. It is not robust: if a
+/// process is killed while it holds the mutex, the mutex stays locked for ever.
 ///
 /// A record is admitted once: inserting a token that is already cached changes nothing. A token
 /// counts up to its first NUL character.

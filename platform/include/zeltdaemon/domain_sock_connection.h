@@ -34,8 +34,8 @@ class DomainSockConnection : public SockConnection {
   /// listens or the wait takes longer than allowed.
   bool Connect();
 
-  /// Sends `message`, which holds no newline, as one message. Returns false when it is longer than
-  /// allowed, when the peer is gone, or takes longer than allowed.
+  /// Sends `message`, which must not hold a newline, as one message. Returns false when it is
+  /// longer than allowed, when the peer is gone, or when it takes longer than allowed.
   bool Send(const std::string& message);
 
  private:

@@ -5,7 +5,7 @@
 
 namespace ZELT::RANDOM {
 
-/// A–Z, a–z, 0–9, "-" and "_": what may stand unescaped in a URL (RFC 3986, section 2.3).
+/// A–Z, a–z, 0–9, "-" and "_", which need no escaping in a URL (RFC 3986, section 2.3).
 extern const char* const POOL_URL_FRIENDLY;
 
 class ZELTRandomBase {

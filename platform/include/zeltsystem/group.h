@@ -8,9 +8,9 @@ struct QLIBCSzList;
 /// group and all supplementary ones.
 QLIBCSzList* QLIBGroupInfoListGet(const char* user_name, int scope);
 
-/// Removes the first name and returns it, or null when the list is empty. The list keeps owning
-/// the text, which is valid until the next call.
+/// Removes the first name and returns it, or null when the list is empty. The text belongs to the
+/// list and is valid until the next call.
 const char* QLIBCSzListShift(QLIBCSzList* list);
 
-/// Releases a list; a null pointer is no error.
+/// Frees a list. A null pointer is allowed.
 void QLIBCSzListFree(QLIBCSzList* list);

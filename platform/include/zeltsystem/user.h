@@ -8,8 +8,8 @@ struct ZELTUser {
 };
 
 /// Finds the local user with the id `uid` and stores a newly allocated record in `*user`. Returns 0
-/// on success; otherwise `*user` is left as it was.
+/// on success; otherwise `*user` does not change.
 int ZELTUserGetLocalByUID(uid_t uid, ZELTUser** user);
 
-/// Releases a record; a null pointer is no error.
+/// Frees a record. A null pointer is allowed.
 void ZELTUserFree(ZELTUser* user);
