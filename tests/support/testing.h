@@ -144,10 +144,11 @@ inline bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-/// Forks a process that runs `work` and exits with what it returns.
-inline pid_t Start(const std::function<int()>& work) {
+/// Forks a process that runs `work` as `user`, and exits with what it returns.
+inline pid_t Start(const std::function<int()>& work, uid_t user = getuid()) {
   const pid_t process = fork();
   if (process != 0) return process;
+  if (user != getuid() && (setgid(user) != 0 || setuid(user) != 0)) _exit(254);
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that hangs and is ended takes its processes along
   int exit_code = 255;
   Outcome([&] { exit_code = work(); });
