@@ -368,7 +368,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->mode = Mode::kHoard;
     EXPECT_TRUE(Eventually([] { return board->counts[kFull] > 200; })) << "nothing was full";
     board->mode = Mode::kDrain;
-    const auto many = board->counts[kRevoked] + 2000;
+    const auto many = board->counts[kRevoked] + 500;
     EXPECT_TRUE(Eventually([many] { return board->counts[kRevoked] > many; })) << "not revoked";
     fs::remove(kFolder + "/ballast");
     board->slot_count = kSlots;
