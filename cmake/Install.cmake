@@ -35,7 +35,7 @@ install(DIRECTORY examples
 
 # For administrators.
 configure_file(packaging/zelttokenmgrd.service.in zelttokenmgrd.service @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/zelttokenmgrd.service
+install(FILES ${PROJECT_BINARY_DIR}/zelttokenmgrd.service packaging/zelttokenmgrd.socket
   DESTINATION lib/systemd/system COMPONENT daemon)
 install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME zelttokenmgr.conf
   COMPONENT daemon)
@@ -43,7 +43,7 @@ install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zelttoke
   COMPONENT daemon)
 install(FILES packaging/completions/zelttoken packaging/completions/zelttokenmgrd
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT daemon)
-install(FILES docs/errors.md docs/files.md docs/protocol.md
+install(FILES docs/errors.md docs/files.md docs/protocol.md docs/reliability.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zelttokenmgr COMPONENT daemon)
 
 include(cmake/Documentation.cmake)

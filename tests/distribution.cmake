@@ -22,5 +22,6 @@ add_test(NAME quoted_service COMMAND bash -c "diff examples/printing.h <(
 find_program(SYSTEMD_ANALYZE systemd-analyze)
 if(SYSTEMD_ANALYZE)
   add_test(NAME service_file COMMAND ${distribution}/service_file.sh
-    ${PROJECT_BINARY_DIR}/zelttokenmgrd.service $<TARGET_FILE:zelttokenmgrd>)
+    ${PROJECT_BINARY_DIR}/zelttokenmgrd.service ${PROJECT_SOURCE_DIR}/packaging/zelttokenmgrd.socket
+    $<TARGET_FILE:zelttokenmgrd>)
 endif()

@@ -306,7 +306,7 @@ TEST_F(ProgramsTest, RefusesAStoreThatIsNotItsOwn) {
     fs::remove_all("/run/tried");
     Program prepared(std::string("umask 77; mkdir /run/tried && cd /run/tried && ") + prepare);
     ASSERT_EQ(prepared.End(), 0) << prepare;
-    const std::string list = "cd /run/tried; ls -ln --time-style=full-iso . ; cat store; true";
+    const std::string list = "cd /run/tried; stat -c '%n %A %u' . store; cksum store; true";
     Program before(list);
     before.End();
     Program daemon("exec zelttokenmgrd --store /run/tried/store");

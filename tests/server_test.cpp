@@ -116,7 +116,7 @@ TEST_F(ServerTest, AUserAtALimitLosesTheOldestAndIsLoggedOnce) {
 }
 
 TEST_F(ServerTest, AServerEndsWithOrWithoutTheBacklog) {
-  TestServer server(kPath);
+  TestServer server(kPath, {.backlog = 128});
   constexpr unsigned int kClients = 100;
   std::list<Client> clients;
   while (clients.size() < kClients) clients.emplace_back(kPath, "request\n");

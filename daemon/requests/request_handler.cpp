@@ -120,7 +120,7 @@ void RequestHandler::OnIdle() {
 const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request) {
   using Manager = ZELT::TokenManager::TokenManager;
   using This = RequestHandler;
-  static constexpr std::array operations = {
+  static constexpr std::array kOperations = {
       Operation{RequestType::kIssue, Sender::kOwner, &This::Change<&Manager::IssueToken>},
       Operation{RequestType::kValidate, Sender::kAnybody, &This::Ask<&Manager::ValidateToken>},
       Operation{RequestType::kRevoke, Sender::kOwner, &This::Change<&Manager::RevokeToken>},
@@ -132,7 +132,7 @@ const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request
                 &This::Administer<&Administration::Status>},
   };
   const std::string_view type = StringView(request["type"]);
-  for (const Operation& operation : operations) {
+  for (const Operation& operation : kOperations) {
     if (type == Name(operation.type)) return operation;
   }
   throw std::runtime_error("unknown type of request");

@@ -45,6 +45,7 @@ class Queues {
   void RemoveIncomplete();
 
   bool Empty() const { return total == 0; }
+  bool AnyReady() const { return !turns.empty(); }
 
  private:
   void RemoveOldest(User& user, const Connection& spared);

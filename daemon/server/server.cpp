@@ -20,8 +20,10 @@ using State = zeltdaemon::MessageReader::State;
 
 namespace {
 
-// How long users may stay unnoticed in a backlog, behind others.
-constexpr milliseconds kTurn{2};
+// How long users may stay unnoticed in a backlog, behind others: while nobody knows that there are
+// any others, and while accepted connections wait.
+constexpr milliseconds kTurn{4};
+constexpr milliseconds kBusyTurn{2};
 
 // How long an ending worker waits for the rest of a request.
 constexpr milliseconds kPatience{1000};
@@ -74,7 +76,7 @@ void Server::Serve(const Handler& request_handler) {
   sigemptyset(&handled);
   sigaddset(&handled, SIGTERM);
   sigprocmask(SIG_UNBLOCK, &handled, nullptr);
-  turn_end = Clock::now() + kTurn;
+  turn_begin = Clock::now();
   while (!ending) Step();
   Drain();
   event_del(terminate.get());
@@ -82,27 +84,29 @@ void Server::Serve(const Handler& request_handler) {
 
 void Server::Step() {
   now = Clock::now();
-  if (now >= turn_end || accepted == limits.backlog) return BeginTurn();
+  const bool overdue = now - turn_begin >= (queues.AnyReady() ? kBusyTurn : kTurn);
+  if (overdue || accepted >= limits.backlog) return BeginTurn(overdue);
   if (Connection* const next = queues.Next()) {
     TakeTurn(*next);
   } else if (!AcceptOne()) {
     descriptors_can_arrive = !descriptors_refused || !backlog.WasEmpty();
-    descriptors.Flush();
-    RunEvents(EVLOOP_ONCE);
-    accepted = 0;
-    turn_end = now + kTurn;
+    Wait(EVLOOP_ONCE);
   }
 }
 
-// Whoever was in the backlog when the turn began is served or found by its end.
-void Server::BeginTurn() {
-  const bool overdue = now >= turn_end;
-  RunEvents(EVLOOP_ONCE | EVLOOP_NONBLOCK);
+// Whoever was in the backlog when the last turn began has been accepted once as many were as it can
+// hold. Otherwise the whole backlog is accepted.
+void Server::BeginTurn(bool overdue) {
+  Wait(EVLOOP_ONCE | EVLOOP_NONBLOCK);
   for (int i = 0; overdue && !ending && i < limits.backlog && AcceptOne(); ++i) {
   }
+}
+
+void Server::Wait(int flags) {
   descriptors.Flush();
+  RunEvents(flags);
   accepted = 0;
-  turn_end = now + kTurn;
+  turn_begin = now;
 }
 
 void Server::RunEvents(int flags) {

@@ -46,7 +46,8 @@ class Server {
   using Clock = Connection::Clock;
 
   void Step();
-  void BeginTurn();
+  void BeginTurn(bool overdue);
+  void Wait(int flags);
   void RunEvents(int flags);
   bool AcceptOne();
   void TakeTurn(Connection& connection);
@@ -69,7 +70,7 @@ class Server {
   std::function<void()> on_idle;
   const Handler* handler = nullptr;
   Clock::time_point now;
-  Clock::time_point turn_end;
+  Clock::time_point turn_begin;
   int accepted = 0;  // in this turn
   bool second_passed = false;
   bool ending = false;

@@ -18,9 +18,10 @@ struct ServerLimits {
   /// taken, for one user. Several of the longest messages (message.h).
   std::size_t bytes_per_user = std::size_t{8} << 20;
 
-  /// Connections that the kernel keeps until they are accepted (listen(2)). Further clients wait in
-  /// connect(2). Small, because the kernel keeps them in the order of arrival, whose they may be.
-  int backlog = 128;
+  /// Connections that the kernel keeps for each listening socket until they are accepted
+  /// (listen(2)); further clients wait in connect(2). The kernel keeps the order of arrival, so a
+  /// client waits behind this many of others, whose they may be.
+  int backlog = 64;
 
   /// For a whole request, from its acceptance on, however slowly it trickles in.
   std::chrono::milliseconds request_deadline{5000};

@@ -155,11 +155,12 @@ void OpenLog(bool to_stderr) {
   if (to_stderr) OpenErrorOutput();
 }
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks the arguments against the format
 void Log(int priority, const char* format, ...) {
   std::array<char, kLongestLine> text{};
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(text.data(), text.size(), format, arguments);
+  std::vsnprintf(text.data(), text.size(), format, arguments);  // NOLINT(*-valist*): it is started
   va_end(arguments);
   const std::string line = Escaped(text.data());
   syslog_sink.Put(priority, line);

@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <exception>
 #include <string>
 
@@ -38,6 +39,7 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                          opened.cache);
   Server server(context.listeners, options.limits, slot);
   server.OnIdle([&] { KeepHouse(handler, slot); });
+  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
   server.Serve([&handler](const Peer& peer, const std::string& request) {
     return handler.Answer(peer, request);
   });

@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-#include "json_member.h"
 #include "grant.h"
+#include "json_member.h"
 
 namespace ZELT::TokenManager {
 namespace {

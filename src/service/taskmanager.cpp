@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
+#include "grant.h"
 #include "group_lookup.h"
 #include "json_member.h"
-#include "grant.h"
 
 namespace ZELT::TokenManager {
 namespace {
