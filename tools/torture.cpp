@@ -3,19 +3,17 @@
 // blow what the daemon answers is compared with the board. To be run by scripts/torture.
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/random.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 
-#include <iostream>
+#include <list>
 #include <map>
-#include <numeric>
 #include <optional>
 #include <random>
 #include <unordered_set>
 
 #include "support/programs.h"
+#include "support/serving.h"
 
 namespace ZELT::Torture {
 
@@ -23,29 +21,24 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kClients = 12;
 constexpr std::array<uid_t, 5> kUsers = {4001, 4002, 4003, 4004, 0};
-constexpr uid_t kMallory = 4666;
 constexpr std::uint32_t kSlots = 384, kManySlots = 60000;
 constexpr unsigned int kPause = 2000;  // of a client between two requests, on average, in µs
-constexpr rlim_t kDescriptors = 16384;
-constexpr long kGrowth = 1024;  // KiB that an allocator may keep
-constexpr std::uint64_t kAny = 1U << 20;
+constexpr long kGrowth = 1024;         // KiB that an allocator may keep
 const std::string kFolder = "/run/zelttokenmgr";
 const std::string kGrant = "{'fastapi':[{'api':'Demo.Item','method':'get','runner':'any'}]}";
 
-double seconds = 600;  // for all phases together
-
 // A token, and what was asked of it. Only its owner changes it.
-enum class State { kFree, kLive, kMoving, kRevoking, kDead };
+enum class State { kUnknown, kLive, kDead };
 struct Record {
   std::array<char, 80> token;
   std::atomic<State> state;
-  std::atomic<pid_t> owner, heir;  // heir: until it is known whether a transfer was done
+  std::atomic<pid_t> owner;
 };
 
 enum class Mode { kUsual, kHoard, kDrain };  // kHoard: mostly issue; kDrain: do not issue
-enum Counter { kAnswered, kUnanswered, kLost, kHonoured, kTwoOwners, kWrong, kFull, kCounters };
+enum Counter { kAnswered, kUnanswered, kLost, kHonoured, kTwoOwners, kWrong, kFull, kRevoked };
 
-// What all processes see. It begins with zeros.
+// What all processes see. Each phase begins with zeros.
 struct Board {
   std::array<Record, 2U << 20> records;  // the first one is no token
   std::atomic<std::uint32_t> count;
@@ -54,12 +47,12 @@ struct Board {
   std::array<std::atomic<pid_t>, kClients> clients;
   std::atomic<Mode> mode;
   std::atomic<unsigned int> pause;
-  std::atomic<bool> rest, cut;  // cut: the power is, so a refusal means nothing
-  std::atomic<std::size_t> resting;
-  std::array<std::atomic<std::uint64_t>, kCounters> counts;
+  std::atomic<bool> cut;  // the power is, or something else is: a refusal means nothing
+  std::array<std::atomic<std::uint64_t>, kRevoked + 1> counts;
   std::atomic<Clock::rep> answered_at, gap;  // the longest time without any answer, in ns
 };
-Board* board = nullptr;
+Board* const board = static_cast<Board*>(mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE,
+                                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
 
 std::uint32_t Below(std::size_t limit) {
   static std::mt19937 random(static_cast<unsigned int>(getpid()) ^ std::random_device()());
@@ -86,46 +79,34 @@ Answer Send(const char* type, const Record& record, const std::string& payload =
   return cut || board->cut ? Answer::kNone : Answer::kNo;
 }
 
-bool Holds(const Record& record) {
-  return record.state == State::kLive || record.state == State::kMoving;
-}
-
 // Validates a token, whose state may change meanwhile.
 void CheckToken(const Record& record) {
-  const bool held = Holds(record);
-  const bool dead = record.state == State::kDead;
+  const State before = record.state;
   const Answer answer = Send("validate", record, kRun);
-  if (answer == Answer::kNo && held && Holds(record)) ++board->counts[kLost];
-  if (answer == Answer::kYes && dead) ++board->counts[kHonoured];
+  const bool live = before == State::kLive && record.state == State::kLive;
+  if (answer == Answer::kNo && live) ++board->counts[kLost];
+  if (answer == Answer::kYes && before == State::kDead) ++board->counts[kHonoured];
 }
 
-// Revokes a token, and learns what became of earlier requests that were not answered.
-void Settle(Record& record) {
-  const bool first = record.state.exchange(State::kRevoking) != State::kRevoking;
+// A revocation that is not answered leaves a token that nobody owns and of which nothing is known.
+void Revoke(Record& record) {
+  record.state = State::kUnknown;
   const Answer answer = Send("revoke", record);
-  const Answer valid = answer == Answer::kNo ? Send("validate", record, kRun) : Answer::kNo;
-  if (answer == Answer::kNone || valid == Answer::kNone) return;
-  const pid_t heir = record.heir.exchange(0);
-  if (valid == Answer::kYes && heir == 0) ++board->counts[kWrong];  // its owner was refused
-  if (valid == Answer::kNo && answer == Answer::kNo && first) ++board->counts[kLost];
-  record.state = valid == Answer::kYes ? State::kLive : State::kDead;
-  if (valid == Answer::kYes && heir != 0) record.owner = heir;
+  if (answer != Answer::kNone) ++board->counts[answer == Answer::kYes ? kRevoked : kWrong];
+  if (answer == Answer::kYes) record.state = State::kDead;
+  if (answer != Answer::kYes) record.owner = 0;
   CheckToken(record);
 }
 
+// A transfer that is not answered leaves a token that is valid, whoever owns it.
 void Transfer(Record& record, const std::atomic<pid_t>& seat) {
   const bool must_work = board->mode == Mode::kUsual;
   const pid_t heir = seat;
-  record.heir = heir;
-  record.state = State::kMoving;
   const Answer answer = Send("transfer", record, std::to_string(heir));
-  if (answer == Answer::kNone) return;
   if (answer == Answer::kNo && must_work && heir != 0 && seat == heir) ++board->counts[kWrong];
   const bool tries = answer == Answer::kYes && Below(4) == 0;  // what it may no longer do
   if (tries && Send("revoke", record) == Answer::kYes) ++board->counts[kTwoOwners];
-  record.heir = 0;
-  record.state = State::kLive;
-  if (answer == Answer::kYes) record.owner = heir;
+  if (answer != Answer::kNo) record.owner = answer == Answer::kYes ? heir : 0;
 }
 
 // Returns the number of a new record, or 0.
@@ -145,69 +126,41 @@ std::uint32_t IssueNew() {
 
 // Looks for a slot in which there is something to do for client `self`.
 void Act(std::size_t self) {
+  const auto& clients = board->clients;
   for (int tries = 0; tries < 8; ++tries) {
     std::atomic<std::uint32_t>& slot = board->slots.at(Below(board->slot_count));
     std::uint32_t number = slot;
     Record& record = board->records.at(number);
-    const auto& clients = board->clients;
-    const bool orphan = std::count(clients.begin(), clients.end(), record.owner.load()) == 0;
-    const bool free = number == 0 || record.state == State::kDead || orphan;
+    const bool owned = std::count(clients.begin(), clients.end(), record.owner.load()) != 0;
+    const bool free = number == 0 || record.state == State::kDead || !owned;
     if (free && board->mode != Mode::kDrain) {
       const std::uint32_t issued = IssueNew();
-      const bool kept = issued == 0 || slot.compare_exchange_strong(number, issued);
-      return kept ? void() : Settle(board->records.at(issued));
+      if (issued != 0 && !slot.compare_exchange_strong(number, issued))
+        Revoke(board->records.at(issued));
+      return;
     }
-    const bool leave = board->mode == Mode::kHoard && Below(16) != 0;
-    if (free || leave || record.owner != getpid()) continue;
-    const bool give = record.state == State::kLive && Below(5) < 2;
-    return give ? Transfer(record, clients.at((self + 1 + Below(kClients - 1)) % kClients))
-                : Settle(record);
+    if (free || record.owner != getpid()) continue;
+    if (board->mode == Mode::kHoard && Below(16) != 0) continue;
+    const std::size_t next = (self + 1 + Below(kClients - 1)) % kClients;
+    return Below(5) < 2 ? Transfer(record, clients.at(next)) : Revoke(record);
   }
 }
 
-void BecomeUser(uid_t user) {
-  Check(setgid(user), "setgid");
-  Check(setuid(user), "setuid");
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // setuid(2) clears it
-}
-
 [[noreturn]] void Live(std::size_t self) {
-  BecomeUser(kUsers.at(self % kUsers.size()));
   for (board->clients.at(self) = getpid();; Pause(Below(2 * board->pause + 1))) {
-    if (board->rest) {
-      ++board->resting;
-      while (board->rest) Pause(1000);
-      --board->resting;
-    }
     Act(self);
     CheckToken(board->records.at(Below(board->count + 1)));
   }
 }
 
-struct Connection : zeltdaemon::DomainSockConnection {
-  Connection() : DomainSockConnection(kSocket) { EXPECT_TRUE(Connect()); }
-  // The daemon may close the connection before it has read everything.
-  void Write(const std::string& bytes, unsigned int interval_us) const {
-    const std::size_t step = interval_us == 0 ? bytes.size() : 1;
-    for (std::size_t i = 0; i < bytes.size(); i += step, Pause(interval_us)) {
-      if (send(fd, &bytes[i], step, MSG_NOSIGNAL) < 0) return;
-    }
-  }
-};
-
+// Random bytes when `text` is empty.
 std::string Times(std::size_t count, const std::string& text) {
   std::string all;
-  while (count-- > 0) all += text;
+  for (; count > 0; --count) all += text.empty() ? std::string(1, char(Below(256))) : text;
   return all;
 }
 
-std::string RandomBytes() {
-  std::string bytes(4000, '\0');
-  Check(getrandom(bytes.data(), bytes.size(), 0) < 0 ? -1 : 0, "getrandom");
-  return bytes + "\n";
-}
-
-const std::string kUnknown = "{\"type\":\"validate\",\"service\":\"fastapi\",\"token\":\"none\"}\n";
+const std::string kUnknown = Requoted("{'type':'validate','service':'fastapi','token':'none'}\n");
 const struct {
   const char* name;
   std::string bytes;
@@ -215,38 +168,33 @@ const struct {
   const char* answer;        // null: the client is gone before it
 } kHostiles[] = {
     {"too slow", kUnknown, 200000, "none"},
-    {"random bytes", RandomBytes(), 0, kRefused},
+    {"random bytes", Times(4000, "") + "\n", 0, kRefused},
     {"too long", Times(2 << 20, "a"), 0, "none"},
     {"too deep", Times(1 << 20, "[") + "\n", 0, kRefused},
     {"deep members", Times(200000, "{\"a\":") + "\n", 0, kRefused},
     {"just too deep", Times(1001, "[") + Times(1001, "]") + "\n", 0, kRefused},
     {"NUL bytes", "{\"type\":\"" + Times(100000, "\\u0000") + "\"}\n", 0, kRefused},
     {"many values", "[" + Times(90000, "0,") + "0]\n", 0, kRefused},
-    {"many members", "{" + Times(90000, "\"a\":0,") + "\"a\":0}\n", 0, kRefused},
     {"one byte at a time", kUnknown, 1000, kRefused},
     {"gone before the answer", kUnknown, 0, nullptr},
     {"half a request", kUnknown.substr(0, 20), 0, nullptr},
 };
 
 int Attack(unsigned int user) {
-  BecomeUser(kMallory + user);
-  for (std::size_t i = 0; i < 2 * std::size(kHostiles); ++i) {
-    const auto& hostile = kHostiles[(user + i) % std::size(kHostiles)];
-    Connection connection;
-    connection.Write(hostile.bytes, hostile.interval_us);
-    std::string answer = "none";
-    if (hostile.answer == nullptr) continue;
-    connection.Recv(answer);
-    EXPECT_EQ(Requoted(answer), hostile.answer) << hostile.name;
+  for (std::size_t i = 0; i < std::size(kHostiles); ++i) {
+    const auto& [name, bytes, interval, answer] = kHostiles[(user + i) % std::size(kHostiles)];
+    Client client(kSocket);
+    const std::size_t step = interval == 0 ? bytes.size() : 1;
+    for (std::size_t sent = 0; sent < bytes.size(); sent += step, Pause(interval)) {
+      if (!client.Write(bytes.substr(sent, step))) break;
+    }
+    if (answer == nullptr) continue;
+    EXPECT_EQ(Requoted(client.Answer()), answer) << name;
   }
   return testing::Test::HasFailure() ? 1 : 0;
 }
 
-int StaySilent() {
-  BecomeUser(kMallory);
-  const std::array<Connection, 1000> connections;
-  return Pause(500000), 0;
-}
+constexpr std::uint64_t kAny = 1U << 20;
 
 struct Torture;
 struct Phase {
@@ -254,36 +202,29 @@ struct Phase {
   double share;        // of all the time
   unsigned int limit;  // how often at most
   void (*blow)(Torture&);
-  std::uint64_t unanswered = 0;  // requests that each time may cost
+  std::uint64_t unanswered = 0;  // requests, each time; kAny: the daemon is away
   const char* store = "tmpfs";
   const char* options = "";
 };
 
 struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
-  // Makes an empty file system the first time.
   static void Mount() {
     const std::string type = GetParam().store;
     fs::create_directories(kFolder);
-    if (type == "tmpfs") return MountEmpty(kFolder, "mode=755,size=160m");
-    const std::string commands = "[ -e image ] || { truncate -s 160M image && mkfs." + type +
-                                 " -q image; } && mount -o loop image " + kFolder;
-    if (std::system(commands.c_str()) != 0) throw std::runtime_error("no " + type + " here");
+    type == "tmpfs" ? MountEmpty(kFolder, "mode=755,size=160m") : MountImage(kFolder, type);
   }
 
   void SetUp() override {
     ProgramsTest::SetUp();
-    setenv("PATH", (getenv("PATH") + std::string(":/usr/sbin:/sbin")).c_str(), 1);
     for (const char* user : {"alice", "bob", "any", "carol", "root"}) {
       WriteFile(std::string("/var/packages/") + user, "");
       WriteFile(std::string("/var/lib/zelttokenmgr/installed/") + user, Requoted(kGrant));
     }
     const std::string mounted = Outcome(Mount);
     if (mounted != "done") GTEST_SKIP() << "NOT SHOWN: " << mounted;
-    void* memory = mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    ASSERT_NE(memory, MAP_FAILED);
-    board = static_cast<Board*>(memory);
+    Check(madvise(board, sizeof(Board), MADV_REMOVE), "madvise");
     board->slot_count = kSlots;
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
     StartDaemon();
     for (std::size_t client = 0; client < kClients; ++client) Seat(client);
     ASSERT_TRUE(Eventually([] { return board->counts[kAnswered] > 5000; })) << daemon->Errors();
@@ -291,14 +232,13 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   void TearDown() override {
-    for (std::size_t client = 0; board != nullptr && client < kClients; ++client) Unseat(client);
+    for (std::size_t client = 0; client < kClients; ++client) Unseat(client);
     daemon.reset();
-    if (board != nullptr) munmap(std::exchange(board, nullptr), sizeof(Board));
     umount2(kFolder.c_str(), MNT_DETACH);
   }
 
   void StartDaemon() {
-    daemon.emplace("--workers 2 --request-timeout 2s " + std::string(GetParam().options));
+    daemon.emplace("--workers 2 " + std::string(GetParam().options));
     AwaitService();
   }
 
@@ -337,12 +277,11 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
   static void Seat(std::size_t client) {
     Unseat(client);
-    Start([client]() -> int { Live(client); });
+    Start([client]() -> int { Live(client); }, kUsers.at(client % kUsers.size()));
     EXPECT_TRUE(Eventually([&] { return board->clients.at(client) != 0; }));
   }
-  static void Rest(bool rest) {
-    board->rest = rest;
-    EXPECT_TRUE(Eventually([&] { return board->resting == (rest ? kClients : 0); }));
+  static void SignalClients(int signal) {
+    for (const auto& client : board->clients) kill(client, signal);
   }
 
   // Validates some of the tokens that clients work on, and the newest.
@@ -354,18 +293,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     }
   }
 
-  // Descriptors and own memory, in KiB, of each worker.
-  std::map<pid_t, std::pair<long, long>> Sizes() const {
-    std::map<pid_t, std::pair<long, long>> sizes;
-    for (const pid_t worker : daemon->Children()) {
-      const std::string folder = "/proc/" + std::to_string(worker);
-      const std::string status = ReadFile(folder + "/status");
-      sizes[worker] = {std::distance(fs::directory_iterator(folder + "/fd"), {}),
-                       std::stol(status.substr(status.find("RssAnon:") + 8))};
-    }
-    return sizes;
-  }
-
   // Sends a worker a signal, and waits for its replacement.
   void Strike(int signal) {
     const pid_t worker = daemon->Children().at(Below(2));
@@ -373,13 +300,8 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     AwaitService(worker);
   }
 
-  void Restart(int signal) {
-    EndDaemon(signal);
-    StartDaemon();
-  }
-
   void KillAll() {
-    for (const auto& client : board->clients) kill(client, SIGKILL);
+    SignalClients(SIGKILL);
     EndDaemon(SIGKILL, true);
     StartDaemon();
     for (std::size_t client = 0; client < kClients; ++client) Seat(client);
@@ -401,19 +323,25 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     AwaitService(workers.at(0));
   }
 
+  static void StaySilent() {
+    const auto connect = [] {
+      std::list<Client> clients;
+      while (clients.size() < 1000) clients.emplace_back(kSocket);
+      return Pause(500000), 0;
+    };
+    EXPECT_EQ(Finish(Start(connect, 4666)), 0);
+  }
+
   static void SendHostile() {
     std::vector<pid_t> processes;
-    for (unsigned int i = 0; i < 8; ++i) processes.push_back(Start([i] { return Attack(i); }));
+    for (unsigned int i = 0; i < 8; ++i)
+      processes.push_back(Start([i] { return Attack(i); }, 4666 + i));
     for (const pid_t process : processes) EXPECT_EQ(Finish(process), 0);
   }
 
   // Fills the store, or the file system below it. Revoking goes on all the while.
   static void Fill() {
-    const auto held = [] {
-      const auto holds = [](const auto& slot) { return Holds(board->records.at(slot)); };
-      return std::count_if(board->slots.begin(), board->slots.end(), holds);
-    };
-    std::ofstream ballast(*GetParam().options == '\0' ? kFolder + "/ballast" : "");
+    std::ofstream ballast(std::string(GetParam().options).empty() ? kFolder + "/ballast" : "");
     while (ballast << std::string(4096, 'b') << std::flush) {
     }
     board->counts[kFull] = board->pause = 0;
@@ -421,8 +349,10 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->mode = Mode::kHoard;
     EXPECT_TRUE(Eventually([] { return board->counts[kFull] > 200; })) << "nothing was full";
     board->mode = Mode::kDrain;
-    EXPECT_TRUE(Eventually([&, half = held() / 2] { return held() <= half; })) << "not revoked";
+    const auto many = board->counts[kRevoked] + 500;
+    EXPECT_TRUE(Eventually([many] { return board->counts[kRevoked] > many; })) << "not revoked";
     fs::remove(kFolder + "/ballast");
+    Pause(1500000);  // the daemon asks for more room once a second
     board->slot_count = kSlots;
     board->pause = kPause;
     board->mode = Mode::kUsual;
@@ -431,8 +361,8 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
 
   void TakeDescriptors() {
     board->cut = true;
-    for (const rlim_t count : {rlim_t{3}, kDescriptors}) {
-      const rlimit limit = {.rlim_cur = count, .rlim_max = kDescriptors};
+    for (const rlim_t count : {3, 10000}) {
+      const rlimit limit = {.rlim_cur = count, .rlim_max = 10000};
       for (const pid_t worker : daemon->Children()) prlimit(worker, RLIMIT_NOFILE, &limit, nullptr);
       Pause(300000);
     }
@@ -440,15 +370,41 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->cut = false;
   }
 
-  // Copies the store to where btrfs checks what it reads, and damages some of it on the disk.
-  void DamageBlocks() {
-    Rest(true);
+  // Damages a token on a disk that notices, and has workers read it.
+  void DamageBlock() {
+    SignalClients(SIGSTOP);
     EndDaemon(SIGTERM);
-    EXPECT_EQ(std::system(("cp --reflink=never " + kStore + " x && cp x " + kStore + "2 && mv " +
-                           kStore + "2 " + kStore + " && sync")
-                              .c_str()),
-              0);
+    // btrfs checks only what may be written to a new place, which the store asked it not to do.
+    Check(std::system(("cd " + kFolder + "; cp tokens.mdb x; mv x tokens.mdb; sync").c_str()),
+          "cp");
     StartDaemon();
+    const Record& victim = board->records.at(board->slots[0]);
+    const std::string disk = ReadFile("image");
+    const auto write = [&](char first) {
+      std::fstream image("image", std::ios::in | std::ios::out | std::ios::binary);
+      for (auto at = disk.find(victim.token.data()); at != std::string::npos;
+           at = disk.find(victim.token.data(), at + 1)) {
+        image.seekp(static_cast<std::streamoff>(at)).put(first);
+      }
+    };
+    write('!');
+    // What is mapped stays in memory.
+    kill(daemon->pid, SIGSTOP);
+    for (const pid_t worker : daemon->Children()) {
+      const std::string maps = "/proc/" + std::to_string(worker) + "/maps";
+      kill(worker, SIGKILL);
+      EXPECT_TRUE(Eventually([&] { return ReadFile(maps).empty(); }));
+    }
+    const int store = open(kStore.c_str(), O_RDONLY | O_CLOEXEC);
+    posix_fadvise(store, 0, 0, POSIX_FADV_DONTNEED);
+    close(store);
+    kill(daemon->pid, SIGCONT);
+    for (int i = 0; i < 15; ++i) EXPECT_EQ(Send("validate", victim, kRun), Answer::kNone);
+    Audit(20);
+    EndDaemon(SIGTERM);
+    write(victim.token[0]);
+    StartDaemon();
+    SignalClients(SIGCONT);
   }
 
   void CutPower() {
@@ -469,18 +425,17 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   static void TakeNumber() {
     std::atomic<std::uint32_t>& slot = board->slots.back();
     slot = 0;
-    const pid_t owner = Start([&] {
-      BecomeUser(kUsers[0]);
+    const auto issue = [&] {
       slot = IssueNew();
       return pause();
-    });
+    };
+    const pid_t owner = Start(issue, kUsers[0]);
     EXPECT_TRUE(Eventually([&] { return slot != 0; }));
     kill(owner, SIGKILL);
     Finish(owner);
     Pause(20000);  // start times count hundredths of a second (proc_pid_stat(5))
     const auto steal = [&, &record = board->records.at(slot)] {
       if (getpid() != owner) return 1;
-      BecomeUser(kUsers.at(Below(2)));
       const Answer taken = Send("transfer", record, std::to_string(owner));
       const Answer ended = Send("revoke", record);
       if (taken == Answer::kYes || ended == Answer::kYes) ++board->counts[kTwoOwners];
@@ -488,7 +443,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     };
     EXPECT_TRUE(Eventually([&] {
       WriteFile("/proc/sys/kernel/ns_last_pid", std::to_string(owner - 1));
-      return Finish(Start(steal)) == 0;
+      return Finish(Start(steal, kUsers.at(Below(2)))) == 0;
     })) << "the number did not come again";
   }
 
@@ -497,23 +452,24 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   std::uint32_t learnt = 0;
 };
 
+constexpr const char* kSoon = "--request-timeout 2s";
 const Phase kPhases[] = {
     {"FullSpeed", 0.08, 1U << 30, [](Torture&) { board->pause = 0, Pause(100000); }},
     {"WorkerKilled", 0.16, 500, [](Torture& t) { t.Strike(SIGKILL); }, 1},
-    {"DaemonKilled", 0.10, 200, [](Torture& t) { t.Restart(SIGKILL); }, kAny},
+    {"DaemonKilled", 0.10, 200, [](Torture& t) { t.EndDaemon(SIGKILL), t.StartDaemon(); }, kAny},
     {"AllKilled", 0.06, 50, [](Torture& t) { t.KillAll(); }, kAny},
-    {"DaemonRestarted", 0.04, 50, [](Torture& t) { t.Restart(SIGTERM); }, kAny},
+    {"DaemonRestarted", 0.04, 50, [](Torture& t) { t.EndDaemon(SIGTERM), t.StartDaemon(); }, kAny},
     {"ClientKilled", 0.03, 100, [](Torture&) { Torture::Seat(Below(kClients)); }},
-    {"WorkerStopped", 0.06, 20, [](Torture& t) { t.Strike(SIGSTOP); }, 1},
-    {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 1},
-    {"Silent", 0.04, 20, [](Torture&) { EXPECT_EQ(Finish(Start(StaySilent)), 0); }},
+    {"WorkerStopped", 0.06, 20, [](Torture& t) { t.Strike(SIGSTOP); }, 1, "tmpfs", kSoon},
+    {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 1, "tmpfs", kSoon},
+    {"Silent", 0.04, 20, [](Torture&) { Torture::StaySilent(); }},
     {"Hostile", 0.08, 20, [](Torture&) { Torture::SendHostile(); }},
     {"FullTmpfs", 0.03, 10, [](Torture&) { Torture::Fill(); }},
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
     {"FullBtrfs", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "btrfs"},
     {"FullStore", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "tmpfs", "--store-size 4M"},
     {"Descriptors", 0.02, 20, [](Torture& t) { t.TakeDescriptors(); }},
-    {"DamagedBlock", 0.02, 10, [](Torture& t) { t.DamageBlocks(); }, kAny, "btrfs"},
+    {"DamagedBlock", 0.02, 10, [](Torture& t) { t.DamageBlock(); }, kAny, "btrfs"},
     {"NumberTaken", 0.02, 50, [](Torture&) { Torture::TakeNumber(); }},
     {"PowerCut", 0.10, 200, [](Torture& t) { t.CutPower(); }, kAny, "ext4"},
 };
@@ -522,51 +478,42 @@ INSTANTIATE_TEST_SUITE_P(, Torture, testing::ValuesIn(kPhases),
 
 TEST_P(Torture, Withstands) {
   const Phase& phase = GetParam();
-  Rest(true);
-  const auto before = Sizes();
+  SignalClients(SIGSTOP);
+  std::map<pid_t, std::pair<long, long>> before;
+  for (const pid_t worker : daemon->Children()) {
+    const std::string process = std::to_string(worker);
+    before[worker] = {OpenDescriptors(process), OwnMemory(process)};
+  }
   for (auto& count : board->counts) count = 0;
   board->answered_at = board->gap = 0;
-  Rest(false);
+  SignalClients(SIGCONT);
   unsigned int times = 0;
-  const auto end = Clock::now() + std::chrono::duration<double>(seconds * phase.share);
+  const auto end = Clock::now() + std::chrono::duration<double>(
+                                      std::stod(getenv("TORTURE_SECONDS")) * phase.share);
   for (; times == 0 || (times < phase.limit && Clock::now() < end && !HasFailure()); ++times) {
     Pause(Below(60000));
     phase.blow(*this);
     Audit(20);
   }
-  Rest(true);
+  SignalClients(SIGSTOP);
   Audit(3000);
-  EXPECT_TRUE(Eventually([&] {
-    const auto sizes = Sizes();
-    return std::all_of(sizes.begin(), sizes.end(), [&](const auto& worker) {
-      const auto& [descriptors, memory] = worker.second;
-      const auto old = before.find(worker.first);
-      return old == before.end() ||
-             (descriptors <= old->second.first && memory <= old->second.second + kGrowth);
-    });
-  })) << "a worker has grown";
+  for (const pid_t worker : daemon->Children()) {
+    const auto small = [&, process = std::to_string(worker), old = before[worker]] {
+      return OpenDescriptors(process) <= old.first && OwnMemory(process) <= old.second + kGrowth;
+    };
+    EXPECT_TRUE(before[worker].first == 0 || Eventually(small)) << "a worker has grown";
+  }
   const auto& counts = board->counts;
   EXPECT_EQ(counts[kLost] + counts[kHonoured] + counts[kTwoOwners] + counts[kWrong], 0);
   EXPECT_LE(counts[kUnanswered], times * phase.unanswered);
   EndDaemon(SIGTERM);
-  std::printf("%-16s%7u", phase.name, times);
-  for (const auto& count : counts) std::printf("%11lu", count.load());
-  std::printf("%8ld ms%s\n", board->gap / 1000000, HasFailure() ? " FAILED" : "");
-  if (HasFailure()) std::cout << daemon->Errors();
+  std::printf(
+      "%s: %u times, %lu answered, %lu not, %lu lost, %lu honoured, %lu with two owners, %lu "
+      "wrong, "
+      "%lu refused, %lu revoked, gap %ld ms%s\n",
+      phase.name, times, counts[0].load(), counts[1].load(), counts[2].load(), counts[3].load(),
+      counts[4].load(), counts[5].load(), counts[6].load(), counts[7].load(), board->gap / 1000000,
+      HasFailure() ? daemon->Errors().c_str() : "");
 }
 
 }  // namespace ZELT::Torture
-
-int main(int argc, char** argv) {
-  testing::InitGoogleTest(&argc, argv);
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string option = argv[i];
-    if (option == "--seconds") ZELT::Torture::seconds = std::stod(argv[i + 1]);
-    if (option == "--only") testing::GTEST_FLAG(filter) = std::string("*/") + argv[i + 1];
-  }
-  prctl(PR_SET_CHILD_SUBREAPER, 1);
-  std::puts(
-      "phase             times   answered unanswered       lost   honoured two owners      wrong   "
-      "    full     gap");
-  return RUN_ALL_TESTS();
-}

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <ctime>
 #include <exception>
+#include <fstream>
 #include <list>
 #include <new>
 #include <utility>
@@ -21,9 +22,9 @@ using State = zeltdaemon::MessageReader::State;
 namespace {
 
 // How long users may stay unnoticed in a backlog, behind others: while nobody knows that there are
-// any others, and while accepted connections wait.
-constexpr milliseconds kTurn{4};
-constexpr milliseconds kBusyTurn{2};
+// any others, and while accepted connections wait. Twice that in all, see IsOverdue().
+constexpr milliseconds kTurn{2};
+constexpr milliseconds kBusyTurn{1};
 
 // How long an ending worker waits for the rest of a request.
 constexpr milliseconds kPatience{1000};
@@ -34,6 +35,14 @@ std::chrono::nanoseconds SinceBoot() {
   timespec now{};
   clock_gettime(CLOCK_BOOTTIME, &now);
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+// For which this process was ready and waited for a processor; 0 where the kernel does not tell.
+std::chrono::nanoseconds HeldUp() {
+  std::int64_t ran = 0;
+  std::int64_t waited = 0;
+  std::ifstream("/proc/self/schedstat") >> ran >> waited;
+  return std::chrono::nanoseconds(waited);
 }
 
 timeval TimeLeft(Connection::Clock::duration left) {
@@ -84,7 +93,7 @@ void Server::Serve(const Handler& request_handler) {
 
 void Server::Step() {
   now = Clock::now();
-  const bool overdue = now - turn_begin >= (queues.AnyReady() ? kBusyTurn : kTurn);
+  const bool overdue = IsOverdue();
   if (overdue || accepted >= limits.backlog) return BeginTurn(overdue);
   if (Connection* const next = queues.Next()) {
     TakeTurn(*next);
@@ -92,6 +101,17 @@ void Server::Step() {
     descriptors_can_arrive = !descriptors_refused || !backlog.WasEmpty();
     Wait(EVLOOP_ONCE);
   }
+}
+
+// A worker that is held up by other processes would empty its backlog soon, and what it accepts
+// dies with it. So the time in which it was does not count.
+bool Server::IsOverdue() {
+  const auto limit = queues.AnyReady() ? kBusyTurn : kTurn;
+  if (now - turn_begin < limit) return false;
+  const auto own_time = now - HeldUp();
+  turn_begin = now;
+  if (!first_overdue) first_overdue = own_time;
+  return own_time - *first_overdue >= limit;
 }
 
 // Whoever was in the backlog when the last turn began has been accepted once as many were as it can
@@ -107,6 +127,7 @@ void Server::Wait(int flags) {
   RunEvents(flags);
   accepted = 0;
   turn_begin = now;
+  first_overdue.reset();
 }
 
 void Server::RunEvents(int flags) {

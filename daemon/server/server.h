@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,7 @@ class Server {
   using Clock = Connection::Clock;
 
   void Step();
+  bool IsOverdue();
   void BeginTurn(bool overdue);
   void Wait(int flags);
   void RunEvents(int flags);
@@ -71,7 +73,8 @@ class Server {
   const Handler* handler = nullptr;
   Clock::time_point now;
   Clock::time_point turn_begin;
-  int accepted = 0;  // in this turn
+  std::optional<Clock::time_point> first_overdue;  // less what this process had been held up
+  int accepted = 0;                                // in this turn
   bool second_passed = false;
   bool ending = false;
 };

@@ -86,6 +86,13 @@ inline void MountEmpty(const std::string& directory, const std::string& options)
   Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, options.c_str()), directory);
 }
 
+/// Mounts the file "image", in which an empty file system of the `type` is made the first time.
+inline void MountImage(const std::string& directory, const std::string& type) {
+  const std::string make = "[ -e image ] || { truncate -s 160M image && /sbin/mkfs." + type +
+                           " -q image >/dev/null; } && mount -o loop image " + directory;
+  if (std::system(make.c_str()) != 0) throw std::runtime_error("cannot mount " + type);
+}
+
 /// Writes a file, making the directories that lead to it.
 inline void WriteFile(const fs::path& path, const std::string& text) {
   fs::create_directories(path.parent_path());
@@ -144,10 +151,11 @@ inline bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-/// Forks a process that runs `work` and exits with what it returns.
-inline pid_t Start(const std::function<int()>& work) {
+/// Forks a process that runs `work` as `user`, and exits with what it returns.
+inline pid_t Start(const std::function<int()>& work, uid_t user = getuid()) {
   const pid_t process = fork();
   if (process != 0) return process;
+  if (user != getuid() && (setgid(user) != 0 || setuid(user) != 0)) _exit(254);
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that hangs and is ended takes its processes along
   int exit_code = 255;
   Outcome([&] { exit_code = work(); });
@@ -167,7 +175,14 @@ inline bool WaitsToLock(pid_t process, const std::string& kind) {
   return Eventually([&] { return ReadFile("/proc/locks").find(line) != std::string::npos; });
 }
 
-inline long OpenDescriptors() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
+inline long OpenDescriptors(const std::string& process = "self") {
+  return std::distance(fs::directory_iterator("/proc/" + process + "/fd"), {});
+}
+/// Memory of its own in KiB, without what is shared with files.
+inline long OwnMemory(const std::string& process = "self") {
+  const std::string status = ReadFile("/proc/" + process + "/status");
+  return std::stol(status.substr(status.find("RssAnon:") + 8));
+}
 
 inline std::mutex log_mutex;
 inline std::string log_text;
