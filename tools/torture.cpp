@@ -378,7 +378,9 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     Check(std::system(("cd " + kFolder + "; cp tokens.mdb x; mv x tokens.mdb; sync").c_str()),
           "cp");
     StartDaemon();
-    const Record& victim = board->records.at(board->slots[0]);
+    std::size_t number = board->count;
+    while (board->records.at(number).state != State::kLive) --number;
+    const Record& victim = board->records.at(number);
     const std::string disk = ReadFile("image");
     const auto write = [&](char first) {
       std::fstream image("image", std::ios::in | std::ios::out | std::ios::binary);
