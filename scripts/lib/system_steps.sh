@@ -14,7 +14,7 @@ fail() {
   exit 1
 }
 
-as() { runuser -u "$1" -- "${@:2}"; }
+as() { setpriv --reuid "$1" --regid "$1" --init-groups "${@:2}"; }
 
 # expect STATUS TEXT COMMAND...: the text is a pattern that the whole output must match.
 expect() {
@@ -224,7 +224,7 @@ take_path() {
 }
 
 squatting() {
-  squat &
+  (squat &) 2>/dev/null
   under_load 0 restart_often 20
   pkill -u mallory
   expect 0 'root socket' stat -c '%U %F' $socket
@@ -232,6 +232,7 @@ squatting() {
   take_path touch $socket
   take_path ln -s /home $socket
   take_path perl -MIO::Socket::UNIX -e 'IO::Socket::UNIX->new(Local => shift, Listen => 1) or die' $socket
+  rmdir $socket.?*
 }
 
 # shellcheck disable=SC2016 # perl's parameters
@@ -243,7 +244,7 @@ listen_as() { as "$1" perl -MIO::Socket::UNIX -e '
 stranger() {
   [ "${1-}" = --inside ] || exec unshare --mount "$0" --step stranger --inside
   mount -t tmpfs -o mode=1777 tmpfs /tmp
-  listen_as mallory $socket &
+  (listen_as mallory $socket &) 2>/dev/null
   await test -S $socket
   life_of_a_token
   mount -t tmpfs tmpfs ${second%/*}
@@ -340,7 +341,7 @@ left_behind() {
 }
 
 purge() {
-  as zelttokenmgr sleep infinity &
+  (as zelttokenmgr sleep infinity &) 2>/dev/null
   dpkg -P zelttokenmgr >/dev/null 2>purge.log || fail "$(cat purge.log)"
   grep -q 'user zelttokenmgr is left' purge.log || fail "nothing is said of the user"
   expect 3 $'inactive\ninactive' systemctl is-active $service $sockets
@@ -364,7 +365,7 @@ readonly on_disk=$state/tokens.mdb kept=/var/lib/test-system
 
 # A kernel that lets descriptors through: whatever it costs to close them, others are served.
 descriptors() {
-  for _ in {1..4}; do as mallory perl system_descriptors.pl & done
+  for _ in {1..4}; do (as mallory perl system_descriptors.pl &) 2>/dev/null; done
   export -f life_of_a_token as
   timeout 120 bash -ec 'for _ in {1..20}; do life_of_a_token; done' || fail "others are not served"
   pkill -u mallory || fail "nobody sent descriptors"
@@ -380,9 +381,9 @@ before_reboot() {
     >/etc/systemd/system/$service.d/store.conf
   systemctl daemon-reload
   systemctl restart $service
-  setpriv --reuid demo --regid demo --clear-groups sleep infinity &
-  echo $! >$kept/owner
-  as demo zelttoken issue fastapi "$grant" --owner $! >$kept/token
+  (as demo sleep infinity &)
+  pgrep -u demo sleep >$kept/owner
+  as demo zelttoken issue fastapi "$grant" --owner "$(cat $kept/owner)" >$kept/token
 }
 
 # Runs a command of the user demo as the process with the number.
@@ -412,7 +413,7 @@ after_reboot() {
   expect 1 '*' zelttoken validate fastapi "$token" "$use"
   for client in 1 2 3 4; do as demo perl /test/system_load.pl /home/demo/journal.$client & done
   await grep -q -m 1 revoked /home/demo/journal.4
-  await eval "[ \$(cat /home/demo/journal.* | wc -l) -gt 1000 ]"
+  await eval "[ \$(cat /home/demo/journal.* | wc -l) -gt 100 ]"
   echo reset >$kept/stage
   sync $kept/stage
   echo b >/proc/sysrq-trigger
