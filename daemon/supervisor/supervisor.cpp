@@ -166,6 +166,8 @@ bool Supervisor::Start(std::size_t number) {
   WorkerSlot& slot = board.slots[number];
   slot.activity = Activity::kIdle;
   slot.seen = Now().count();
+  // Noted before the worker can show itself or serve anything.
+  Worker started = {.served_before = Served(slot), .born = Clock::now(), .delay = worker.delay};
   const pid_t pid = fork();
   if (pid == 0) Work(slot);
   if (pid < 0) {
@@ -175,11 +177,8 @@ bool Supervisor::Start(std::size_t number) {
     return false;
   }
   fork_fails = false;
-  worker = {.pid = pid,
-            .served_before = Served(slot),
-            .born = Clock::now(),
-            .delay = worker.delay,
-            .killed = {}};
+  started.pid = pid;
+  worker = started;
   slot.pid = pid;
   return true;
 }
