@@ -30,8 +30,8 @@ const std::pair<std::string, std::string> kTexts[] = {
 };
 
 TEST_F(LogTest, WhatATerminalObeysIsEscaped) {
-  for (const auto& [text, line] : kTexts) {
-    EXPECT_EQ(Logged([&] { Log(LOG_INFO, "%s", text.c_str()); }), line + "\n");
+  for (const auto& row : kTexts) {
+    EXPECT_EQ(Logged([&] { Log(LOG_INFO, "%s", row.first.c_str()); }), row.second + "\n");
   }
 }
 

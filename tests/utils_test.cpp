@@ -105,7 +105,7 @@ TEST_F(UtilsTest, ClientsSendNothingToStrangers) {
     Check(seteuid(0), "seteuid");
     Check(chown(kSocketPath, row.owner, 0), kSocketPath);
     EXPECT_EQ(ForeignOwner(kSocketPath).has_value(), row.owner == 4002);
-    const std::jthread client([] { EXPECT_TRUE(SendRevokeRequest("s", "t")); });
+    const std::jthread client([] { EXPECT_EQ(Outcome([] { return Send("revoke"); }), "true"); });
     const std::string request = AnswerOne(row.trusted ? first : second, R"({"success":true})");
     EXPECT_NE(request, "") << row.listener << " " << row.owner;
   }

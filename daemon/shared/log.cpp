@@ -112,8 +112,8 @@ bool WriteToSyslog(int priority, const std::string& line) {
   std::tm local{};
   std::array<char, 32> time{};
   std::strftime(time.data(), time.size(), "%h %e %T ", localtime_r(&now, &local));
-  const std::string datagram =
-      "<" + std::to_string(LOG_DAEMON | priority) + ">" + time.data() + Prefix() + line;
+  const std::string datagram = std::string("<") + std::to_string(LOG_DAEMON | priority) + ">" +
+                               time.data() + Prefix() + line;
   if (SendToSyslog(datagram)) return true;
   if (errno == EAGAIN || syslog_socket < 0) return false;
   close(std::exchange(syslog_socket, -1));

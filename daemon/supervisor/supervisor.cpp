@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -46,8 +47,8 @@ constexpr seconds kStopGrace{6};
 
 // Ignored, the faults would come again at once or stay hidden, and the end of a child would not be
 // told; the last two cannot be ignored.
-constexpr int kNotIgnored[] = {SIGSEGV, SIGBUS,  SIGFPE, SIGILL,  SIGSYS,  SIGTRAP,
-                               SIGABRT, SIGTERM, SIGINT, SIGCHLD, SIGKILL, SIGSTOP};
+constexpr std::array kNotIgnored = {SIGSEGV, SIGBUS,  SIGFPE, SIGILL,  SIGSYS,  SIGTRAP,
+                                    SIGABRT, SIGTERM, SIGINT, SIGCHLD, SIGKILL, SIGSTOP};
 
 sigset_t SetOf(auto... numbers) {
   sigset_t set;
@@ -111,7 +112,7 @@ void LogEnd(pid_t worker, int status) {
 void IgnoreSignals() {
   for (int number = 1; number <= SIGRTMAX; ++number) {
     const bool is_needed =
-        std::find(std::begin(kNotIgnored), std::end(kNotIgnored), number) != std::end(kNotIgnored);
+        std::find(kNotIgnored.begin(), kNotIgnored.end(), number) != kNotIgnored.end();
     signal(number, is_needed ? SIG_DFL : SIG_IGN);
   }
 }
@@ -165,6 +166,8 @@ bool Supervisor::Start(std::size_t number) {
   WorkerSlot& slot = board.slots[number];
   slot.activity = Activity::kIdle;
   slot.seen = Now().count();
+  // Noted before the worker can show itself or serve anything.
+  Worker started = {.served_before = Served(slot), .born = Clock::now(), .delay = worker.delay};
   const pid_t pid = fork();
   if (pid == 0) Work(slot);
   if (pid < 0) {
@@ -174,11 +177,8 @@ bool Supervisor::Start(std::size_t number) {
     return false;
   }
   fork_fails = false;
-  worker = {.pid = pid,
-            .served_before = Served(slot),
-            .born = Clock::now(),
-            .delay = worker.delay,
-            .killed = {}};
+  started.pid = pid;
+  worker = started;
   slot.pid = pid;
   return true;
 }

@@ -58,11 +58,11 @@ class Supervisor {
 
   // What runs in the board's slot of the same number.
   struct Worker {
-    pid_t pid = 0;                            // 0: none
-    std::uint64_t served_before = 0;          // requests that its predecessors have answered
-    Clock::time_point born;                   // or, without a process, when it is to be started
-    std::chrono::milliseconds delay{0};       // before it is started again
-    std::optional<Clock::time_point> killed;  // being stuck
+    pid_t pid = 0;                              // 0: none
+    std::uint64_t served_before = 0;            // requests that its predecessors have answered
+    Clock::time_point born{};                   // or, without a process, when it is to be started
+    std::chrono::milliseconds delay{0};         // before it is started again
+    std::optional<Clock::time_point> killed{};  // being stuck
   };
 
   void StartWorkers();

@@ -58,7 +58,8 @@ if ($ARGV[0] eq '--check') {
     next if @tokens < 4;
     my $token = shift @tokens;
     syswrite $journal, "revoking $token\n";
-    fits($done, 'revoke', $token, 'null') and syswrite $journal, "revoked $token\n";
+    fits($done, 'revoke', $token, 'null') or next;
+    syswrite $journal, "revoked $token\n";
     fits($refused, 'validate', $token, $use);
   }
   fits($done, 'revoke', $_, 'null') for @tokens;
