@@ -83,8 +83,9 @@ Answer Send(const char* type, const Record& record, const std::string& payload =
 void CheckToken(const Record& record) {
   const State before = record.state;
   const Answer answer = Send("validate", record, kRun);
-  const bool live = before == State::kLive && record.state == State::kLive;
-  if (answer == Answer::kNo && live) ++board->counts[kLost];
+  if (answer == Answer::kNo && before == State::kLive && record.state == State::kLive) {
+    ++board->counts[kLost];
+  }
   if (answer == Answer::kYes && before == State::kDead) ++board->counts[kHonoured];
 }
 
@@ -135,9 +136,8 @@ void Act(std::size_t self) {
     const bool free = number == 0 || record.state == State::kDead || !owned;
     if (free && board->mode != Mode::kDrain) {
       const std::uint32_t issued = IssueNew();
-      if (issued != 0 && !slot.compare_exchange_strong(number, issued))
-        Revoke(board->records.at(issued));
-      return;
+      const bool kept = issued == 0 || slot.compare_exchange_strong(number, issued);
+      return kept ? void() : Revoke(board->records.at(issued));
     }
     if (free || record.owner != getpid()) continue;
     if (board->mode == Mode::kHoard && Below(16) != 0) continue;
@@ -225,6 +225,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     Check(madvise(board, sizeof(Board), MADV_REMOVE), "madvise");
     board->slot_count = kSlots;
     prctl(PR_SET_CHILD_SUBREAPER, 1);
+    std::setbuf(stdout, nullptr);
     StartDaemon();
     for (std::size_t client = 0; client < kClients; ++client) Seat(client);
     ASSERT_TRUE(Eventually([] { return board->counts[kAnswered] > 5000; })) << daemon->Errors();
@@ -232,7 +233,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   void TearDown() override {
-    for (std::size_t client = 0; client < kClients; ++client) Unseat(client);
+    UnseatAll();
     daemon.reset();
     umount2(kFolder.c_str(), MNT_DETACH);
   }
@@ -280,6 +281,9 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     Start([client]() -> int { Live(client); }, kUsers.at(client % kUsers.size()));
     EXPECT_TRUE(Eventually([&] { return board->clients.at(client) != 0; }));
   }
+  static void UnseatAll() {
+    for (std::size_t client = 0; client < kClients; ++client) Unseat(client);
+  }
   static void SignalClients(int signal) {
     for (const auto& client : board->clients) kill(client, signal);
   }
@@ -301,8 +305,11 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   void KillAll() {
+    board->cut = true;
     SignalClients(SIGKILL);
     EndDaemon(SIGKILL, true);
+    UnseatAll();
+    board->cut = false;
     StartDaemon();
     for (std::size_t client = 0; client < kClients; ++client) Seat(client);
   }
@@ -375,37 +382,27 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     SignalClients(SIGSTOP);
     EndDaemon(SIGTERM);
     // btrfs checks only what may be written to a new place, which the store asked it not to do.
-    Check(std::system(("cd " + kFolder + "; cp tokens.mdb x; mv x tokens.mdb; sync").c_str()),
-          "cp");
+    Shell("cd " + kFolder + " && cp tokens.mdb x && mv x tokens.mdb");
     StartDaemon();
-    std::size_t number = board->count;
-    while (board->records.at(number).state != State::kLive) --number;
-    const Record& victim = board->records.at(number);
-    const std::string disk = ReadFile("image");
-    const auto write = [&](char first) {
-      std::fstream image("image", std::ios::in | std::ios::out | std::ios::binary);
-      for (auto at = disk.find(victim.token.data()); at != std::string::npos;
-           at = disk.find(victim.token.data(), at + 1)) {
-        image.seekp(static_cast<std::streamoff>(at)).put(first);
-      }
+    const Record& victim = board->records.at(IssueNew());  // no other page has held it
+    const std::string token = victim.token.data();
+    const auto write = [&token](char first) {
+      Shell("for at in $(grep -abo -e '" + token.substr(1) + "' image | cut -d: -f1); do printf " +
+            first + " | dd of=image bs=1 conv=notrunc seek=$((at - 1)) status=none; done");
     };
     write('!');
-    // What is mapped stays in memory.
     kill(daemon->pid, SIGSTOP);
-    for (const pid_t worker : daemon->Children()) {
+    for (const pid_t worker : daemon->Children()) {  // what they have mapped stays in memory
       const std::string maps = "/proc/" + std::to_string(worker) + "/maps";
       kill(worker, SIGKILL);
       EXPECT_TRUE(Eventually([&] { return ReadFile(maps).empty(); }));
     }
-    const int store = open(kStore.c_str(), O_RDONLY | O_CLOEXEC);
-    posix_fadvise(store, 0, 0, POSIX_FADV_DONTNEED);
-    close(store);
+    Shell("dd of=" + kStore + " oflag=nocache conv=notrunc count=0 status=none");
     kill(daemon->pid, SIGCONT);
     for (int i = 0; i < 15; ++i) EXPECT_EQ(Send("validate", victim, kRun), Answer::kNone);
     Audit(20);
-    EndDaemon(SIGTERM);
-    write(victim.token[0]);
-    StartDaemon();
+    write(token[0]);
+    AwaitService();
     SignalClients(SIGCONT);
   }
 
@@ -427,10 +424,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   static void TakeNumber() {
     std::atomic<std::uint32_t>& slot = board->slots.back();
     slot = 0;
-    const auto issue = [&] {
-      slot = IssueNew();
-      return pause();
-    };
+    const auto issue = [&slot] { return slot = IssueNew(), pause(); };
     const pid_t owner = Start(issue, kUsers[0]);
     EXPECT_TRUE(Eventually([&] { return slot != 0; }));
     kill(owner, SIGKILL);

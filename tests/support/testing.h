@@ -86,11 +86,14 @@ inline void MountEmpty(const std::string& directory, const std::string& options)
   Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, options.c_str()), directory);
 }
 
+inline void Shell(const std::string& command) {
+  if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+}
+
 /// Mounts the file "image", in which an empty file system of the `type` is made the first time.
 inline void MountImage(const std::string& directory, const std::string& type) {
-  const std::string make = "[ -e image ] || { truncate -s 160M image && /sbin/mkfs." + type +
-                           " -q image >/dev/null; } && mount -o loop image " + directory;
-  if (std::system(make.c_str()) != 0) throw std::runtime_error("cannot mount " + type);
+  Shell("[ -e image ] || { truncate -s 160M image && /sbin/mkfs." + type +
+        " -q image >/dev/null; } && mount -o loop image " + directory);
 }
 
 /// Writes a file, making the directories that lead to it.
