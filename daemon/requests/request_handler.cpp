@@ -52,6 +52,17 @@ void ExpectWholeToken(const Json::Value& request) {
   }
 }
 
+// A service copies a grant for each thing that is asked for, before the store refuses the token.
+void ExpectFewThings(const Json::Value& payload) {
+  if (payload.isArray() && payload.size() > kMaxGrants) {
+    throw std::runtime_error("the request asks for more than 256 things");
+  }
+  if (!payload.isObject()) return;
+  for (const Json::Value& member : payload) {
+    if (member.isArray()) ExpectFewThings(member);
+  }
+}
+
 void ExpectSender(Sender expected, const Peer& peer) {
   // Processes of a foreign pid namespace all have this id here, so it cannot own anything.
   if (expected == Sender::kOwner && peer.credential.pid == 0) {
@@ -81,8 +92,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
       board(shared_board),
       slot(worker_slot),
       settings(std::move(request_settings)),
-      storage(std::make_shared<ChangeOnUse>(token_store)),
-      manager(settings.installed_config, storage, std::move(cache)),
+      manager(settings.installed_config, {std::shared_ptr<void>(), &token_store}, std::move(cache)),
       administration(token_store, shared_board, settings.version),
       watch(settings.installed_config) {
   AddServices(manager);
@@ -148,6 +158,7 @@ void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Val
   slot.type = operation.type;
   ExpectSender(operation.sender, peer);
   ExpectWholeToken(request);
+  if (operation.type == RequestType::kIssue) ExpectFewThings(request["payload"]);
   (this->*operation.run)(peer, request, response);
   response["success"] = true;
 }
@@ -159,7 +170,7 @@ void RequestHandler::Ask(const Peer& peer, const Json::Value& request, Json::Val
 
 template <auto kMethod>
 void RequestHandler::Change(const Peer& peer, const Json::Value& request, Json::Value& response) {
-  ChangeOnUse::Scope change(*storage, peer);
+  ::Change change(store, peer);
   (manager.*kMethod)(peer.credential, request, response);
   change.Commit();
   Audit(peer, request);

@@ -8,7 +8,6 @@
 
 #include "administration.h"
 #include "board.h"
-#include "change_on_use.h"
 #include "configuration.h"
 #include "peer.h"
 #include "token_store.h"
@@ -61,7 +60,6 @@ class RequestHandler {
   Board& board;
   WorkerSlot& slot;
   const RequestSettings settings;
-  const std::shared_ptr<ChangeOnUse> storage;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
   WriterWatch watch;

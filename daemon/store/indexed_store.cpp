@@ -44,8 +44,7 @@ IndexedStore::IndexedStore(const StoreOptions& store_options, WorkerSlot& worker
 void IndexedStore::Begin(const Peer& peer) {
   Rollback();
   changer = peer;
-  changing_process = IdentifyProcess(peer.credential.pid);  // before others have to wait
-  BeginWrite(1);
+  changing = true;
 }
 
 // Waits until there is room for the change: a worker that was stopped while it read keeps freed
@@ -69,8 +68,13 @@ void IndexedStore::BeginWrite(std::size_t tokens_changed) {
   slot.activity = Activity::kServing;
 }
 
+// Others have to wait from the first use of the store on, not while files of packages are read.
 MDB_txn* IndexedStore::Write() {
-  if (!write) throw std::logic_error("no change has begun");
+  if (!write) {
+    if (!changing) throw std::logic_error("no change has begun");
+    changing_process = IdentifyProcess(changer.credential.pid);
+    BeginWrite(1);
+  }
   return write.get();
 }
 
@@ -87,12 +91,14 @@ void IndexedStore::CommitWrite() {
 
 void IndexedStore::Commit() {
   if (removed) tables.Erase(Write(), std::exchange(removed, std::nullopt)->token);
-  CommitWrite();
+  if (write) CommitWrite();
+  changing = false;
 }
 
 void IndexedStore::Rollback() noexcept {
   write.reset();
   removed.reset();
+  changing = false;
 }
 
 void IndexedStore::Insert(const std::string& token, const Json::Value& data) {
@@ -104,6 +110,7 @@ void IndexedStore::Insert(const std::string& token, const Json::Value& data) {
 void IndexedStore::Issue(const std::string& token, const Json::Value& data,
                          const std::string& text) {
   ExpectSmallToken(data, text);
+  Write();  // which identifies the peer's process
   if (!changing_process || !HadStarted(*changing_process, changer.accepted)) {
     throw std::runtime_error("the process that asked for the token is gone");
   }
@@ -188,7 +195,7 @@ std::string IndexedStore::Text(MDB_txn* transaction, const std::string& token) c
 
 Json::Value IndexedStore::GetAssociatedData(const std::string& token) {
   const std::string text =
-      write ? Text(write.get(), token) : Text(Database::ReadScope(database).Get(), token);
+      changing ? Text(Write(), token) : Text(Database::ReadScope(database).Get(), token);
   Json::Value data;
   if (!fromString(text, data)) throw std::runtime_error("the record of the token is damaged");
   return data;

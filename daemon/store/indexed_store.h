@@ -81,7 +81,8 @@ class IndexedStore : public TokenStore {
   Room room;
   OrphanSearch orphans;
 
-  Transaction write;  // of the current change
+  bool changing = false;  // between `Begin` and its end
+  Transaction write;      // of the current change, from its first use of the store on
   Peer changer;
   std::optional<ProcessIdentity> changing_process;
   std::optional<Holding> removed;  // carried out by `Commit`, unless the token is inserted again

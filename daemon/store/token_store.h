@@ -12,6 +12,9 @@
 #include "peer.h"
 #include "zelttokenmanager/token_storage.h"
 
+/// Grants of one token. Each validation goes through them.
+constexpr unsigned int kMaxGrants = 256;
+
 /// Which tokens an administrator means: those that meet every condition that is given.
 struct TokenFilter {
   std::optional<uid_t> user{};       ///< who asked for the token
@@ -31,8 +34,9 @@ struct Page {
 /// Processes: each worker makes its own object, after it was forked. Threads: one.
 class TokenStore : public ZELT::TokenManager::TokenStorage {
  public:
-  /// Begins a change on behalf of `peer`. Until `Commit` nobody else changes anything and nobody
-  /// sees what this one has changed. `Insert` and `Remove` may only be called in between.
+  /// Begins a change on behalf of `peer`. From its first use of the store until `Commit`, nobody
+  /// else changes anything, and nobody sees what this one has changed. `Insert` and `Remove` may
+  /// only be called in between.
   virtual void Begin(const Peer& peer) = 0;
 
   /// Makes the change last. Throws when it cannot; then nothing was changed.

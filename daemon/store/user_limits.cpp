@@ -3,13 +3,13 @@
 #include <stdexcept>
 
 #include "json_member.h"
+#include "token_store.h"
 
 using ZELT::TokenManager::MemberOrNull;
 
 namespace {
 
 constexpr std::size_t kMaxTextBytes = 64U << 10;  // each validation parses it
-constexpr unsigned int kMaxGrants = 256;          // each validation goes through them
 constexpr std::size_t kHoldingsAtOnce = 64;
 constexpr std::size_t kMostHoldings = 16'384;  // that one search looks at: some 10 ms
 constexpr std::size_t kMostUsers = 4096;       // whose progress is remembered

@@ -75,15 +75,9 @@ Json::Value LRUCacheStorage::GetAssociatedData(const std::string& token) {
   Lock lock(*mutex);
   try {
     const auto found = EvictUntilItFits([&] { return index->find(Key(token)); });
-    if (found != index->end()) {
-      const std::string text = Use(found->second);
-      lock.unlock();  // a parse takes several times as long as all before it
-      Json::Value data;
-      fromString(text, data);
-      return data;
-    }
+    if (found != index->end()) return Use(found->second);
   } catch (...) {
-    if (lock.owns()) lock.unlock();
+    lock.unlock();
     syslog(LOG_WARNING, "%s:%d failed to find record in cache", kSource, 162);
     throw cache_miss();
   }
@@ -135,11 +129,12 @@ LRUCacheStorage::ShmString LRUCacheStorage::Key(const std::string& token) {
   return ToShm(token.c_str(), std::char_traits<char>::length(token.c_str()));
 }
 
-std::string LRUCacheStorage::Use(const RecencyList::iterator& record) {
-  std::string text(record->second.data(), record->second.size());
+Json::Value LRUCacheStorage::Use(const RecencyList::iterator& record) {
+  Json::Value data;
+  fromString(std::string(record->second.data(), record->second.size()), data);
   records->splice(records->begin(), *records, record);
   Count(stats->hit);
-  return text;
+  return data;
 }
 
 void LRUCacheStorage::Count(std::uint64_t& counter) {

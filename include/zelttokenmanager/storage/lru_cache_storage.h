@@ -92,7 +92,7 @@ class [[gnu::visibility("default")]] LRUCacheStorage : public CacheStorage {
   [[gnu::visibility("hidden")]] auto EvictUntilItFits(Step step);
   [[gnu::visibility("hidden")]] ShmString ToShm(const char* text, std::size_t length);
   [[gnu::visibility("hidden")]] ShmString Key(const std::string& token);
-  [[gnu::visibility("hidden")]] std::string Use(const RecencyList::iterator& record);
+  [[gnu::visibility("hidden")]] Json::Value Use(const RecencyList::iterator& record);
   [[gnu::visibility("hidden")]] void Count(std::uint64_t & counter);
 
   boost::interprocess::mapped_region region;
