@@ -280,26 +280,19 @@ TEST_F(StoreTest, ListsAndDropsInPages) {
 }
 
 // How a store becomes full: a file system or a limit too small for it, or its own size.
-struct FullRow {
-  const char* name;
-  const char* tmpfs;
-  rlim_t file_limit;
-  std::uint64_t bytes;
-  const char* refusal;
-};
-const FullRow kFullRows[] = {
-    {"the store's size", "size=64m", RLIM_INFINITY, 4U << 20,
-     "the store is full: 419*bytes are used"},
-    {"its file system", "size=5m", RLIM_INFINITY, 64U << 20,
-     "no room*file system or quota*No space left on device"},
-    {"a file-size limit", "size=64m", 5U << 20, 64U << 20,
-     "no room*file system or quota*File too large"},
-};
-
 TEST_F(StoreTest, RevokesHoweverFullTheStoreIs) {
-  for (const FullRow& row : kFullRows) {
+  const struct {
+    const char* tmpfs;
+    rlim_t file_limit;
+    std::uint64_t bytes;
+    const char* refusal;
+  } rows[] = {
+      {"64m", RLIM_INFINITY, 4U << 20, "the store is full: 419*bytes are used"},
+      {"5m", RLIM_INFINITY, 64U << 20, "no room*file system or quota*No space left on device"},
+      {"64m", 5U << 20, 64U << 20, "no room*file system or quota*File too large"}};
+  for (const auto& row : rows) {
     const pid_t process = Start([&] {
-      MountEmpty("/tmp", std::string("mode=755,") + row.tmpfs);
+      MountEmpty("/tmp", std::string("mode=755,size=") + row.tmpfs);
       signal(SIGXFSZ, SIG_IGN);
       const rlimit limit{.rlim_cur = row.file_limit, .rlim_max = row.file_limit};
       Check(setrlimit(RLIMIT_FSIZE, &limit), "setrlimit");
@@ -323,7 +316,7 @@ TEST_F(StoreTest, RevokesHoweverFullTheStoreIs) {
       }
       return testing::Test::HasFailure() ? 1 : 0;
     });
-    EXPECT_EQ(Finish(process), 0) << row.name;
+    EXPECT_EQ(Finish(process), 0) << row.refusal;
   }
 }
 
