@@ -31,19 +31,7 @@ struct ScriptedDaemon {
   std::thread server;
 };
 
-struct CliTest : ProgramsTest {
-  struct Expected {
-    int exit_code;
-    std::string output;  // all of it, with ' for "
-    const char* error;   // a part of it
-  };
-  static void CheckProgram(const std::string& command, const Expected& expected) {
-    Program program(command);
-    EXPECT_EQ(program.End(), expected.exit_code) << command << ": " << program.Errors();
-    EXPECT_EQ(Requoted(program.Output()), expected.output) << command;
-    EXPECT_NE(program.Errors().find(expected.error), std::string::npos) << program.Errors();
-  }
-};
+using CliTest = ProgramsTest;
 
 TEST_F(CliTest, TellsWhatIsWrongWithItsWords) {
   const struct {
