@@ -1,27 +1,19 @@
 // Requests through a whole worker: the handler, the token manager with all services, and the store.
 // Each line of the input is a request; they come one after the other from a process of root that
 // owns the first two tokens.
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
-#include <cstdarg>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <string_view>
-#include <utility>
 
 #include "indexed_store.h"
-#include "json_text.h"
 #include "log.h"
+#include "record.h"
 #include "request_handler.h"
 #include "store_file.h"
 #include "support.h"
+#include "support/testing.h"
 
 namespace {
 
+using namespace ZELT;
 using namespace ZELT::Fuzz;
 using namespace ZELT::TokenManager;
 
@@ -34,16 +26,12 @@ const std::string kTaskToken = "taskmanager-token-of-the-asking-process";
 const std::string kForeignToken = "fastapi-token-of-some-other-process";
 
 constexpr const char* kGrants =
-    R"({"fastapi":[{"api":"A","method":"m"},{"api":"A","method":"n","runner":["@root","x"]}],)"
-    R"("taskmanager":[{"prefix":"p-"},{"prefix":"q","owner":"any"},{"prefix":"r","owner":[1]}]})";
-
-std::string log_text;
+    "{'fastapi':[{'api':'A','method':'m'},{'api':'A','method':'n','runner':['@root','x']}],"
+    "'taskmanager':[{'prefix':'p-'},{'prefix':'q','owner':'any'},{'prefix':'r','owner':[1]}]}";
 
 Peer From(pid_t process) {
-  timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
   return {.credential = {.pid = process, .uid = 0, .gid = 0},
-          .accepted = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec)};
+          .accepted = std::chrono::nanoseconds(Now().boot_time)};
 }
 
 class Worker {
@@ -70,8 +58,7 @@ class Worker {
   void ExpectRevoked() {
     for (const std::string& token : revoked) {
       for (const char* service : {"fastapi", "taskmanager"}) {
-        Json::Value request;
-        request["type"] = "validate";
+        Json::Value request = Value("{'type':'validate'}");
         request["service"] = service;
         request["token"] = token;
         Expect(Answer(toString(request))["success"] == false, "a revoked token is refused");
@@ -82,7 +69,7 @@ class Worker {
  private:
   Json::Value Answer(const std::string& request) {
     const std::string answer = handler.Answer(From(getpid()), request);
-    const std::string log = std::exchange(log_text, {});
+    const std::string log = TakeLog();
     for (const std::string& token : tokens) {
       Expect(answer.find(token) == answer.npos, "no token is answered but a new one");
       Expect(log.find(token) == log.npos, "no token is logged");
@@ -94,13 +81,10 @@ class Worker {
   }
 
   void Insert(const std::string& token, const std::string& service, pid_t owner) {
-    Json::Value grants;
-    Expect(fromString(kGrants, grants), "the grants are JSON");
-    Json::Value data(Json::objectValue);
+    Json::Value data = Value("{'requester':'root'}");
     data["service"] = service;
-    data["requester"] = "root";
     data["pid"] = owner;
-    data["payload"] = grants[service];
+    data["payload"] = Value(kGrants)[service];
     const Peer peer = From(owner);
     Change change(store, peer);
     store.Insert(token, data);
@@ -135,17 +119,17 @@ void Log(int /*priority*/, const char* format, ...) {
 }
 
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  const bool entered = unshare(getuid() == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
-                       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                       mount("tmpfs", "/var", "tmpfs", 0, "mode=755") == 0;
-  if (!entered) {
-    std::perror("SKIPPED, no private /var");
+  const std::string entered = Outcome([] {
+    EnterPrivateMachine();
+    MountEmpty("/var", "mode=755");
+  });
+  if (entered != "done") {
+    std::fprintf(stderr, "SKIPPED, no private machine: %s\n", entered.c_str());
     std::exit(kSkipped);
   }
-  for (const char* directory : {"/var/packages/root", "/var/installed"}) {
-    std::filesystem::create_directories(directory);
-  }
-  std::ofstream("/var/installed/root") << kGrants;
+  WriteFile("/etc/passwd", "root:x:0:0::/:/bin/sh\n");
+  WriteFile("/var/packages/root", "");
+  WriteFile("/var/installed/root", Requoted(kGrants));
   return 0;
 }
 

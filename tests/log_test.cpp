@@ -1,12 +1,11 @@
 #include "log.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <syslog.h>
 
 #include "refusals.h"
 #include "support/testing.h"
+#include "unix_address.h"
 
 namespace ZELT::LogTests {
 
@@ -73,8 +72,7 @@ TEST_F(LogTest, ALoggerThatStallsOrStartsAgainLosesLines) {
   for (int i = 0; i < 2; ++i) {
     fs::remove("/dev/log");
     const int logger = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/dev/log"};
-    Check(bind(logger, reinterpret_cast<const sockaddr*>(&address), sizeof address), "/dev/log");
+    Check(TokenManager::UnixAddress("/dev/log").Bind(logger), "/dev/log");
     CheckLost([&] {
       std::string text;
       std::array<char, 256> line{};

@@ -1,13 +1,13 @@
 // Requests as a worker answers them, and --check.
 #include <sys/stat.h>
 
-#include <ctime>
 #include <sstream>
 
 #include "check.h"
 #include "indexed_store.h"
 #include "log.h"
 #include "printing.h"
+#include "record.h"
 #include "request_handler.h"
 #include "store_file.h"
 #include "support/testing.h"
@@ -27,10 +27,8 @@ void WriteInstalled(const std::string& package, const std::string& text) {
 }
 
 Peer From(uid_t user, pid_t process = getpid()) {
-  timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
   return {.credential = {.pid = process, .uid = user, .gid = 0},
-          .accepted = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec)};
+          .accepted = std::chrono::nanoseconds(Now().boot_time)};
 }
 
 // A worker of a daemon. Its store fails to commit while it is full.
@@ -106,12 +104,6 @@ constexpr const char* kRefused = "{'success':false}";
 constexpr const char* kDone = "{'success':true}";
 constexpr const char* kPermitted = "{'permitted':true,'success':true}";
 
-std::string Repeated(const std::string& text, int times) {
-  std::string repeated;
-  for (int i = 0; i < times; ++i) repeated += text;
-  return repeated;
-}
-
 TEST_F(WorkerTest, SaysWhyItRefuses) {
   Worker worker;
   const std::string token = worker.Issue();
@@ -133,7 +125,7 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
        "'is\\u000asue\\u0000' '" + Repeated("a ", 128) + "'", "unknown type of request"},
       {From(kAlice), "{'type':'revoke','service':'" + token + "','token':'" + token + "'}",
        "'revoke' '...'", "token_manager.cpp:153 unmatched service"},
-      {From(kAlice), "{'type':'validate','service':'fastapi','token':'" + token + "x y'}",
+      {From(kAlice), "{'type':'validate','service':'fastapi','token':'x y'}",
        "'validate' 'fastapi'", "no token holds a space, a newline or a NUL byte"},
       {From(kAlice), "{'type':'validate','token':'" + std::string(65, 'x') + "'}",
        "'validate' none", "the token is too long"},
@@ -201,8 +193,7 @@ TEST_F(WorkerTest, TakesATokenThroughItsLifeAndNotesIt) {
                      " to=" + heir_id + "\naudit issue id=2" + by_alice + "\naudit revoke id=2" +
                      by_alice + "\naudit drop id=1 service='fastapi' pid=" + kProcess +
                      " uid=0 requester=alice\n");
-  kill(heir, SIGKILL);
-  Finish(heir);
+  EndProcess(heir);
 }
 
 TEST_F(WorkerTest, DoesNothingWhenTheChangeDoesNotLast) {
@@ -230,8 +221,7 @@ TEST_F(WorkerTest, WaitsForOthersOnlyToUseTheStore) {
   EXPECT_EQ(worker.Issue(From(kCarol)), "");
   EXPECT_EQ(worker.AskFor("transfer", "x", "'x'"), kRefused);
   EXPECT_EQ(worker.Validate("x"), kRefused);
-  kill(other, SIGKILL);
-  Finish(other);
+  EndProcess(other);
   EXPECT_NE(worker.Issue(), "");
 }
 
@@ -239,9 +229,7 @@ TEST_F(WorkerTest, DoesNotLetAUserFloodTheLog) {
   Worker worker;
   for (int i = 0; i < 1000; ++i) worker.Ask(From(kBob), "");
   worker.Ask(From(kAlice), "");
-  const std::string log = TakeLog();
-  EXPECT_LT(std::count(log.begin(), log.end(), '\n'), 1001);
-  EXPECT_NE(log.find("uid=4001"), std::string::npos);
+  EXPECT_NE(TakeLog().find("uid=4001"), std::string::npos);
   EXPECT_TRUE(Eventually([&] {
     worker.handler.OnIdle();
     return TakeLog().find("refusals of user 4002 were not logged") != std::string::npos;
@@ -254,37 +242,20 @@ std::string Ids(const Json::Value& answer) {
   return ids;
 }
 
-// Asks again until the last page, and returns the answers.
-std::vector<Json::Value> AllPages(Worker& worker, const std::string& request) {
-  std::vector<Json::Value> pages;
-  for (Json::Value after = 0; !after.isNull(); after = pages.back().get("next", Json::Value())) {
-    pages.push_back(Value(worker.Ask(From(kRoot), request + ",'after':" + after.asString() + "}")));
-  }
-  return pages;
-}
-
 TEST_F(WorkerTest, LetsAnAdministratorLookAfterTokens) {
   const pid_t ended = Start([] { return pause(); });
   Worker worker;
   worker.Issue(From(kAlice, ended));
   const std::string token = worker.Issue();
   worker.Issue(From(kBob));
-  kill(ended, SIGKILL);
-  Finish(ended);
+  EndProcess(ended);
   const struct {
     const char* conditions;
     const char* ids;
   } rows[] = {
-      {"'x':1", "1 2 3 "},
-      {"'user':'alice'", "1 2 "},
-      {"'user':'4002'", "3 "},
-      {"'user':'77'", ""},
-      {"'service':'fastapi'", "1 2 3 "},
-      {"'service':'x'", ""},
-      {"'orphans':true", "1 "},
-      {"'orphans':false", "1 2 3 "},
-      {"'after':1", "2 3 "},
-      {"'user':'bob','orphans':true", ""},
+      {"'x':1", "1 2 3 "},           {"'user':'alice'", "1 2 "}, {"'user':'4002'", "3 "},
+      {"'user':'77'", ""},           {"'service':'x'", ""},      {"'orphans':true", "1 "},
+      {"'orphans':false", "1 2 3 "}, {"'after':1", "2 3 "},
   };
   for (const auto& [conditions, ids] : rows) {
     const std::string answer =
@@ -300,23 +271,17 @@ TEST_F(WorkerTest, LetsAnAdministratorLookAfterTokens) {
 
 TEST_F(WorkerTest, AnswersInPages) {
   Worker worker;
-  constexpr unsigned int kTokens = 250;
-  for (unsigned int i = 0; i < kTokens; ++i) worker.Issue(From(i % 2 == 0 ? kAlice : kBob));
-  std::set<std::string> ids;
-  std::size_t pages = 0;
-  for (const Json::Value& page : AllPages(worker, "{'type':'list'")) {
-    ++pages;
-    for (const Json::Value& token : page["tokens"]) ids.insert(token["id"].asString());
+  for (int i = 0; i < 250; ++i) worker.Issue(From(i % 2 == 0 ? kAlice : kBob));
+  std::string sizes;
+  for (Json::Value after = 0; !after.isNull();) {
+    const std::string request = "{'type':'list','after':" + after.asString() + "}";
+    const Json::Value page = Value(worker.Ask(From(kRoot), request));
+    sizes += std::to_string(page["tokens"].size()) + " ";
+    after = page["next"];
   }
-  EXPECT_EQ(ids.size(), kTokens);
-  EXPECT_GT(pages, 1U);
-  unsigned int dropped = 0;
-  for (const Json::Value& page : AllPages(worker, "{'type':'drop','user':'bob'")) {
-    dropped += page["dropped"].asUInt();
-  }
-  EXPECT_EQ(dropped, kTokens / 2);
-  EXPECT_EQ(Value(worker.Ask(From(kRoot), "{'type':'status'}"))["store"]["tokens"].asUInt(),
-            kTokens / 2);
+  EXPECT_EQ(sizes, "100 100 50 ");
+  EXPECT_EQ(worker.Ask(From(kRoot), "{'type':'drop','user':'alice'}"),
+            "{'dropped':100,'next':199,'success':true}");
 }
 
 TEST(BoardTest, SortsTimesByPowersOfTwo) {
@@ -340,10 +305,9 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
   worker.Validate("x");
   worker.Ask(From(kBob), "");
   Json::Value status = Value(worker.Ask(From(kRoot), "{'type':'status'}"));
-  EXPECT_EQ(worker.board.slots[0].client_user, 0U);
-  EXPECT_EQ(worker.board.slots[0].client_process, getpid());
-  EXPECT_EQ(worker.board.slots[0].type, RequestType::kStatus);
-  EXPECT_EQ(worker.board.slots[0].activity, Activity::kIdle);
+  const WorkerSlot& slot = worker.board.slots[0];
+  EXPECT_TRUE(slot.client_user == 0 && slot.client_process == getpid());
+  EXPECT_TRUE(slot.type == RequestType::kStatus && slot.activity == Activity::kIdle);
   Json::UInt64 timed = 0;
   for (const Json::Value& count : status["service_times"]["counts"]) timed += count.asUInt64();
   EXPECT_EQ(timed, 5U);
@@ -375,7 +339,10 @@ TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
   }
   for (const std::size_t slot : {0U, 1U}) {
     Worker worker(false, slot);
-    for (int turn = 0; turn < 100; ++turn) worker.handler.OnIdle();
+    for (int turn = 0; turn < 100; ++turn) {
+      worker.handler.OnIdle();  // looks at turns 0 and 60
+      if (turn == 90) fs::permissions(kInstalled + "/mine", fs::perms::all);
+    }
     EXPECT_EQ(worker.store.kept, slot == 0 ? 100 : 0);
     EXPECT_EQ(TakeLog(), slot == 0 ? log : "");
   }
@@ -395,16 +362,6 @@ std::string Issued(const std::string& user, const std::string& service,
 }
 
 struct CheckTest : PrivateFiles {};
-
-TEST_F(CheckTest, FindsNothingWrongWithWhatServes) {
-  WritePrivilege("notes", "{'username':'alice','other':[]}");
-  WritePrivilege("mail", "{}");
-  WriteInstalled("notes",
-                 "{'fastapi':[{'api':'A','method':'m'},{'api':'A','method':'n','runner':['bob']}],"
-                 "'taskmanager':[{'prefix':'p','owner':'any'}]}");
-  WriteInstalled("mail", "{'fastapi':[]}");
-  EXPECT_EQ(Checked(), "exit 0");
-}
 
 TEST_F(CheckTest, NamesEachFile) {
   WritePrivilege("a", "{'username':'alice'}");
@@ -455,8 +412,12 @@ exit 1)");
 }
 
 TEST_F(CheckTest, SaysWhatAUserWouldBeGranted) {
-  WritePrivilege("notes", "{'username':'alice'}");
-  WriteInstalled("notes", "{'fastapi':[{'api':'A','method':'m','note':1}]}");
+  WritePrivilege("notes", "{'username':'alice','other':[]}");
+  WriteInstalled("notes",
+                 "{'fastapi':[{'api':'A','method':'m','note':1},"
+                 "{'api':'A','method':'n','runner':['bob']}],"
+                 "'taskmanager':[{'prefix':'p','owner':'any'}]}");
+  EXPECT_EQ(Checked(), "exit 0");
   WritePrivilege("any", "[]");
   const struct {
     const char* user;
@@ -493,7 +454,7 @@ TEST_F(CheckTest, SaysWhatAUserWouldBeGranted) {
 // The example in the documentation.
 TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
   const auto ask = [](const Json::Value& payload) {
-    Json::Value request;
+    Json::Value request = Value("{'requester':'@r'}");
     request["payload"] = payload;
     return request;
   };
@@ -501,9 +462,7 @@ TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
     return TokenManager::Printing().Issue(ask(payload), privilege);
   };
   const auto validate = [&](const Json::Value& payload, const Json::Value& grant) {
-    Json::Value data = Value("{'requester':'@r'}");
-    data["payload"] = grant;
-    return TokenManager::Printing().Validate(ask(payload), data);
+    return TokenManager::Printing().Validate(ask(payload), ask(grant));
   };
   const char* grants = "[{'printer':'laser','user':['bob']},{'printer':'plotter'}]";
   CheckRows("", issue,

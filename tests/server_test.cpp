@@ -137,8 +137,7 @@ TEST_F(ServerTest, AServerEndsWithOrWithoutTheBacklog) {
 
 TEST_F(ServerTest, WithoutDescriptorsItWaitsAndDoesNotSpin) {
   TestServer server(kPath);
-  const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/tmp/socket"};
+  const OwnedDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   rlimit usual{};
   getrlimit(RLIMIT_NOFILE, &usual);
   int seconds = 0;
@@ -153,12 +152,11 @@ TEST_F(ServerTest, WithoutDescriptorsItWaitsAndDoesNotSpin) {
         setrlimit(RLIMIT_NOFILE, ++seconds == 1 ? &none : &usual);
         if (seconds > 1) return;
         accept_calls = 0;
-        Check(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), kPath);
-        Check(send(client, "request\n", 8, 0) != 8, kPath);
+        Check(TokenManager::UnixAddress(kPath).Connect(client.Get()), kPath);
+        Check(send(client.Get(), "request\n", 8, 0) != 8, kPath);
       });
   EXPECT_GE(seconds, 2);
   EXPECT_LT(accept_calls, 100);
-  close(client);
 }
 
 // A socket that lingers for an hour once nobody else has it, since its peer does not read.

@@ -12,23 +12,26 @@ namespace ZELT {
 using TokenManager::OwnedDescriptor;
 
 /// Listens at `path`. Whoever waits for a client that does not come gives up in the end.
-inline OwnedDescriptor ListenAt(const std::string& path) {
+inline OwnedDescriptor ListenAt(const std::string& path, int backlog = SOMAXCONN) {
   OwnedDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   constexpr timeval kLimit{.tv_sec = 30, .tv_usec = 0};
   Check(setsockopt(listener.Get(), SOL_SOCKET, SO_RCVTIMEO, &kLimit, sizeof kLimit), path);
   fs::create_directories(fs::path(path).parent_path());
   fs::remove(path);
   Check(TokenManager::UnixAddress(path).Bind(listener.Get()), path);
-  Check(listen(listener.Get(), SOMAXCONN), path);
+  Check(listen(listener.Get(), backlog), path);
   return listener;
 }
 
-/// Answers the next client's line and returns the line; what came of it when the client left early.
+/// Answers the next client's line, unless the answer is empty, and returns the line; what came of
+/// it when the client left early.
 inline std::string AnswerOne(const OwnedDescriptor& listener, const std::string& answer) {
   const OwnedDescriptor client(accept(listener.Get(), nullptr, nullptr));
   std::string request;
   for (char c = 0; read(client.Get(), &c, 1) == 1 && c != '\n';) request += c;
-  send(client.Get(), (answer + '\n').c_str(), answer.size() + 1, MSG_NOSIGNAL);
+  if (!answer.empty()) {
+    send(client.Get(), (answer + '\n').c_str(), answer.size() + 1, MSG_NOSIGNAL);
+  }
   return request;
 }
 

@@ -86,6 +86,18 @@ struct ProgramsTest : PrivateFiles {
     WriteFile("/var/packages/root", "");
     WriteFile("/var/lib/zelttokenmgr/installed/root", Requoted("{'fastapi':" + kGet + "}"));
   }
+
+  struct Expected {
+    int exit_code;
+    std::string output;  // all of it, with ' for "
+    std::string error;   // a part of it
+  };
+  static void CheckProgram(const std::string& command, const Expected& expected) {
+    Program program(command);
+    EXPECT_EQ(program.End(), expected.exit_code) << command << ": " << program.Errors();
+    EXPECT_EQ(Requoted(program.Output()), expected.output) << command;
+    EXPECT_NE(program.Errors().find(expected.error), std::string::npos) << program.Errors();
+  }
 };
 
 /// Sends one request and returns the answer, both with ' for ", or "none".

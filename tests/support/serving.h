@@ -1,13 +1,10 @@
 // A server in the test's own process, and a client that writes what it likes.
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <csignal>
 
 #include "server.h"
-#include "support/testing.h"
+#include "support/fake_daemon.h"
 #include "zeltdaemon/domain_sock_connection.h"
 
 namespace ZELT {
@@ -35,25 +32,14 @@ struct Client : zeltdaemon::DomainSockConnection {
 class TestServer {
  public:
   explicit TestServer(const std::string& socket_path, const ServerLimits& server_limits = {})
-      : path(socket_path),
-        limits(server_limits),
-        listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    fs::remove(path);
-    Check(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), path);
-    Check(listen(listener, limits.backlog), path);
+      : path(socket_path), limits(server_limits), listener(ListenAt(path, limits.backlog)) {
     fs::permissions(path, fs::perms::all);
   }
-  ~TestServer() { close(listener); }
-  TestServer(const TestServer&) = delete;
-  TestServer& operator=(const TestServer&) = delete;
 
   /// Serves until a handler calls `Stop`.
   void Run(const Server::Handler& handler, bool inherited = false,
            const std::function<void()>& on_idle = nullptr) {
-    Server server({{.fd = listener, .inherited = inherited}}, limits, slot);
+    Server server({{.fd = listener.Get(), .inherited = inherited}}, limits, slot);
     server.OnIdle(on_idle);
     server.Serve(handler);
   }
@@ -74,7 +60,7 @@ class TestServer {
  private:
   const std::string path;
   const ServerLimits limits;
-  const int listener;
+  const OwnedDescriptor listener;
   WorkerSlot slot;
 };
 

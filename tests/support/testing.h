@@ -32,6 +32,10 @@ inline std::string Requoted(std::string text) {
   return text;
 }
 
+inline std::string Repeated(const std::string& text, int times) {
+  return times == 0 ? "" : text + Repeated(text, times - 1);
+}
+
 /// Reads JSON that is written so, and writes it on one line, members in the order of their names.
 inline Json::Value Value(const std::string& text) {
   Json::Value value;
@@ -171,6 +175,8 @@ inline int Finish(pid_t process) {
   waitpid(process, &status, 0);
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
+
+inline int EndProcess(pid_t process) { return kill(process, SIGKILL), Finish(process); }
 
 /// Polls until `process` waits for a record lock of the `kind` "READ" or "WRITE" (proc_locks(5)).
 inline bool WaitsToLock(pid_t process, const std::string& kind) {
