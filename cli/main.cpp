@@ -35,7 +35,7 @@ int Execute(const Invocation& invocation) {
   try {
     Print(invocation, result);
   } catch (const Failure&) {
-    if (invocation.command == Issue) TakeBackIssued(invocation.arguments, result);
+    if (invocation.command == Issue) RevokeIssued(invocation.arguments, result);
     throw;
   }
   return result.exit_code;
