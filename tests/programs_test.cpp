@@ -127,7 +127,7 @@ TEST_F(ProgramsTest, ServesSocketsThatWerePassedOn) {
   const std::string redirect = " 3<&" + std::to_string(first) + " 4<&" + std::to_string(other);
   Program deaf("LISTEN_PID=$$ LISTEN_FDS=2 exec zelttokenmgrd" + redirect);
   EXPECT_EQ(deaf.End(), 1);
-  EXPECT_NE(deaf.Errors().find("descriptor 3 was passed on and is no listening"),
+  EXPECT_NE(deaf.Errors().find("descriptor 3 was passed on but is not a listening"),
             std::string::npos);
 
   for (const int fd : {first, other}) ASSERT_EQ(listen(fd, 16), 0);
@@ -252,7 +252,7 @@ TEST_F(ProgramsTest, ReplacesAWorkerThatHangs) {
   const std::string token = Issue();
   const std::vector<pid_t> workers = daemon.Children();
   Halt(workers[0]);
-  EXPECT_TRUE(daemon.Logs("worker " + std::to_string(workers[0]) + " has not been seen for"));
+  EXPECT_TRUE(daemon.Logs("worker " + std::to_string(workers[0]) + " has not responded for"));
   ASSERT_TRUE(Eventually([&] { return daemon.Children().size() == 2; }));
   EXPECT_TRUE(Has(daemon.Children(), workers[1]));
   EXPECT_EQ(Validate(token), kPermitted);
@@ -274,7 +274,7 @@ TEST_F(ProgramsTest, ReplacesAWorkerThatHangsInATransaction) {
   kill(changer, SIGKILL);
   Finish(changer);
   EXPECT_NE(Issue(), "") << "which waits for it";
-  EXPECT_TRUE(daemon.Logs(" has not been seen for"));
+  EXPECT_TRUE(daemon.Logs(" has not responded for"));
   ASSERT_TRUE(Eventually([&] { return daemon.Children().size() == 2; }));
   EXPECT_TRUE(Has(daemon.Children(), workers[1])) << daemon.Errors();
   EXPECT_EQ(Validate(token), kPermitted);
@@ -285,7 +285,7 @@ TEST_F(ProgramsTest, LetsNobodyOwnATokenWithoutAProcessId) {
   Program daemon("exec unshare --pid --fork --kill-child --mount-proc zelttokenmgrd --stderr");
   ASSERT_TRUE(daemon.Logs("ready")) << daemon.Errors();
   EXPECT_EQ(Issue(), "");
-  EXPECT_TRUE(daemon.Logs("the peer's process has no id here"));
+  EXPECT_TRUE(daemon.Logs("the peer has no process id in the daemon's pid namespace"));
 }
 
 TEST_F(ProgramsTest, RefusesAStoreThatIsNotItsOwn) {

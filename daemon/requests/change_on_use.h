@@ -1,4 +1,4 @@
-// When a request begins its change.
+// Begins a request's change as late as possible.
 #pragma once
 
 #include <optional>
@@ -8,8 +8,8 @@
 #include "token_store.h"
 
 /// The store as the token manager uses it. A request that changes something begins its change when
-/// it first uses the store: what it does before, such as reading files of packages, may take its
-/// time, and keeps nobody else from changing something.
+/// it first uses the store. Slow work before that, such as reading the files of packages, does not
+/// keep others from changing the store.
 class ChangeOnUse : public ZELT::TokenManager::TokenStorage {
  public:
   explicit ChangeOnUse(TokenStore& changed_store) : store(changed_store) {}
@@ -26,7 +26,7 @@ class ChangeOnUse : public ZELT::TokenManager::TokenStorage {
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
-    /// Makes the change last, if one has begun. Throws what `TokenStore::Commit` throws.
+    /// Commits the change, if one has begun. Throws what `TokenStore::Commit` throws.
     void Commit() {
       if (storage.change) storage.change->Commit();
     }

@@ -6,13 +6,13 @@
 
 #include <cerrno>
 #include <charconv>
-#include <csignal>
 #include <stdexcept>
 #include <string_view>
 
 namespace {
 
-// Reads a small file of proc(5), which gives all of it at once; "" when it cannot be read.
+// Returns the contents of a small file of proc(5), which a single read(2) returns, or "" if it
+// cannot be read.
 std::string ReadProcFile(const std::string& path) {
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) return {};
@@ -24,14 +24,14 @@ std::string ReadProcFile(const std::string& path) {
 
 std::string ReadStatus(pid_t pid) { return ReadProcFile("/proc/" + std::to_string(pid) + "/stat"); }
 
-// Whether `pid` is the number of a process, be it a zombie. Other than kill(2), tgkill(2) does not
-// take a thread's number for its process's.
+// Returns whether `pid` is the id of a process, which may be a zombie. Unlike kill(2), this call to
+// tgkill(2) fails for the id of a thread that does not lead its process.
 bool IsProcess(pid_t pid) {
   return pid > 0 && (syscall(SYS_tgkill, pid, pid, 0) == 0 || errno == EPERM);
 }
 
-// Returns the field of proc_pid_stat(5) with this number, 3 or greater, "" when there is none. The
-// name before it may hold spaces and brackets.
+// Returns the field of proc_pid_stat(5) with this number, 3 or greater, or "" if there is none. The
+// name before it may contain spaces and parentheses.
 std::string_view Field(std::string_view status, int number) {
   std::string_view fields = status.substr(std::min(status.rfind(')'), status.size()));
   for (int i = 2; i < number; ++i)
@@ -46,7 +46,7 @@ std::uint64_t NumberField(std::string_view status, int number) {
   return value;
 }
 
-// A process whose first thread has ended shows the state of a zombie as long as others run.
+// A process whose first thread has ended has the state of a zombie while other threads run.
 bool IsZombie(std::string_view status) {
   const std::string_view state = Field(status, 3);
   return (state == "Z" || state == "X") && NumberField(status, 20) <= 1;
