@@ -1,5 +1,5 @@
-// The administrator's commands. Their answers come in pages: a page that is not the last one has
-// "next", which the request for the next page repeats as "after".
+// The administrator's commands. Responses come in pages. Every page but the last has "next"; the
+// request for the next page sends that value as "after".
 #include "commands.h"
 #include "daemon.h"
 #include "json_member.h"
@@ -12,8 +12,8 @@ namespace {
 Json::Value AskForPage(const Json::Value& request) {
   Json::Value response = SendToDaemon(request);
   if (TruthOf(MemberOrNull(response, "success"))) return response;
-  throw Failure(kRefused, std::string("the daemon refused; only root and the user that it runs as "
-                                      "may look after tokens") +
+  throw Failure(kRefused, std::string("the daemon refused; only root and the daemon's user may "
+                                      "administer tokens") +
                               kReasonInLog);
 }
 
@@ -65,7 +65,7 @@ Result Drop(const Arguments& arguments) {
   } catch (const Failure& failure) {
     if (dropped == 0) throw;
     throw Failure(failure.exit_code, std::string(failure.what()) + "; " + std::to_string(dropped) +
-                                         " tokens were dropped before that");
+                                         " tokens had already been dropped");
   }
   Result result{
       .text = std::to_string(dropped) + (dropped == 1 ? " token" : " tokens") + " dropped",

@@ -12,9 +12,9 @@
 namespace {
 
 constexpr const char* kOwnership =
-    "Only the process that asked for a token may revoke it; --owner hands it on.\n";
+    "Only the process that asked for a token may revoke it; --owner transfers it.\n";
 
-// CLI11 itself would take "010" for 8.
+// CLI11's own conversion reads "010" as 8.
 template <typename Number>
 Number ParseNumber(const std::string& name, const std::string& text) {
   Number number = 0;
@@ -24,10 +24,10 @@ Number ParseNumber(const std::string& name, const std::string& text) {
                                        std::to_string(std::numeric_limits<Number>::max()));
 }
 
-// An empty one would not narrow anything.
+// An empty filter would match everything.
 std::string CheckFilter(const std::string& text) { return text.empty() ? "is empty" : ""; }
 
-// Catches options where a token is due: "revoke fastapi --json".
+// Rejects an option in the place of a token: "revoke fastapi --json".
 std::string CheckToken(const std::string& text) {
   const bool is_option =
       text.size() > 1 && text.starts_with('-') && !ZELT::TokenManager::IsTokenShaped(text);
@@ -54,19 +54,19 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     AddList();
     AddDrop();
     AddStatus();
-    app.allow_extras();  // which Parse() reads
+    app.allow_extras();  // Parse() reads them
     AddJson(&after);
   }
 
   // Throws CLI::ParseError.
   void Parse(std::vector<std::string> words) {
-    std::reverse(words.begin(), words.end());  // as CLI11 wants them
+    std::reverse(words.begin(), words.end());  // CLI11 expects the last word first
     app.parse(words);
-    // Where operands come last, CLI11 leaves what follows them.
+    // CLI11 leaves the words that follow the operands.
     if (!words.empty()) after.parse(words);
   }
 
-  // Prints help or the version, when that is what stopped CLI11. Throws `Failure` otherwise.
+  // Prints help or the version if that is why parsing stopped. Otherwise throws `Failure`.
   void Explain(const CLI::ParseError& error) const {
     if (error.get_exit_code() == 0) return static_cast<void>(app.exit(error));
     const auto commands = app.get_subcommands();
@@ -80,7 +80,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
  private:
-  // Set at once, so that later errors are printed as JSON too.
+  // Takes effect at once, so that later errors are printed as JSON too.
   void AddJson(CLI::App* command) {
     command->add_flag("--json", invocation.json, "Print the result as one JSON object")
         ->trigger_on_parse();
@@ -97,7 +97,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     command->add_option("SERVICE", arguments.service, R"("fastapi" or "taskmanager")")->required();
   }
 
-  // One token in 64 begins with "-", so no options are looked for from SERVICE on.
+  // One token in 64 begins with "-", so options end at SERVICE.
   void AddToken(CLI::App* command) {
     AddService(command);
     command->add_option("TOKEN", arguments.token, "The token, @FILE or -")
@@ -117,7 +117,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddFilter(CLI::App* command) {
-    command->add_option("--user", arguments.user, "Only tokens that this user asked for")
+    command->add_option("--user", arguments.user, "Only tokens that this user requested")
         ->check(CheckFilter)
         ->type_name("USER");
     command->add_option("--service", arguments.service, "Only tokens of this service")
@@ -127,18 +127,18 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddIssue() {
-    CLI::App* issue = Add("issue", "Ask for a token and print it",
+    CLI::App* issue = Add("issue", "Request a token and print it",
                           R"(zelttoken issue fastapi --owner $$
          '[{"api":"Demo.Item","method":"get"}]')",
                           Issue);
     issue->footer(kOwnership + issue->get_footer());
     AddService(issue);
     AddPayload(issue);
-    AddProcess(issue, "--owner", arguments.owner, "Hand the token to this process at once");
+    AddProcess(issue, "--owner", arguments.owner, "Transfer the token to this process at once");
   }
 
   void AddValidate() {
-    CLI::App* validate = Add("validate", "Ask whether a token permits something",
+    CLI::App* validate = Add("validate", "Check whether a token permits a request",
                              R"(zelttoken validate taskmanager @token
          '{"action":"read","args":{"task":"backup_1","owner":"alice"}}')",
                              Validate);
@@ -154,13 +154,14 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddTransfer() {
-    CLI::App* transfer = Add("transfer", "Hand on a token that this process owns",
+    CLI::App* transfer = Add("transfer", "Transfer a token that this process owns",
                              "exec zelttoken transfer fastapi @token 4711", Transfer);
     AddToken(transfer);
     AddProcess(transfer, "PID", arguments.pid, "The new owner")->required();
   }
 
-  // COMMAND's own words are what CLI11 leaves, so that it does not read them as lists or options.
+  // CLI11 does not parse the words after "--", since it would read some of them as lists or
+  // options.
   void AddRun() {
     CLI::App* run = Add("run",
                         "Run a command with a token, then revoke the token:\n"
@@ -182,12 +183,13 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddList() {
-    AddFilter(Add("list", "List the tokens that exist, but not their text",
+    AddFilter(Add("list", "List tokens, without their text",
                   "zelttoken list --user alice --orphans", List));
   }
 
   void AddDrop() {
-    CLI::App* drop = Add("drop", "End tokens of any owner", "zelttoken drop --user alice", Drop);
+    CLI::App* drop =
+        Add("drop", "End tokens, whoever owns them", "zelttoken drop --user alice", Drop);
     const auto read = [this](const std::vector<std::string>& ids) {
       for (const std::string& id : ids)
         arguments.ids.push_back(ParseNumber<std::uint64_t>("ID", id));
@@ -215,7 +217,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
 
   Invocation& invocation;
   Arguments& arguments;
-  CLI::App app{"Issues, validates, revokes, transfers and looks after tokens through zelttokenmgrd",
+  CLI::App app{"Issues, validates, revokes, transfers and administers tokens through zelttokenmgrd",
                "zelttoken"};
   CLI::App after;
 };

@@ -1,4 +1,4 @@
-// The command line as CLI11 reads it.
+// Parsing of the command line.
 #pragma once
 
 #include <string>
@@ -6,14 +6,13 @@
 
 #include "commands.h"
 
-/// What is to be done.
+/// The command to run.
 struct Invocation {
   Arguments arguments;
-  Result (*command)(const Arguments&) =
-      nullptr;  ///< null: nothing, help or the version was printed
+  Command command = nullptr;  ///< null if help or the version was printed
   bool json = false;
 };
 
-/// Reads the words after the program's name into `invocation`. Prints help or the version when that
-/// is asked for. Throws `Failure` for bad usage; `json` is then set if --json was read before.
+/// Parses the words after the program's name into `invocation`. Prints help or the version on
+/// request. Throws `Failure` for bad usage; `json` is then set if --json was read before.
 void ReadCommandLine(std::vector<std::string> words, Invocation& invocation);

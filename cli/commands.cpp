@@ -14,7 +14,7 @@ using namespace ZELT::TokenManager;
 
 namespace {
 
-// The library tells its failures apart by their texts only.
+// The library's failures differ only in their texts.
 Failure Explain(const std::string& error) {
   const auto is = [&error](std::string_view where) { return error.starts_with(where); };
   const std::string cause = " (" + error + ")";
@@ -24,7 +24,7 @@ Failure Explain(const std::string& error) {
   return is("utils.cpp:62") ? Unreachable(cause) : BrokenExchange(cause);
 }
 
-// Makes one exchange with the daemon.
+// Calls the library, and translates its errors.
 template <typename Exchange>
 auto Ask(const Exchange& exchange) {
   try {
@@ -49,9 +49,9 @@ void RevokeToken(const std::string& service, const std::string& token) {
   Demand(Ask([&] { return SendRevokeRequest(service, token); }), "revoke");
 }
 
-// Waits for a daemon that is away, as during a restart, because nobody else can revoke the token
-// later. How the command ended counts more than whether this works.
-void TakeBack(const std::string& service, const std::string& token) {
+// Waits while the daemon is unavailable, for example during a restart, because no other process can
+// revoke the token later. Does not throw, because the caller has its own result to report.
+void RevokePatiently(const std::string& service, const std::string& token) {
   constexpr std::chrono::seconds kPatience{10};
   constexpr std::chrono::milliseconds kPause{100};
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
@@ -83,14 +83,14 @@ Result Issue(const Arguments& arguments) {
   try {
     TransferToken(arguments.service, token, arguments.owner);
   } catch (...) {
-    TakeBack(arguments.service, token);
+    RevokePatiently(arguments.service, token);
     throw;
   }
   return result;
 }
 
-void TakeBackIssued(const Arguments& arguments, const Result& issued) {
-  if (arguments.owner == 0) TakeBack(arguments.service, issued.text);
+void RevokeIssued(const Arguments& arguments, const Result& issued) {
+  if (arguments.owner == 0) RevokePatiently(arguments.service, issued.text);
 }
 
 Result Validate(const Arguments& arguments) {
@@ -119,16 +119,16 @@ Result Transfer(const Arguments& arguments) {
 }
 
 Result Run(const Arguments& arguments) {
-  Runner runner;  // blocks signals first: one that ended this process would leave a token behind
+  Runner runner;  // blocks signals first: dying of one would leave a token behind
   const std::string token = IssueToken(arguments);
   Result result;
   try {
     result.exit_code = runner.Run(arguments.command, token);
   } catch (...) {
-    TakeBack(arguments.service, token);
+    RevokePatiently(arguments.service, token);
     throw;
   }
-  TakeBack(arguments.service, token);
+  RevokePatiently(arguments.service, token);
   result.value["exit"] = result.exit_code;
   return result;
 }

@@ -1,4 +1,4 @@
-// What each command does. All throw `Failure`.
+// The commands. All throw `Failure`.
 #pragma once
 
 #include <json/value.h>
@@ -22,10 +22,10 @@ struct Arguments {
   bool prometheus = false;
 };
 
-/// What a command has to say and to return.
+/// The output of a command, and its exit code.
 struct Result {
-  std::string text;   ///< for people; empty: nothing to print
-  Json::Value value;  ///< for programs: members beside "success"
+  std::string text;   ///< for people; nothing is printed if it is empty
+  Json::Value value;  ///< for programs, to which "success" is added
   int exit_code = 0;
 };
 
@@ -37,11 +37,11 @@ Result Revoke(const Arguments& arguments);
 Result Transfer(const Arguments& arguments);
 Result Run(const Arguments& arguments);
 
-// For root and the daemon's user.
+// Only root and the daemon's user may use these.
 Result List(const Arguments& arguments);
 Result Drop(const Arguments& arguments);
 Result Status(const Arguments& arguments);
 
-/// Revokes the token that `Issue` returned, if this process still owns it: to be called when the
-/// token could not be printed. Does not throw.
-void TakeBackIssued(const Arguments& arguments, const Result& issued);
+/// Revokes the token that `Issue` returned, if this process still owns it. Call this when the token
+/// could not be printed. Does not throw.
+void RevokeIssued(const Arguments& arguments, const Result& issued);

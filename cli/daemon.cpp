@@ -14,7 +14,7 @@ std::string NameOf(uid_t user) {
   return entry != nullptr ? entry->pw_name : "uid " + std::to_string(user);
 }
 
-// Returns an empty text when nothing foreign stands at the daemon's addresses.
+// Returns an empty string if no other user's file is at the daemon's addresses.
 std::string ForeignSockets() {
   std::string text;
   for (const char* path : kSocketPaths) {
@@ -38,7 +38,7 @@ Failure Unreachable(const std::string& cause) {
 }
 
 Failure BrokenExchange(const std::string& cause) {
-  return {kUnavailable, "the exchange with the daemon broke off" + cause + kReasonInLog};
+  return {kUnavailable, "the exchange with the daemon failed" + cause + kReasonInLog};
 }
 
 Json::Value SendToDaemon(const Json::Value& request) {

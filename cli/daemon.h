@@ -1,4 +1,4 @@
-// Exchanges with the daemon, and what to say when one fails.
+// Exchanges with the daemon, and their failures.
 #pragma once
 
 #include <json/value.h>
@@ -9,9 +9,10 @@
 
 constexpr const char* kReasonInLog = "; its log says why (journalctl -u zelttokenmgrd)";
 
-/// Each returns the failure that `cause` led to, with what to do about it.
+/// Each returns a failure that names `cause` and what to do about it.
 Failure Unreachable(const std::string& cause);
 Failure BrokenExchange(const std::string& cause);
 
-/// Sends a request that the library has no call for, and returns the response. Throws `Failure`.
+/// Sends a request for which the library has no function, and returns the response. Throws
+/// `Failure`.
 Json::Value SendToDaemon(const Json::Value& request);

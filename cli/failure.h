@@ -1,4 +1,4 @@
-// Why a command fails, and the exit code that says so.
+// Failures of commands, and their exit codes.
 #pragma once
 
 #include <stdexcept>

@@ -1,4 +1,6 @@
 // zelttoken, the command line of the token daemon.
+#include <algorithm>
+#include <csignal>
 #include <iostream>
 #include <string>
 
@@ -20,22 +22,31 @@ void Print(const Invocation& invocation, const Result& result) {
   if (!std::cout.flush()) throw Failure(kRefused, "cannot write to standard output");
 }
 
+// An argument that is quoted in an error may hold bytes that JSON cannot express.
+std::string Printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  return text;
+}
+
 void PrintError(const Invocation& invocation, const std::string& error) {
   if (invocation.json) {
     Json::Value value;
     value["success"] = false;
-    value["error"] = error;
+    value["error"] = Printable(error);
     std::cout << ZELT::TokenManager::toString(value) << '\n';
   }
   std::cerr << "zelttoken: " << error << '\n';
 }
 
 int Execute(const Invocation& invocation) {
+  // A token that cannot be printed is given back, which the end of a pipe must not prevent.
+  if (invocation.command == Issue) std::signal(SIGPIPE, SIG_IGN);
   const Result result = invocation.command(invocation.arguments);
   try {
     Print(invocation, result);
   } catch (const Failure&) {
-    if (invocation.command == Issue) TakeBackIssued(invocation.arguments, result);
+    if (invocation.command == Issue) RevokeIssued(invocation.arguments, result);
     throw;
   }
   return result.exit_code;

@@ -15,7 +15,8 @@ namespace {
 
 using Line = std::vector<std::string>;
 
-// Any process chooses its own name, which must not control the administrator's terminal.
+// A process chooses its own name. Control characters in it must not reach the administrator's
+// terminal.
 std::string Printable(std::string text) {
   const auto is_control = [](unsigned char c) { return c < ' ' || c > '~'; };
   std::replace_if(text.begin(), text.end(), is_control, '?');
@@ -31,7 +32,7 @@ std::string Padded(std::string text, std::size_t width) {
   return text;
 }
 
-// Returns lines of columns that are as wide as their widest cell, without a newline at the end.
+// Returns lines whose columns are as wide as their widest cell, without a newline at the end.
 std::string Table(const std::vector<Line>& lines) {
   std::vector<std::size_t> widths(lines.front().size());
   for (const Line& line : lines) {
@@ -61,7 +62,7 @@ std::string Duration(const Json::Value& seconds) {
 
 std::string KiB(const Json::Value& bytes) { return std::to_string(Number(bytes) / 1024) + " KiB"; }
 
-// Returns the upper bound of the time that `percent` of the requests took.
+// Returns an upper bound of the time that `percent` of the requests took.
 std::string ServiceTime(const Json::Value& times, std::uint64_t percent) {
   const Json::Value& bounds = times["bounds_us"];
   std::uint64_t total = 0;
@@ -92,7 +93,8 @@ std::string Labels(const std::vector<std::pair<const char*, std::string>>& label
   return text + "}";
 }
 
-// Text in the exposition format, version 0.0.4: a metric's lines stand together.
+// Builds text in the Prometheus exposition format 0.0.4, in which a metric's lines must be
+// consecutive.
 class Metrics {
  public:
   void Begin(const std::string& metric, const std::string& type, const std::string& help) {
@@ -144,7 +146,7 @@ std::string Seconds(std::uint64_t microseconds) {
   return {text.data(), end.ptr};
 }
 
-// The daemon does not sum the times up, so there is no "_sum".
+// The daemon does not record the sum of the times, so there is no "_sum".
 void AddServiceTimes(Metrics& metrics, const Json::Value& times) {
   metrics.Begin("request_duration_seconds", "histogram", "Time to serve a request.");
   std::uint64_t total = 0;

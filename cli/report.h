@@ -1,4 +1,4 @@
-// What the daemon tells administrators, as text.
+// The daemon's responses to administrators, as text.
 #pragma once
 
 #include <json/value.h>

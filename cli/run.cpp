@@ -19,9 +19,9 @@ constexpr int kEndedBySignal = 128;
 }  // namespace
 
 Runner::Runner() {
-  sigfillset(&held_back);
-  for (const int stop : {SIGTSTP, SIGTTIN, SIGTTOU}) sigdelset(&held_back, stop);
-  sigprocmask(SIG_BLOCK, &held_back, &mask_before);
+  sigfillset(&blocked);
+  for (const int stop : {SIGTSTP, SIGTTIN, SIGTTOU}) sigdelset(&blocked, stop);
+  sigprocmask(SIG_BLOCK, &blocked, &mask_before);
   // While SIGCHLD is ignored, the kernel keeps no exit status (waitpid(2)).
   child_handler_before = std::signal(SIGCHLD, SIG_DFL);
 }
@@ -48,8 +48,8 @@ void Runner::Execute(std::vector<std::string>& command, const std::string& token
   _exit(error == ENOENT ? kNotFound : kNotExecutable);
 }
 
-// The terminal sends its signals to the command too, once that runs.
-void Runner::PassOn(const siginfo_t& signal, pid_t child) {
+// Once the command runs, the terminal sends its signals to the command as well.
+void Runner::Forward(const siginfo_t& signal, pid_t child) {
   const bool is_early = sigismember(&early, signal.si_signo) == 1;
   if (is_early || signal.si_code != SI_KERNEL) kill(child, signal.si_signo);
   sigdelset(&early, signal.si_signo);
@@ -58,8 +58,8 @@ void Runner::PassOn(const siginfo_t& signal, pid_t child) {
 int Runner::AwaitEnd(pid_t child) {
   for (;;) {
     siginfo_t signal{};
-    if (sigwaitinfo(&held_back, &signal) < 0) continue;  // EINTR, after a stop
-    if (signal.si_signo != SIGCHLD) PassOn(signal, child);
+    if (sigwaitinfo(&blocked, &signal) < 0) continue;  // EINTR, after a stop
+    if (signal.si_signo != SIGCHLD) Forward(signal, child);
     int status = 0;
     if (waitpid(child, &status, WNOHANG) != child) continue;
     return WIFSIGNALED(status) ? kEndedBySignal + WTERMSIG(status) : WEXITSTATUS(status);

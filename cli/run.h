@@ -1,4 +1,4 @@
-// Running a command and passing signals on to it.
+// Running a command, and forwarding signals to it.
 #pragma once
 
 #include <csignal>
@@ -6,23 +6,23 @@
 #include <vector>
 
 /// Runs a command as a shell would. Signals are blocked from the construction of this object until
-/// the process ends, and `Run` passes them on to the command. Only SIGKILL can end this process
-/// early. One thread; one runner in a process.
+/// the process ends, and `Run` forwards them to the command. Only SIGKILL can end this process
+/// early. Threads: one. A process has at most one runner.
 class Runner {
  public:
   Runner();
 
   /// Runs `command` with `token` in the environment as ZELT_TOKEN, and waits for it. Returns its
   /// exit code, 128 + N when signal N ended it, 127 when there is no such command and 126 when it
-  /// cannot be run. Throws `Failure` when there can be no new process.
+  /// cannot be run. Throws `Failure` if no process can be created.
   int Run(std::vector<std::string> command, const std::string& token);
 
  private:
   [[noreturn]] void Execute(std::vector<std::string>& command, const std::string& token);
-  void PassOn(const siginfo_t& signal, pid_t child);
+  void Forward(const siginfo_t& signal, pid_t child);
   int AwaitEnd(pid_t child);
 
-  sigset_t held_back{};
+  sigset_t blocked{};
   sigset_t mask_before{};
   sigset_t early{};  ///< signals that arrived before the command ran
   sighandler_t child_handler_before = SIG_DFL;

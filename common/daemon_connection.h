@@ -16,8 +16,8 @@ class DaemonConnection : public zeltdaemon::DomainSockConnection {
   explicit DaemonConnection(const char* socket_path)
       : DomainSockConnection(socket_path), path(socket_path) {}
 
-  /// Connects, and returns whether it is the daemon that listens. Does not wait for somebody else's
-  /// socket whose backlog is full.
+  /// Connects, and returns whether the daemon is listening. Never waits on another user's socket
+  /// whose backlog is full.
   bool ConnectToDaemon() { return !ForeignOwner(path) && Connect() && IsDaemon(); }
 
  private:

@@ -8,7 +8,7 @@ namespace ZELT::TokenManager {
 namespace {
 
 bool IsPackagedUser(uid_t user) {
-  std::array<char, 4096> buffer{};  // far more than the line of a system's user takes
+  std::array<char, 4096> buffer{};  // far longer than the entry of a system user
   passwd entry{};
   passwd* found = nullptr;
   getpwnam_r(kDaemonUser, &entry, buffer.data(), buffer.size(), &found);
@@ -18,7 +18,8 @@ bool IsPackagedUser(uid_t user) {
 }  // namespace
 
 bool IsDaemonUser(uid_t user) {
-  return user == 0 || user == geteuid() || IsPackagedUser(user);  // the look-up last: it costs most
+  return user == 0 || user == geteuid() ||
+         IsPackagedUser(user);  // the look-up comes last: it costs most
 }
 
 std::optional<uid_t> ForeignOwner(const char* path) {

@@ -1,5 +1,5 @@
-// Where clients reach the daemon, and whom they accept as the daemon: anybody can make a socket in
-// /tmp.
+// The daemon's addresses, and the users whom clients accept as the daemon: any user can create a
+// socket in /tmp.
 #pragma once
 
 #include <sys/types.h>
@@ -9,8 +9,8 @@
 
 namespace ZELT::TokenManager {
 
-/// The daemon's addresses in the order in which clients try them. Programs with a /tmp of their
-/// own, such as services with PrivateTmp= (systemd.exec(5)), reach only the second.
+/// The daemon's addresses in the order in which clients try them. Programs with a private /tmp,
+/// such as services with PrivateTmp= (systemd.exec(5)), reach only the second.
 inline constexpr const char* kSocketPath = "/tmp/zelttokenmgr.sock";
 inline constexpr const char* kSecondSocketPath = "/run/zelttokenmgr/socket";
 inline constexpr std::array kSocketPaths{kSocketPath, kSecondSocketPath};
@@ -22,8 +22,8 @@ inline constexpr const char* kDaemonUser = "zelttokenmgr";
 /// effective user, and "zelttokenmgr".
 bool IsDaemonUser(uid_t user);
 
-/// Returns the owner of the file at `path` (of a symbolic link itself, if it is one), unless
-/// clients accept that owner as the daemon or there is no file to be seen.
+/// Returns the owner of the file at `path` if clients do not accept that user as the daemon.
+/// Symbolic links are not followed. Returns nothing if the file is missing or cannot be examined.
 std::optional<uid_t> ForeignOwner(const char* path);
 
 }  // namespace ZELT::TokenManager

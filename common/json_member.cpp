@@ -54,7 +54,7 @@ std::string_view ExpectString(const Json::Value& value, const char* where) {
 }
 
 const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name) {
-  // jsoncpp throws errors of its own when an array or a scalar is asked for a member.
+  // jsoncpp throws its own errors when it is asked for a member of an array or a scalar.
   const Json::Value* member =
       object.isObject() ? object.find(name.data(), name.data() + name.size()) : nullptr;
   return member != nullptr ? *member : Json::Value::nullSingleton();

@@ -1,6 +1,6 @@
 // Checks of the shape of JSON that comes from outside. A failed check throws `std::runtime_error`
-// with a text that begins with `where`, the place by which people and programs know the error:
-// "<where> invalid type of \"<name>\", String expected".
+// with a text that begins with `where`, which identifies the error to people and programs: "<where>
+// invalid type of \"<name>\", String expected".
 #pragma once
 
 #include <json/value.h>
@@ -31,7 +31,8 @@ const Json::Value& MemberOrNull(const Json::Value& object, std::string_view name
 /// Returns the text of a string value; asString would copy it.
 std::string_view StringView(const Json::Value& string);
 
-// Conversions that never throw. They return the empty string or false for what does not convert.
+// Conversions that never throw. They return the empty string or false for values that cannot be
+// converted.
 std::string TextOf(const Json::Value& value);
 bool TruthOf(const Json::Value& value);
 

@@ -21,19 +21,19 @@ namespace {
 
 namespace dom = simdjson::dom;
 
-// simdjson's objects are destroyed when the process ends. Those made while this library is loaded
-// are destroyed after everything that could use it.
+// simdjson's static objects are destroyed at exit. Creating them while this library is loaded makes
+// them outlive everything that could use the library.
 [[maybe_unused]] const bool is_simdjson_made = simdjson::validate_utf8("", 0);
 
-// A parser holds several times the bytes of the longest text it has read. One that has grown beyond
-// this is not kept.
+// A parser holds several times the size of the longest text that it has read. A parser that has
+// grown beyond this size is not kept.
 constexpr std::size_t kKeptBytes = 64U << 10;
 
-// Making a parser costs more than a parse, so one is kept. A pointer has no destructor: it serves
-// in atexit handlers and static destructors, in threads that come and go, and after fork(2).
+// Creating a parser costs more than parsing, so one is kept. A plain pointer has no destructor, so
+// it works in atexit handlers, in static destructors, in short-lived threads, and after fork(2).
 std::atomic<dom::parser*> kept_parser{nullptr};
 
-// The kept parser or, while another thread has that, a new one.
+// The kept parser, or a new one while another thread uses it.
 class BorrowedParser {
  public:
   BorrowedParser() : parser(kept_parser.exchange(nullptr)) {
@@ -64,14 +64,15 @@ bool IsLongInteger(std::string_view number) {
                                  : IsOutOfRange<std::uint64_t>(number);
 }
 
-// Returns where the string that begins at `begin` ends.
+// Returns the end of the string that begins at `begin`.
 std::size_t EndOfString(std::string_view text, std::size_t begin) {
   std::size_t end = text.find_first_of("\"\\", begin + 1);
   while (end != text.npos && text[end] == '\\') end = text.find_first_of("\"\\", end + 2);
   return end == text.npos ? text.size() : end + 1;
 }
 
-// simdjson refuses integers beyond 64 bits. With a fraction at their end it reads them as doubles.
+// simdjson rejects integers that do not fit into 64 bits, but reads them as doubles if they have a
+// fraction.
 std::string WithLongIntegersAsDoubles(std::string_view text) {
   std::string result;
   for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end) {
@@ -95,7 +96,7 @@ bool Parse(dom::parser& parser, const std::string& text, dom::element& root) {
   return error == simdjson::SUCCESS;
 }
 
-// The names in requests, answers, records and grants. jsoncpp copies every other one twice.
+// Names used in requests, answers, records and grants. jsoncpp copies all other names twice.
 constexpr std::array<std::string_view, 17> kKnownNames{
     "type",   "service",   "token",      "payload", "api",      "method",
     "runner", "prefix",    "owner",      "action",  "args",     "task",
@@ -146,8 +147,8 @@ Json::Value Scalar(const dom::element& from) {
   }
 }
 
-// Copies what the parser has read. These return false for what the parser lets through: a name
-// that an object has twice, and nesting beyond the `room` that is left for it.
+// The Copy functions copy what the parser has read. They return false for input that only the
+// parser accepts: duplicate names, and nesting deeper than `room`.
 bool Copy(const dom::element& from, int room, Json::Value& to) {
   switch (from.type()) {
     case dom::element_type::ARRAY:
@@ -162,7 +163,7 @@ bool Copy(const dom::element& from, int room, Json::Value& to) {
 
 class File {
  public:
-  // Without O_NONBLOCK a FIFO would hold this process up until somebody writes to it.
+  // Without O_NONBLOCK, opening a FIFO waits for a writer (fifo(7)).
   explicit File(const std::string& path)
       : fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {}
 
@@ -170,8 +171,8 @@ class File {
     return fd.IsOpen() && fstat(fd.Get(), &status) == 0 && S_ISREG(status.st_mode);
   }
 
-  // The size in the file's status only saves a last read(2) that returns nothing. The file may have
-  // changed since, and some regular files do not tell their size, see proc(5).
+  // The size from fstat(2) only saves a last read(2) that returns 0. The file may have changed
+  // since then, and some regular files report no size (proc(5)).
   bool ReadAll(std::string& text, std::size_t max_bytes) const {
     std::array<char, 16384> chunk;  // NOLINT(*-member-init): written before it is read
     while (text.size() <= max_bytes) {

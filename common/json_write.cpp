@@ -15,10 +15,10 @@
 namespace ZELT::TokenManager {
 namespace {
 
-// jsoncpp's writer takes several times as long, and writes values that no reader accepts.
+// jsoncpp's writer takes several times as long, and writes some values that no reader accepts.
 class Writer {
  public:
-  // Writes a value in which arrays and objects may go `room` deep.
+  // Writes a value whose arrays and objects may be nested `room` deep.
   void Write(const Json::Value& value, int room) {
     switch (value.type()) {
       case Json::nullValue:
@@ -58,7 +58,7 @@ class Writer {
  private:
   template <typename Integer>
   void WriteInteger(Integer number) {
-    std::array<char, 24> digits{};  // more than 64 bits have
+    std::array<char, 24> digits{};  // more than 64 bits need
     const auto end = std::to_chars(digits.begin(), digits.end(), number).ptr;
     text.append(digits.begin(), end);
   }

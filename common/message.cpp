@@ -10,7 +10,7 @@
 namespace zeltdaemon {
 
 MessageReader::State MessageReader::Read(int fd) {
-  // Most messages fit into it, so that one call is enough.
+  // Large enough that most messages take one call.
   std::array<char, 16384> chunk;  // NOLINT(*-member-init): written before it is read
   for (;;) {
     const ssize_t count = recv(fd, chunk.data(), chunk.size(), MSG_DONTWAIT);

@@ -1,5 +1,5 @@
-// Messages on a stream socket, as both ends frame and limit them: a message is one line of text,
-// which ends at a newline or at the end of the stream. What follows the newline is ignored.
+// How both ends of a stream socket frame and limit messages. A message is one line of text, which
+// ends at a newline or at the end of the stream. Anything after the newline is ignored.
 #pragma once
 
 #include <chrono>
@@ -8,32 +8,32 @@
 
 namespace zeltdaemon {
 
-/// Bytes of a message, without its newline. Far more than any sensible request needs, and few
-/// enough that a peer cannot make a process hold much memory.
+/// Maximum bytes of a message, without its newline: far more than any sensible request needs, but
+/// too few for a peer to tie up much memory.
 constexpr std::size_t kMaxMessageBytes = 1U << 20;
 
 /// How long a client waits for the daemon, as one deadline for a whole message.
 constexpr std::chrono::seconds kClientDeadline{30};
 
-/// Puts a message together from what arrives on a socket.
+/// Assembles a message from the data received on a socket.
 class MessageReader {
  public:
   enum class State {
-    kIncomplete,  ///< there may be more to come
+    kIncomplete,  ///< more data may follow
     kComplete,
     kFailed,  ///< too long, an empty stream, or an error of the socket
   };
 
-  /// Receives what has arrived on `fd`, without waiting.
+  /// Receives the data available on `fd`, without waiting.
   State Read(int fd);
 
-  /// Takes `count` bytes that have arrived. A count of 0 is the end of the stream.
+  /// Adds `count` received bytes. A count of 0 means the end of the stream.
   State Add(const char* bytes, std::size_t count);
 
   /// The message, once complete.
   std::string Take();
 
-  /// Bytes of memory that the message holds so far.
+  /// Bytes of memory used so far.
   std::size_t Held() const { return text.capacity(); }
 
  private:

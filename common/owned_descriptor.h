@@ -24,7 +24,7 @@ class OwnedDescriptor {
   bool IsOpen() const { return fd >= 0; }
   int Get() const { return fd; }
 
-  /// Hands the descriptor to the caller, who closes it.
+  /// Gives up the descriptor. The caller must close it.
   int Release() { return std::exchange(fd, -1); }
 
   void Close() {

@@ -11,7 +11,7 @@ inline constexpr const char* kPackages = "/var/packages";
 /// Below a package's directory. It names the user whom the package runs as.
 inline constexpr const char* kPrivilegeFile = "conf/privilege";
 
-/// A longer privilege file counts as missing: all of them are read for each token.
+/// A larger privilege file is treated as missing: every privilege file is read for each token.
 constexpr std::size_t kMaxPrivilegeBytes = 64U << 10;
 
 }  // namespace ZELT::TokenManager

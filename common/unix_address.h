@@ -9,8 +9,8 @@
 
 namespace ZELT::TokenManager {
 
-/// The address of a socket file or, for a name that begins with "@", of an abstract socket. The
-/// calls are those of the system, and fail with EINVAL for a name that is empty or too long.
+/// The address of a socket file or, for a name that begins with "@", of an abstract socket. `Bind`
+/// and `Connect` are the system calls, and fail with EINVAL if the name is empty or too long.
 class UnixAddress {
  public:
   explicit UnixAddress(std::string_view name) {

@@ -19,14 +19,15 @@
 
 namespace {
 
-constexpr int kLargeBlock = 128 << 10;  // bytes: glibc's own first value, mallopt(3)
+constexpr int kLargeBlock = 128 << 10;  // bytes, the initial value of glibc (mallopt(3))
 
 void PrepareProcess(const Options& options) {
-  // Fixed, glibc does not raise them after the first large message, and large ones leave no trace.
+  // Setting these keeps glibc from raising them after a large message, so that the memory of large
+  // messages is returned to the system.
   mallopt(M_MMAP_THRESHOLD, kLargeBlock);
   mallopt(M_TRIM_THRESHOLD, kLargeBlock);
   umask(S_IRWXG | S_IRWXO);  // the store holds tokens
-  const rlimit no_core{};    // and so would a core
+  const rlimit no_core{};    // a core dump would hold them too
   setrlimit(RLIMIT_CORE, &no_core);
   IgnoreSignals();
   OpenLog(options.log_to_stderr);
@@ -38,8 +39,8 @@ int Check(const Options& options) {
   return CheckIssue(options.installed_config, check.user, check.service, check.payload, std::cout);
 }
 
-// What would keep every worker from starting ends the daemon here. A damaged file may end the
-// process that reads it (mmap(2)), so this is done in others.
+// Ends the daemon if no worker could open the store. A damaged file may kill the process that reads
+// it (mmap(2)), so child processes try it.
 void TryStore(const StoreOptions& options, const StoreLock& lock) {
   RunInChild([&] { CheckStore(options); });
   RunInChild([&] {

@@ -8,9 +8,9 @@
 #include "server_limits.h"
 #include "store_options.h"
 
-/// What `--check` is to look at.
+/// What `--check` checks.
 struct CheckOptions {
-  std::string user;  ///< empty: the files; otherwise what this one would be granted
+  std::string user;  ///< whose grants are printed; empty: the files are checked
   std::string service;
   std::string payload;
 };
@@ -26,6 +26,6 @@ struct Options {
   std::optional<CheckOptions> check;
 };
 
-/// Reads the command line, and ends the program when there is nothing more to do: with 0 after
-/// `--help` and `--version`, with 64 (EX_USAGE, sysexits.h(3head)) for bad usage.
+/// Parses the command line. Exits with 0 after `--help` and `--version`, and with 64 (EX_USAGE,
+/// sysexits.h(3head)) on bad usage.
 Options ParseOptions(int argc, char** argv);

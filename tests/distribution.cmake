@@ -1,5 +1,4 @@
-# What users and administrators find installed. The Debian packages have a test of their own,
-# scripts/test-packages.
+# Tests of the installed files. scripts/test-packages tests the Debian packages.
 set(distribution ${CMAKE_CURRENT_SOURCE_DIR}/distribution)
 
 if(NOT ZELT_SANITIZE)  # a consumer would have to be built with the same sanitizer

@@ -6,8 +6,8 @@
 set -euo pipefail
 cd "$1"
 
-# "<>" stands for what is only known at run time. The texts that common/json_member.h and syslog(3)
-# put together are spelt out as they will appear. Help is left to the manual pages.
+# "<>" stands for values that are known only at run time. Texts composed by common/json_member.h and
+# syslog(3) are written out as they will appear. Help texts are not included.
 # shellcheck disable=SC2016 # Perl's variables
 literals() {
   find src common daemon cli -name '*.cpp' -o -name '*.h' | LC_ALL=C sort | xargs perl -0777 -ne '
@@ -38,7 +38,7 @@ rows() {
     tr -d '`' | sed -E 's/<[^>]+>/<>/g' | LC_ALL=C sort -u
 }
 
-raised=$(literals | grep -vxF -e 'last id' -e 'Zelt token store 1' -e 'not permitted')
+raised=$(literals | grep -vxF -e 'last id' -e 'Zelt token store 1' -e 'not permitted' -e after)
 documented=$(rows)
 undocumented=$(while read -r text; do
   grep -qF -- "$text" <<<"$documented" || echo "$text"

@@ -46,7 +46,7 @@ void CheckLost(const std::function<std::string()>& read) {
   text += read();
   const auto lines = std::count(text.begin(), text.end(), '\n') - 2;
   EXPECT_GT(lines, 0);
-  const std::string lost = std::to_string(kLines - lines) + " lines of the log were lost\n";
+  const std::string lost = std::to_string(kLines - lines) + " log lines were lost\n";
   EXPECT_TRUE(std::regex_search(text, std::regex("\\]: " + lost + "[^\n]*\\]: after\n$"))) << lines;
 }
 

@@ -92,7 +92,7 @@ TEST_F(ProgramsTest, ServesSocketsThatWerePassedOn) {
   const int other = Bound("@other", SOCK_STREAM);
   const std::string redirect = " 3<&" + std::to_string(first) + " 4<&" + std::to_string(other);
   CheckProgram("LISTEN_PID=$$ LISTEN_FDS=2 exec zelttokenmgrd" + redirect,
-               {1, "", "descriptor 3 was passed on and is no listening"});
+               {1, "", "descriptor 3 was passed on but is not a listening"});
 
   for (const int fd : {first, other}) ASSERT_EQ(listen(fd, 16), 0);
   std::string token;
@@ -223,7 +223,7 @@ TEST_F(ProgramsTest, ReplacesAWorkerThatHangs) {
   }));
   EndProcess(changer);
   EXPECT_NE(Issue(), "") << "which waits for it";
-  EXPECT_TRUE(daemon.Logs(" has not been seen for"));
+  EXPECT_TRUE(daemon.Logs(" has not responded for"));
   ASSERT_TRUE(Eventually([&] { return daemon.Children().size() == 2; }));
   EXPECT_TRUE(Has(daemon.Children(), workers[1])) << daemon.Errors();
   EXPECT_EQ(Validate(token), kPermitted);
@@ -235,7 +235,7 @@ TEST_F(ProgramsTest, LetsNobodyOwnATokenWithoutAProcessId) {
       "exec unshare --pid --fork --kill-child --mount-proc zelttokenmgrd --stderr");
   ASSERT_TRUE(daemon.Logs("ready")) << daemon.Errors();
   EXPECT_EQ(Issue(), "");
-  EXPECT_TRUE(daemon.Logs("the peer's process has no id here"));
+  EXPECT_TRUE(daemon.Logs("the peer has no process id in the daemon's pid namespace"));
 }
 
 TEST_F(ProgramsTest, KeepsATextStore) {

@@ -108,7 +108,7 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
   Worker worker;
   const std::string token = worker.Issue();
   const std::string issue = "{'type':'issue','service':'fastapi','payload':[]}";
-  const std::string no_id = "the peer\"s process has no id here";
+  const std::string no_id = "the peer has no process id in the daemon\"s pid namespace";
   const std::string not_root = "only root and the daemon\"s user may ask for this";
   const struct {
     Peer peer;
@@ -126,7 +126,7 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
       {From(kAlice), "{'type':'revoke','service':'" + token + "','token':'" + token + "'}",
        "'revoke' '...'", "token_manager.cpp:153 unmatched service"},
       {From(kAlice), "{'type':'validate','service':'fastapi','token':'x y'}",
-       "'validate' 'fastapi'", "no token holds a space, a newline or a NUL byte"},
+       "'validate' 'fastapi'", "a token cannot contain a space, a newline or a NUL byte"},
       {From(kAlice), "{'type':'validate','token':'" + std::string(65, 'x') + "'}",
        "'validate' none", "the token is too long"},
       {From(kBob, 0), issue, "'issue' 'fastapi'", no_id},
@@ -326,7 +326,7 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
 
 TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
   fs::permissions(kInstalled + "/mail", fs::perms::others_write, fs::perm_options::add);
-  std::string log = "/var/installed/mail: it may be written by everybody\n";
+  std::string log = "/var/installed/mail: it is writable by everybody\n";
   WriteInstalled("mine", "{}");
   fs::permissions(kInstalled + "/mine", fs::perms::group_write, fs::perm_options::add);
   if (chown("/var/installed/notes", kAlice, 0) == 0) {  // not in a user namespace of one user
@@ -334,8 +334,8 @@ TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
     fs::permissions(kInstalled + "/staffed", fs::perms::group_write, fs::perm_options::add);
     Check(chown("/var/installed/staffed", 0, 4101), "chown");
     log +=
-        "/var/installed/notes: it may be written by user 'alice'\n"
-        "/var/installed/staffed: it may be written by group 'staff'\n";
+        "/var/installed/notes: it is writable by user 'alice'\n"
+        "/var/installed/staffed: it is writable by group 'staff'\n";
   }
   for (const std::size_t slot : {0U, 1U}) {
     Worker worker(false, slot);
@@ -385,19 +385,19 @@ TEST_F(CheckTest, NamesEachFile) {
         "/var/packages/d/conf/privilege", "/var/installed", "/var/installed/a"}) {
     fs::permissions(open_to_all, fs::perms::others_write, fs::perm_options::add);
   }
-  EXPECT_EQ(Checked(), R"(/var/packages: it may be written by everybody
-/var/packages/a.old: package 'a' is claimed by /var/packages/a too
-/var/packages/b: it may be written by everybody
-/var/packages/b: user 'alice' is claimed by /var/packages/a too
-/var/packages/c/conf: it may be written by everybody
+  EXPECT_EQ(Checked(), R"(/var/packages: it is writable by everybody
+/var/packages/a.old: package 'a' is also claimed by /var/packages/a
+/var/packages/b: it is writable by everybody
+/var/packages/b: user 'alice' is also claimed by /var/packages/a
+/var/packages/c/conf: it is writable by everybody
 /var/packages/c/conf/privilege: not a JSON object
-/var/packages/d/conf/privilege: it may be written by everybody
+/var/packages/d/conf/privilege: it is writable by everybody
 /var/packages/d/conf/privilege: not JSON
 /var/packages/e/conf/privilege: larger than 64 KiB
 /var/packages/f/conf/privilege: 'username' does not name a user
 /var/packages/g/conf/privilege: not a regular file
-/var/installed: it may be written by everybody
-/var/installed/a: it may be written by everybody
+/var/installed: it is writable by everybody
+/var/installed/a: it is writable by everybody
 /var/installed/a: there is no service 'fastAPI'
 /var/installed/a: fastapi: service/fastapi.cpp:23 invalid type, Array expected
 /var/installed/a: taskmanager[0]: 'owner': utils.cpp:190 invalid type of permitted list

@@ -111,7 +111,8 @@ TEST_F(ServerTest, AUserAtALimitLosesTheOldestAndIsLoggedOnce) {
       }
     });
     const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(std::regex_match(log, std::regex(".*: user 4001 has .*make room\n"))) << log;
+    EXPECT_TRUE(std::regex_match(log, std::regex(".*: user 4001 has .*closing the oldest\n")))
+        << log;
   }
 }
 

@@ -107,7 +107,8 @@ struct Sleeper {
 
 using StoreTest = PrivateFiles;
 constexpr const char* kUnknown = "the store has no such token";
-constexpr const char* kStranger = "the peer has the number of the owner, but is another process";
+constexpr const char* kStranger =
+    "the peer has the process id of the owner, but is another process";
 
 TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
   std::string pid = std::to_string(getpid());
@@ -126,7 +127,7 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
       store.Remove("a");
       EXPECT_EQ(Outcome([&] { return store.GetAssociatedData("a"); }), kUnknown);
       if (reinserted) store.Insert("a", data);
-      EXPECT_EQ(Outcome([&] { store.Drop({.ids = {1}}, 0); }), "~a change within a change");
+      EXPECT_EQ(Outcome([&] { store.Drop({.ids = {1}}, 0); }), "~a change is already in progress");
     }
   }
   Daemon daemon;
@@ -148,7 +149,7 @@ TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
   Sleeper zombie;
   zombie.Kill();
   for (const pid_t pid : {0, -1, thread_number.load(), zombie.pid, 1 << 22}) {
-    EXPECT_THAT(daemon.Transfer("a", pid), testing::StartsWith("no living process has the number"));
+    EXPECT_THAT(daemon.Transfer("a", pid), testing::StartsWith("no living process has the id"));
     EXPECT_THAT(daemon.Issue("b", PeerOf(kAlice, pid)), testing::HasSubstr("is gone"));
   }
   EXPECT_EQ(daemon.Revoke("a", PeerOf(kAlice, other.pid)), kStranger);
@@ -206,7 +207,7 @@ TEST_F(StoreTest, LimitsUsersAndDropsTheirOrphansFirst) {
   EXPECT_EQ(daemon.Issue("f"), "done");
   EXPECT_EQ(daemon.Ids(), "2,3,4,5,6,7,");
   for (const char* token : {"h", "i"}) EXPECT_EQ(daemon.Issue(token), "done");
-  EXPECT_THAT(daemon.Issue("j"), testing::HasSubstr("no orphans are left"));
+  EXPECT_THAT(daemon.Issue("j"), testing::HasSubstr("no orphans were found"));
   EXPECT_EQ(daemon.Ids(), "4,5,6,7,8,9,");
 }
 
@@ -362,17 +363,17 @@ std::string Shell(const std::string& commands) {
 // of fnmatch(3).
 const std::pair<const char*, const char*> kDamageRows[] = {
     {"truncate -s 0 tokens.mdb", "*is damaged*the file is empty. Move it away*"},
-    {"truncate -s 40000 tokens.mdb", "*the file is cut off*"},
+    {"truncate -s 40000 tokens.mdb", "*the file is truncated*"},
     {"echo tokens >tokens.mdb", "*MDB_INVALID*"},
     {"tail -c +4097 tokens.mdb >t; cat t >tokens.mdb", "*MDB_*"},
     {"cp fresh tokens.mdb", "*database of another program, or of another version*"},
     {"chmod 640 tokens.mdb", "*is open to others*"},
     {"chown 4001 tokens.mdb", "*belongs to another user*"},
-    {"rm tokens.mdb; mkdir tokens.mdb", "*no regular file"},
-    {"mv tokens.mdb x; ln -s x tokens.mdb", "*no regular file"},
-    {"chmod 1777 .", "/tmp/store may be written by others*"},
+    {"rm tokens.mdb; mkdir tokens.mdb", "*not a regular file"},
+    {"mv tokens.mdb x; ln -s x tokens.mdb", "*not a regular file"},
+    {"chmod 1777 .", "/tmp/store is writable by users other*"},
     {"chown 4001 .", "/tmp/store belongs to user 4001*"},
-    {"chmod 775 ..", "/tmp may be written by others*"},
+    {"chmod 775 ..", "/tmp is writable by users other*"},
     {"chown 4001 ..", "/tmp belongs to user 4001*"},
 };
 
@@ -443,9 +444,10 @@ TEST_F(StoreTest, TheTextStoreHasItsOwnDirectoryAndOneOwnerForAToken) {
   StoreOptions options;
   options.format = StoreFormat::kText;
   options.path = "/tmp/tokens";
-  EXPECT_EQ(Outcome([&] { Daemon{options}; }),
-            "/tmp was not made by the text store, which would change its mode; name a store in a "
-            "directory that does not exist yet");
+  EXPECT_EQ(
+      Outcome([&] { Daemon{options}; }),
+      "/tmp was not created by the text store, which would change its mode; choose a store in a "
+      "directory that does not exist yet");
   EXPECT_EQ(fs::status("/tmp").permissions(), fs::perms(0755));
   options.path = "/tmp/text/tokens";
   {

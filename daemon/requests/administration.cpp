@@ -24,7 +24,8 @@ bool Flag(const Json::Value& request, const char* name) {
   return flag.isBool() && flag.asBool();
 }
 
-// Empty when it is absent; an empty text would stand for "any".
+// Returns an empty string if the member is absent. A client may not send one, because it would mean
+// "any".
 std::string Name(const Json::Value& request, const char* name) {
   const Json::Value& text = Member(request, name, &Json::Value::isString, "a string");
   if (text.isString() && text.asString().empty()) {
@@ -43,7 +44,7 @@ std::vector<std::uint64_t> Ids(const Json::Value& request) {
     if (!id.isUInt64()) throw std::runtime_error("an element of \"ids\" is not an id");
     ids.push_back(id.asUInt64());
   }
-  // No ids would stand for any.
+  // An empty list would mean "any".
   if (request.isMember("ids") && ids.empty()) throw std::runtime_error("\"ids\" is empty");
   return ids;
 }
@@ -61,7 +62,7 @@ void SetNext(const Page& page, Json::Value& response) {
   if (page.next) response["next"] = Json::UInt64{*page.next};
 }
 
-// Adds one counter of all workers up.
+// Returns the sum of a counter over all workers.
 template <typename Counters>
 Json::UInt64 Sum(const Board& board, Counters counters, std::size_t index) {
   Json::UInt64 sum = 0;

@@ -1,4 +1,4 @@
-// The requests by which an administrator looks after tokens: "list", "drop" and "status".
+// The administrators' requests: "list", "drop" and "status".
 #pragma once
 
 #include <json/value.h>
@@ -9,26 +9,26 @@
 #include "peer.h"
 #include "token_store.h"
 
-/// Carries them out, a page at a time, so that none is expensive. Each throws `std::runtime_error`
-/// for a request of the wrong shape, and names what is wrong with it.
+/// Executes these requests one page at a time, so that none takes long. Throws `std::runtime_error`
+/// with what is wrong if a request is malformed.
 class Administration {
  public:
   Administration(TokenStore& looked_after, const Board& counters, const std::string& daemon_version)
       : store(looked_after), board(counters), version(daemon_version) {}
 
-  /// Whether `peer` may send them: root and the daemon's own user may.
+  /// Returns whether `peer` may send them. Root and the daemon's user may.
   static bool IsAdministrator(const Peer& peer);
 
   /// Request: "user", "service", "orphans" and "after", each optional. Response: "tokens", and
   /// "next" unless this is the last page.
   void List(const Json::Value& request, Json::Value& response);
 
-  /// Request: as for List, and "ids"; without any condition "all" has to be true. Response:
+  /// Request: as for List, and "ids"; without any condition, "all" must be true. Response:
   /// "dropped" and "next". Returns what was dropped, as rows of `TokenStore::List`.
   Json::Value Drop(const Json::Value& request, Json::Value& response);
 
-  /// Request: "after". Response: what all workers have done, the store's room, and "usage", which
-  /// is paged.
+  /// Request: "after". Response: the counters of all workers, the size of the store, and "usage",
+  /// which comes in pages.
   void Status(const Json::Value& request, Json::Value& response);
 
  private:

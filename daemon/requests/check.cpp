@@ -40,16 +40,15 @@ class Findings {
   bool found = false;
 };
 
-// Who was the first to claim a name.
+// Which directory was the first to claim a name.
 class Claims {
  public:
   explicit Claims(const char* claimed_kind) : kind(claimed_kind) {}
 
   std::string Claim(const std::string& name, const std::string& directory) {
     const auto [claim, is_first] = first.try_emplace(name, directory);
-    return is_first
-               ? ""
-               : std::string(kind) + " \"" + name + "\" is claimed by " + claim->second + " too";
+    return is_first ? ""
+                    : std::string(kind) + " \"" + name + "\" is also claimed by " + claim->second;
   }
 
  private:
@@ -75,7 +74,7 @@ void CheckPackages(Findings& findings) {
   }
 }
 
-// What `service` says of `privilege` when it is asked for something that nobody is granted.
+// Returns the error of `service` for a request that no grant in `privilege` satisfies.
 std::string Verdict(TokenService& service, const Json::Value& request,
                     const Json::Value& privilege) {
   try {
@@ -86,7 +85,7 @@ std::string Verdict(TokenService& service, const Json::Value& request,
   }
 }
 
-// An identity that nothing admits, so that all of the list is looked at.
+// No list admits this identity, so that the whole list is checked.
 std::string ListProblem(const Json::Value& grant, const char* list_name) {
   if (!grant.isObject() || !grant.isMember(list_name)) return "";
   try {
@@ -117,7 +116,7 @@ class ServiceCheck {
   }
 
  private:
-  // One by one, so that the findings say which grant it is.
+  // Checks one grant, so that the finding can name it.
   std::string GrantProblem(const Json::Value& grant) const {
     Json::Value privilege(Json::arrayValue);
     privilege.append(grant);
@@ -128,7 +127,7 @@ class ServiceCheck {
   std::shared_ptr<TokenService> service;
   const char* permitted_list;
   Json::Value probe;
-  std::string well_formed;  // the verdict on grants that are
+  std::string well_formed;  // the verdict on well-formed grants
 };
 
 void CheckConfigurations(const std::string& directory, Findings& findings) {
@@ -154,7 +153,7 @@ void CheckConfigurations(const std::string& directory, Findings& findings) {
   }
 }
 
-// Keeps nothing but what the last token would have granted.
+// Stores only the grants of the last token.
 class NoStorage : public TokenStorage {
  public:
   void Insert(const std::string& /*token*/, const Json::Value& data) override {

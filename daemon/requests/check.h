@@ -1,12 +1,12 @@
-// `zelttokenmgrd --check`: what is wrong with the files of an administrator.
+// `zelttokenmgrd --check`: checks the files that an administrator writes.
 #pragma once
 
 #include <iosfwd>
 #include <string>
 
-/// Looks at all packages, their privilege files and the installed configurations in the directory
+/// Checks all packages, their privilege files and the installed configurations in the directory
 /// `installed_config`. Prints one line for each finding, "FILE: what is wrong", and returns the
-/// exit code: 1 if there is one. Needs to run as a user that may read the files.
+/// exit code: 1 if there is one. Must run as a user that may read the files.
 int CheckFiles(const std::string& installed_config, std::ostream& output);
 
 /// Prints the payload of the token that `service` would issue to a process of `user` for `payload`,

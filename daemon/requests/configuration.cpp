@@ -24,13 +24,13 @@ using namespace ZELT::TokenManager;
 
 namespace {
 
-constexpr std::size_t kNamedCauses = 3;  // more would make the line longer, and say no more
+constexpr std::size_t kNamedCauses = 3;  // more would only make the line longer
 
 std::string SystemText(int error) { return std::generic_category().message(error); }
 
-// Why the library could not read the file at `path`, if it could not.
+// Returns why the library cannot read the file at `path`; empty if it can.
 std::string FileProblem(const std::string& path, std::size_t max_bytes) {
-  // Without O_NONBLOCK a FIFO would hold this process up.
+  // Without O_NONBLOCK, opening a FIFO waits for a writer (fifo(7)).
   const OwnedDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status {};
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return SystemText(errno);
@@ -49,7 +49,7 @@ std::string ReadJsonFile(const std::string& path, std::size_t max_bytes, Json::V
   return problem;
 }
 
-// Sets the package's user to the one that its privilege file names, if that counts.
+// Sets the package's user to the one that its privilege file names, if the file is valid.
 void ReadPrivilege(Package& package) {
   std::error_code ignored;
   if (!fs::exists(fs::symlink_status(package.privilege, ignored))) return;
@@ -102,7 +102,7 @@ std::vector<Package> ReadPackages() {
   std::vector<Package> packages;
   for (const fs::directory_entry& entry : Entries(kPackages)) {
     const std::string file = entry.path().filename();
-    // Not fs::path::stem: Boost's, which the library uses, cuts ".name" to "".
+    // Not fs::path::stem, because Boost's version, which the library uses, returns "" for ".name".
     const std::string name = file.substr(0, file.rfind('.'));
     packages.push_back({.name = name,
                         .directory = entry.path(),
@@ -128,12 +128,12 @@ std::vector<std::string> ListFiles(const std::string& directory) {
 std::string ForeignWriter(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) return "";
-  if ((status.st_mode & S_IWOTH) != 0) return "it may be written by everybody";
+  if ((status.st_mode & S_IWOTH) != 0) return "it is writable by everybody";
   if (!IsDaemonUser(status.st_uid)) {
-    return "it may be written by user \"" + UserName(status.st_uid) + "\"";
+    return "it is writable by user \"" + UserName(status.st_uid) + "\"";
   }
   if ((status.st_mode & S_IWGRP) == 0 || status.st_gid == 0) return "";
-  return "it may be written by group \"" + GroupName(status.st_gid) + "\"";
+  return "it is writable by group \"" + GroupName(status.st_gid) + "\"";
 }
 
 Refusal Explain(const std::string& reason, uid_t uid, const std::string& installed_config) {
@@ -144,7 +144,8 @@ Refusal Explain(const std::string& reason, uid_t uid, const std::string& install
     if (reason.starts_with("token_manager.cpp:66 ")) {
       return {reason, NoPackageCause(UserName(uid))};
     }
-    // The text of an error of Boost's that the library lets through.
+    // The reason is an error of Boost, which the library does not catch. Entries() throws a clearer
+    // one.
     if (reason.find(kPackages) != std::string::npos) Entries(kPackages);
     return {reason, ""};
   } catch (const std::runtime_error& error) {
@@ -159,5 +160,5 @@ void WriterWatch::Look() try {
     Log(LOG_WARNING, "%s: %s", path.c_str(), writer.c_str());
   }
 } catch (const std::runtime_error&) {
-  // A request that needs the directory is refused and says so.
+  // Requests that need the directory are refused with this reason.
 }

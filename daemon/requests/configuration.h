@@ -1,5 +1,5 @@
-// The files in which an administrator says which user a package runs as and what it is granted, and
-// what can be wrong with them. The library reads them itself and only says that it could not.
+// Checks the files in which an administrator sets a package's user and grants. The library reads
+// the same files, but reports only that it failed.
 #pragma once
 
 #include <json/value.h>
@@ -13,12 +13,12 @@
 struct Package {
   std::string name;
   std::string directory;
-  std::string user;       ///< under whom it runs
+  std::string user;       ///< the user it runs as
   std::string privilege;  ///< the path of its privilege file
-  std::string problem;  ///< why the privilege file does not count; empty when it does or is missing
+  std::string problem;    ///< why the privilege file is ignored; empty if it is valid or missing
 };
 
-/// Returns all packages, in the order in which the library asks them. Throws `std::runtime_error`
+/// Returns all packages, in the order in which the library reads them. Throws `std::runtime_error`
 /// when they cannot be listed.
 std::vector<Package> ReadPackages();
 
@@ -29,20 +29,20 @@ std::string ReadConfiguration(const std::string& path, Json::Value& configuratio
 /// `std::runtime_error` when they cannot be listed.
 std::vector<std::string> ListFiles(const std::string& directory);
 
-/// Returns who may write to `path` and should not, because they are neither root nor the daemon's
-/// user: `it may be written by user "alice"`. Empty when there is nobody, or no such file.
+/// Returns who, other than root and the daemon's user, may write to `path`: `it is writable by user
+/// "alice"`. Empty if there is nobody, or no such file.
 std::string ForeignWriter(const std::string& path);
 
-/// Why a request to issue was refused, for an administrator.
+/// Why an issue request was refused, for an administrator.
 struct Refusal {
   std::string reason;
-  std::string cause;  ///< which file or directory to look at and why; empty when none is to blame
+  std::string cause;  ///< the file or directory to blame, and why; may be empty
 };
 
 /// Finds the cause of a refusal for `reason`, the text that the library threw for the user `uid`.
 Refusal Explain(const std::string& reason, uid_t uid, const std::string& installed_config);
 
-/// Names installed configurations that have a foreign writer in the log, each once.
+/// Logs installed configurations that have a foreign writer, each once.
 class WriterWatch {
  public:
   explicit WriterWatch(const std::string& watched_directory) : directory(watched_directory) {}

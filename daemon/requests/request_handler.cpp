@@ -20,15 +20,15 @@ namespace {
 
 enum class Sender { kAnybody, kOwner, kAdministrator };
 
-// Values in a request: some thousand API methods or tasks. A message of the greatest length could
-// hold half a million, and keep everybody waiting while it is parsed and copied.
+// Maximum values in a request, which may name thousands of API methods or tasks. A message of
+// maximum length could hold half a million, and block other requests while it is parsed and copied.
 constexpr std::size_t kMaxValues = 10000;
 
-// Refusals say nothing else, whatever the operation has put into its response until then.
+// Refusals contain nothing else, even if the operation had begun its response.
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
 
-constexpr unsigned int kTurnsBetweenLooks = 60;  // a look reads a directory: about once a minute
+constexpr unsigned int kTurnsBetweenLooks = 60;  // a minute: each look reads a directory
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
@@ -42,13 +42,13 @@ std::atomic<std::uint64_t>& CounterOf(RequestType type, auto& counters) {
   return counters.at(static_cast<std::size_t>(type));
 }
 
-// The text store ends a token at a space and a line at a newline, its cache ends a token at a NUL
-// byte: with one of them in it, a text would mean one token to the store and another to the cache.
+// The text store ends a token at a space and a line at a newline. Its cache ends a token at a NUL
+// byte. With one of them in it, a text would be one token to the store and another to the cache.
 void ExpectWholeToken(const Json::Value& request) {
   const std::string_view token = StringView(request["token"]);
   if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
   if (token.find_first_of(std::string_view(" \n\0", 3)) != token.npos) {
-    throw std::runtime_error("no token holds a space, a newline or a NUL byte");
+    throw std::runtime_error("a token cannot contain a space, a newline or a NUL byte");
   }
 }
 
@@ -64,9 +64,10 @@ void ExpectFewThings(const Json::Value& payload) {
 }
 
 void ExpectSender(Sender expected, const Peer& peer) {
-  // Processes of a foreign pid namespace all have this id here, so it cannot own anything.
+  // All processes outside this pid namespace have this id (pid_namespaces(7)), so it cannot
+  // identify an owner.
   if (expected == Sender::kOwner && peer.credential.pid == 0) {
-    throw std::runtime_error("the peer's process has no id here");
+    throw std::runtime_error("the peer has no process id in the daemon's pid namespace");
   }
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
     throw std::runtime_error("only root and the daemon's user may ask for this");
@@ -81,7 +82,7 @@ std::chrono::seconds Seconds() {
 
 struct RequestHandler::Operation {
   RequestType type;
-  Sender sender;  // who may ask for it
+  Sender sender;  // who may send it
   void (RequestHandler::*run)(const Peer&, const Json::Value&, Json::Value&);
 };
 

@@ -1,4 +1,4 @@
-// From the text of a request to the text of its response.
+// Answering requests.
 #pragma once
 
 #include <json/value.h>
@@ -19,23 +19,23 @@ struct RequestSettings {
   bool audit = false;            ///< log each change of a token
 };
 
-/// Answers requests, one at a time, by a token manager of its own that has all services.
+/// Answers requests, one at a time, with its own token manager, which has all services.
 ///
-/// Processes: each worker has its own object, over a store and a slot of its own.
+/// Processes: each worker has its own object, store and slot.
 class RequestHandler {
  public:
-  /// `cache`, which may be empty, stands in front of the store.
+  /// `cache` may be null.
   RequestHandler(TokenStore& token_store, Board& shared_board, WorkerSlot& worker_slot,
                  RequestSettings request_settings,
                  std::shared_ptr<ZELT::TokenManager::CacheStorage> cache = nullptr);
 
-  /// Returns the response to the request `text` of `peer`. Whatever a client sends is answered; the
-  /// reason of a refusal goes to the log, and a token never does. Notes on the slot what it is
-  /// doing and counts what it has done.
+  /// Returns the response to the request `text` of `peer`. Every text gets a response. The reason
+  /// of a refusal is logged, but never a token. Records the current activity and the counters in
+  /// the slot.
   std::string Answer(const Peer& peer, const std::string& text);
 
-  /// Does what has to be done from time to time, most of it if this is the first slot's worker. To
-  /// be called about once a second.
+  /// Does periodic work, most of it only in the worker of the first slot. Call this about once a
+  /// second.
   void OnIdle();
 
  private:
@@ -44,7 +44,7 @@ class RequestHandler {
 
   void Handle(const Peer& peer, const std::string& text, Json::Value& request,
               Json::Value& response);
-  // What operations do, as their table says.
+  // The operations in the table of `Find`.
   template <auto kMethod>
   void Ask(const Peer& peer, const Json::Value& request, Json::Value& response);
   template <auto kMethod>

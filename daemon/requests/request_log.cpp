@@ -14,9 +14,9 @@ using namespace ZELT::TokenManager;
 namespace {
 
 constexpr std::size_t kLongestLoggedText = 256;   // bytes
-constexpr std::size_t kLongestLoggedCause = 512;  // bytes: mostly paths, which no client chooses
+constexpr std::size_t kLongestLoggedCause = 512;  // bytes; mostly paths, no client text
 
-// As a JSON string but for control characters, which Log escapes.
+// Returns a JSON string, except for control characters, which Log escapes.
 std::string Quoted(std::string_view text) {
   std::string quoted = "\"";
   for (const char c : text) {
@@ -26,8 +26,7 @@ std::string Quoted(std::string_view text) {
   return quoted + '"';
 }
 
-// A client that mixes up its arguments must not have its token logged: whatever could be one is
-// left out.
+// A client may send a token in the wrong place. Text that could be a token is left out.
 std::string Loggable(std::string_view text) {
   std::string loggable;
   for (auto next = text.begin(); next != text.end() && loggable.size() < kLongestLoggedText;) {

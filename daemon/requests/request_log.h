@@ -1,4 +1,4 @@
-// What the log says of requests. No token ever gets into it.
+// Log lines about requests. They never contain a token.
 #pragma once
 
 #include <json/value.h>

@@ -14,7 +14,7 @@ std::shared_ptr<TokenService> Make() {
   return std::make_shared<Kind>();
 }
 
-// A name that begins with a NUL byte is nobody's.
+// No real name begins with a NUL byte.
 const std::array kServices = {
     Service{.make = Make<FastAPI>,
             .probe = R"([{"api":"\u0000","method":"\u0000"}])",

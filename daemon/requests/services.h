@@ -1,4 +1,4 @@
-// The services that the daemon offers: the one place where a service is registered.
+// The daemon's services. This is the only place where a service is registered.
 #pragma once
 
 #include <memory>
@@ -6,13 +6,13 @@
 
 #include "zelttokenmanager/token_manager.h"
 
-/// A service, and what `zelttokenmgrd --check` needs to know of it. A package's grants of the
+/// A service, and what `zelttokenmgrd --check` needs to know about it. A package's grants of the
 /// service are an array of objects.
 struct Service {
   std::shared_ptr<ZELT::TokenManager::TokenService> (*make)();
 
-  /// The payload, as JSON text, of an issue request that is well formed and that no grant
-  /// satisfies. So `Issue` looks at every grant.
+  /// The payload, as JSON text, of a well-formed issue request that no grant satisfies, so that
+  /// `Issue` examines every grant.
   const char* probe;
 
   /// The member of a grant that holds a permitted list.
@@ -21,5 +21,5 @@ struct Service {
 
 std::span<const Service> Services();
 
-/// Adds all of them to `manager`.
+/// Adds all services to `manager`.
 void AddServices(ZELT::TokenManager::TokenManager& manager);

@@ -6,7 +6,8 @@
 #include <stdexcept>
 
 uid_t UserId(const std::string& user) {
-  if (const passwd* found = getpwnam(user.c_str())) return found->pw_uid;
+  const bool is_name = user.find('\0') == user.npos;  // it would end the name early
+  if (const passwd* found = is_name ? getpwnam(user.c_str()) : nullptr) return found->pw_uid;
   uid_t uid = 0;
   const char* end = user.data() + user.size();
   const auto [read, error] = std::from_chars(user.data(), end, uid);

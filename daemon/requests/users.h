@@ -5,9 +5,9 @@
 
 #include <string>
 
-/// Returns the id of the user with this name, or with this decimal id even if nobody has it. Throws
-/// `std::runtime_error` for anything else.
+/// Returns the id of the user with this name, or with this decimal id, which nobody needs to have.
+/// Throws `std::runtime_error` for anything else.
 uid_t UserId(const std::string& user);
 
-/// Returns the user's name; without one, the decimal id.
+/// Returns the user's name, or the decimal id if there is none.
 std::string UserName(uid_t uid);

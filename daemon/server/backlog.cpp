@@ -12,10 +12,10 @@
 
 namespace {
 
-// Service must be back within a second.
+// Short, so that service resumes within a second.
 constexpr timeval kPause{.tv_sec = 0, .tv_usec = 100000};
 
-// At most one line about that in the log in this time: neighbours can bring it about.
+// The log gets one line per interval at most, because other users can cause pauses.
 constexpr std::chrono::seconds kLogInterval{60};
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Connections that are still to be accepted.
+// Accepting connections.
 #pragma once
 
 #include <chrono>
@@ -10,32 +10,33 @@
 struct Listener {
   int fd = -1;
 
-  /// Somebody else has the socket too and keeps the backlog when this daemon ends (systemd).
+  /// Another process (systemd) holds the socket too, and keeps the backlog when this daemon ends.
   bool inherited = false;
 };
 
-/// Accepts from some listening sockets, which other processes may accept from as well. Wakes the
-/// event loop when there is something to accept. When descriptors or memory run out it stops for a
-/// moment, because trying again at once would spin.
+/// Accepts connections from listening sockets that other processes may share. Wakes the event loop
+/// when there is something to accept. Pauses when descriptors or memory run out, because retrying
+/// at once would spin.
 class Backlog {
  public:
-  /// `base` must outlive the backlog. Does not own the descriptors, but makes them non-blocking.
+  /// `base` must outlive the backlog. The caller keeps the descriptors, which are made
+  /// non-blocking.
   Backlog(const EventBase& base, const std::vector<Listener>& listeners);
   Backlog(const Backlog&) = delete;
   Backlog& operator=(const Backlog&) = delete;
 
-  /// Returns the descriptor of an accepted connection, non-blocking and closed by exec; -1 when
+  /// Returns the descriptor of an accepted connection, non-blocking and close-on-exec, or -1 if
   /// there is nothing to accept.
   int Accept();
 
-  /// Whether each listening socket has been found empty once: then no further connection is older
-  /// than this object.
+  /// Returns whether each listening socket has been empty once. If so, all further connections are
+  /// younger than this object.
   bool WasEmpty() const;
 
-  /// Stops accepting for a moment, because of the lack that `error` names (errno(3)).
+  /// Stops accepting for a moment because of `error` (errno(3)).
   void Pause(int error);
 
-  /// Leaves the backlogs of inherited sockets alone from now on, and pauses no more.
+  /// Stops accepting from inherited sockets, and stops pausing.
   void BeginDraining();
 
  private:

@@ -9,13 +9,14 @@
 using State = zeltdaemon::MessageReader::State;
 
 Connection::~Connection() {
-  awaited.reset();  // while the number is still this connection's
+  awaited.reset();  // before close(2) frees the number for reuse
   descriptors != nullptr ? descriptors->Close(fd) : static_cast<void>(close(fd));
 }
 
-// One piece at a time: who sends as fast as this process reads must not keep it.
+// Receives one piece per call: a client that sends as fast as this process reads must not
+// monopolize it.
 State Connection::Receive(bool& more) {
-  // Most messages fit, and then one call is all it takes.
+  // Large enough that most messages take one call.
   std::array<char, 16384> piece;  // NOLINT(*-member-init): written before it is read
   const ssize_t count = descriptors != nullptr
                             ? PassedDescriptors::Receive(fd, piece.data(), piece.size())

@@ -13,7 +13,7 @@
 
 struct User;
 
-// Leaves the list that it is in when it is destroyed. Entering a list takes no memory.
+// Removes itself from its list when it is destroyed. Adding it to a list allocates no memory.
 using Hook =
     boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>>;
 
@@ -26,7 +26,7 @@ class Connection : public Hook {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// `passed_descriptors` is null for a connection on which the kernel lets none through.
+  /// `passed_descriptors` is null if the kernel lets no descriptors through on this connection.
   Connection(int connected, PassedDescriptors* passed_descriptors,
              Clock::time_point request_deadline)
       : deadline(request_deadline), fd(connected), descriptors(passed_descriptors) {}
@@ -34,26 +34,26 @@ class Connection : public Hook {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Receives a piece of the request. `more` tells whether there may be another one already.
+  /// Receives a piece of the request. Sets `more` if another piece may already be there.
   zeltdaemon::MessageReader::State Receive(bool& more);
 
-  /// Sends what the client takes of `answer`, and leaves the rest in it: nothing when the client is
-  /// gone.
+  /// Sends as much of `answer` as the client takes without waiting, and leaves the rest in it.
+  /// Clears `answer` if the client is gone.
   void Send();
 
-  /// Bytes of memory that the client makes this process hold.
+  /// Bytes of memory held for the client.
   std::size_t Held() const { return reader.Held() + answer.capacity(); }
 
-  /// Descriptor, for waiting.
+  /// For polling.
   int Descriptor() const { return fd; }
 
   Peer peer;
   zeltdaemon::MessageReader reader;
-  std::string answer;  ///< what is left of it
+  std::string answer;  ///< the part that is not sent yet
   Clock::time_point deadline;
   Event awaited;
 
-  // The queues' own.
+  // Maintained by `Queues`.
   User* user = nullptr;
   std::list<Connection>::iterator place;
   std::size_t accounted = 0;

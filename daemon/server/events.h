@@ -1,4 +1,4 @@
-// libevent's objects with owners.
+// Owning pointers to libevent's objects.
 #pragma once
 
 #include <event2/event.h>
@@ -13,7 +13,7 @@ struct EventDeleter {
 using Event = std::unique_ptr<event, EventDeleter>;
 using EventBase = std::unique_ptr<event_base, EventDeleter>;
 
-/// Exceptions must not leave `callback`: libevent is written in C.
+/// `callback` must not throw, because libevent is written in C.
 inline Event MakeEvent(const EventBase& base, evutil_socket_t fd, short what,
                        event_callback_fn callback, void* argument) {
   Event made(event_new(base.get(), fd, what, callback, argument));

@@ -16,7 +16,6 @@
 #include <cstring>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -45,7 +44,7 @@ OwnedDescriptor MakeSocket() {
   return made;
 }
 
-// A file that is removed, unless it was moved away.
+// Removes the file in the end, unless `path` was cleared.
 struct TemporaryFile {
   explicit TemporaryFile(std::string file_path) : path(std::move(file_path)) {}
   ~TemporaryFile() {
@@ -57,7 +56,7 @@ struct TemporaryFile {
   std::string path;
 };
 
-// A full backlog refuses with EAGAIN, unix(7): then somebody listens too.
+// connect(2) fails with EAGAIN if the backlog is full (unix(7)): somebody listens in that case too.
 bool IsServed(const std::string& path) {
   const OwnedDescriptor client = MakeSocket();
   return UnixAddress(path).Connect(client.Get()) == 0 || (errno != ECONNREFUSED && errno != ENOENT);
@@ -83,7 +82,7 @@ std::string Describe(const struct stat& file) {
   return std::string(kind) + " of user " + name + "uid " + std::to_string(file.st_uid);
 }
 
-// Returns the socket at `path`, which is this user's and served by nobody, or nothing.
+// Returns the socket of this user at `path` that nobody serves, if there is one.
 std::optional<struct stat> StaleSocket(const std::string& path) {
   struct stat found {};
   if (lstat(path.c_str(), &found) != 0) {
@@ -98,14 +97,15 @@ std::optional<struct stat> StaleSocket(const std::string& path) {
   return found;
 }
 
-// A name that nobody can guess: in /tmp anybody could keep those that they can.
+// The name is random, because any user could occupy a predictable one in /tmp.
 std::string NameBeside(const std::string& path) {
   std::uint32_t number = 0;
   if (getrandom(&number, sizeof number, 0) < 0) throw SystemError("getrandom");
   return path + "." + std::to_string(number);
 }
 
-// bind(2) gives the file its mode, so nobody can exchange it before a chmod(2).
+// The umask sets the file's mode in bind(2). Before a later chmod(2), another file could be put in
+// its place.
 OwnedDescriptor BindAndListen(const std::string& path, int backlog) {
   OwnedDescriptor made = MakeSocket();
   const mode_t mask = umask(S_IXUSR | S_IXGRP | S_IXOTH);
@@ -121,7 +121,7 @@ bool IsSame(const std::string& path, const struct stat& file) {
          found.st_ino == file.st_ino;
 }
 
-// Returns false when something else has come to the path since it was looked at.
+// Returns false if another file has appeared at the path in the meantime.
 bool MoveTo(const std::string& path, TemporaryFile& made) {
   const std::optional<struct stat> stale = StaleSocket(path);
   const auto rename = [&](unsigned int how) {
@@ -133,7 +133,7 @@ bool MoveTo(const std::string& path, TemporaryFile& made) {
   }
   if (!stale) return made.path.clear(), true;
   if (IsSame(made.path, *stale)) return true;
-  rename(RENAME_EXCHANGE);  // another daemon was faster, and gets its socket back
+  rename(RENAME_EXCHANGE);  // another daemon was faster: put its socket back
   return false;
 }
 
@@ -147,7 +147,7 @@ void ExpectListening(int socket) {
   if (OptionOf(socket, SO_DOMAIN) != AF_UNIX || OptionOf(socket, SO_TYPE) != SOCK_STREAM ||
       OptionOf(socket, SO_ACCEPTCONN) != 1) {
     throw std::runtime_error("descriptor " + std::to_string(socket) +
-                             " was passed on and is no listening Unix stream socket");
+                             " was passed on but is not a listening Unix stream socket");
   }
 }
 

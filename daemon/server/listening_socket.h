@@ -1,20 +1,19 @@
-// Sockets on which clients connect.
+// Making and inheriting listening sockets.
 #pragma once
 
 #include <string>
 #include <vector>
 
-/// Returns the listening sockets that whoever started this process has passed on
-/// (sd_listen_fds(3)), none if there are none, and takes the variables that say so out of the
-/// environment. Throws `std::runtime_error` when one of them is no listening Unix stream socket.
+/// Returns the listening sockets that the service manager passed on (sd_listen_fds(3)), if any, and
+/// unsets the environment variables about them. Throws `std::runtime_error` if one of them is not a
+/// listening Unix stream socket.
 std::vector<int> InheritedSockets();
 
 /// Listens on a socket file at `path` that is open to every local user, and returns the descriptor.
-/// The socket is bound beside `path` and renamed, so that the path is never without one. Replaces a
-/// socket of this process's user that nobody serves. Throws `std::runtime_error` when somebody
-/// serves it, when something of another user or of another kind is there, and when the system
-/// refuses.
+/// The socket is bound beside `path` and renamed, so that there is always a socket at the path.
+/// Replaces a socket of the same user that nobody serves. Throws `std::runtime_error` if the socket
+/// is served, if a file of another user or type is at the path, and if a system call fails.
 int ListenAt(const std::string& path, int backlog);
 
-/// The address of a socket that was passed on, as its clients name it.
+/// Returns the path of a socket that was passed on.
 std::string AddressOf(int socket);

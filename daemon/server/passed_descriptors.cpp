@@ -12,11 +12,11 @@
 
 namespace {
 
-// Connections that are closed together: each is one descriptor less for others until then.
-constexpr std::size_t kSuspectsAtOnce = 32;
+// Connections that are closed together. Each uses up a descriptor until then.
+constexpr std::size_t kDeferredAtOnce = 32;
 
-// Linux reports with MSG_CTRUNC what does not fit, and here nothing does. Descriptors in what is
-// only looked at stay in the socket.
+// There is no room for control data, so Linux sets MSG_CTRUNC if any has arrived. MSG_PEEK leaves
+// the descriptors in the socket.
 ssize_t Peek(int fd, char* bytes, std::size_t size) {
   iovec part{.iov_base = bytes, .iov_len = size};
   msghdr message{};
@@ -30,7 +30,7 @@ ssize_t Peek(int fd, char* bytes, std::size_t size) {
 
 bool HoldsUnread(int fd) {
   int unread = 0;
-  shutdown(fd, SHUT_RD);  // nothing can be added any more
+  shutdown(fd, SHUT_RD);  // nothing more can arrive
   return ioctl(fd, FIONREAD, &unread) != 0 || unread != 0;
 }
 
@@ -53,14 +53,14 @@ void PassedDescriptors::Close(int fd) {
     close(fd);
     return;
   }
-  suspects.push_back(fd);
-  if (suspects.size() == kSuspectsAtOnce) Flush();
+  deferred.push_back(fd);
+  if (deferred.size() == kDeferredAtOnce) Flush();
 }
 
-// Sockets do not linger when a task that ends closes them. So a thread takes a copy of the
-// descriptors, which is the last one once those here are closed, and ends.
+// Sockets that are closed by the end of a task do not linger. So a thread copies the descriptor
+// table, which holds the last references once the descriptors here are closed, and ends.
 void PassedDescriptors::Flush() {
-  if (suspects.empty()) return;
+  if (deferred.empty()) return;
   std::binary_semaphore copied(0);
   std::binary_semaphore closed(0);
   std::thread last;
@@ -71,10 +71,10 @@ void PassedDescriptors::Flush() {
       closed.acquire();
     });
     copied.acquire();
-  } catch (const std::system_error&) {  // without a thread the closes may wait
+  } catch (const std::system_error&) {  // without a thread, close(2) may block
   }
-  for (const int fd : suspects) close(fd);
-  suspects.clear();
+  for (const int fd : deferred) close(fd);
+  deferred.clear();
   closed.release();
   if (last.joinable()) last.join();
 }

@@ -6,16 +6,16 @@
 #include <cstddef>
 #include <vector>
 
-/// Has the kernel refuse descriptors that clients of `listener` send from now on, on connections
-/// that are made from now on (SO_PASSRIGHTS, Linux 6.16). Returns false where it cannot.
+/// Makes the kernel refuse descriptors on connections made to `listener` from now on
+/// (SO_PASSRIGHTS, Linux 6.16). Returns false if the kernel cannot.
 bool RefuseDescriptors(int listener);
 
-/// Receives from connections, and closes them, so that no descriptor sent along is ever installed
-/// here, nor closed where the close may wait. The last close of a socket waits as long as its
-/// sender has asked for (SO_LINGER, socket(7)), and a close of an installed descriptor waits for
-/// the sender's own file system (fuse(4)).
+/// Receives from connections and closes them. No descriptor sent along is ever installed in this
+/// process, or closed where close(2) may block: the last close of a socket waits as long as its
+/// sender requested (SO_LINGER, socket(7)), and closing an installed descriptor may wait for the
+/// sender's own file system (fuse(4)).
 ///
-/// Threads: one. `Flush` ends a thread of its own each time that there is something to flush.
+/// Threads: one. `Flush` starts and joins a thread if there is something to flush.
 class PassedDescriptors {
  public:
   PassedDescriptors() = default;
@@ -23,16 +23,16 @@ class PassedDescriptors {
   PassedDescriptors(const PassedDescriptors&) = delete;
   PassedDescriptors& operator=(const PassedDescriptors&) = delete;
 
-  /// As recv(2), without waiting. Fails with EPERM, and receives nothing, when descriptors come
-  /// with what has arrived.
+  /// Like recv(2), without waiting. Fails with EPERM and receives nothing if descriptors have
+  /// arrived.
   static ssize_t Receive(int fd, char* bytes, std::size_t size);
 
   /// Closes the connection `fd`, at the next `Flush` at the latest.
   void Close(int fd);
 
-  /// Closes what could not be closed at once.
+  /// Closes the connections that could not be closed at once.
   void Flush();
 
  private:
-  std::vector<int> suspects;  // connections with something unread
+  std::vector<int> deferred;  // connections with something unread
 };

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Descriptors that connections must leave to the handler's files and to the process.
+// Descriptors reserved for the handler's files and the rest of the process.
 constexpr rlim_t kReservedDescriptors = 32;
 
 unsigned int WaitingLimit(unsigned int wanted) {
@@ -39,7 +39,7 @@ void Queues::Add(std::list<Connection>& accepted) {
   ++total;
   MakeReady(added);
   if (user.connections.size() > limits.waiting_per_user) return RemoveOldest(user, added);
-  if (total > max_waiting) RemoveOldest(WithTheMost(), added);
+  if (total > max_waiting) RemoveOldest(BusiestUser(), added);
 }
 
 void Queues::MakeReady(Connection& connection) noexcept {
@@ -86,19 +86,19 @@ void Queues::RemoveIncomplete() {
   for (Connection* each : incomplete) Remove(*each);
 }
 
-// Whoever has waited longest goes: an honest client waits for a moment only.
+// The oldest connection is closed, because those of honest clients wait only for a moment.
 void Queues::RemoveOldest(User& user, const Connection& spared) {
   if (!std::exchange(user.logged, true)) {
     Log(LOG_WARNING,
-        "user %u has %zu of %zu waiting connections with %zu bytes: the oldest make room", user.id,
+        "user %u has %zu of %zu waiting connections with %zu bytes: closing the oldest", user.id,
         user.connections.size(), total, user.bytes);
   }
   const auto oldest = user.connections.begin();
   Remove(&*oldest == &spared ? *std::next(oldest) : *oldest);
 }
 
-// Among users with equally many, the one who has waited longest.
-User& Queues::WithTheMost() {
+// Among users with equally many connections, returns the one who has waited longest.
+User& Queues::BusiestUser() {
   return std::max_element(users.begin(), users.end(),
                           [](const auto& a, const auto& b) {
                             const std::list<Connection>& ours = a.second.connections;

@@ -1,4 +1,4 @@
-// Whose turn it is.
+// The order in which connections are served.
 #pragma once
 
 #include <sys/types.h>
@@ -14,29 +14,29 @@ struct User : Hook {
   uid_t id = 0;
   std::list<Connection> connections;  // the oldest first
   Queue<Connection> ready;
-  Queue<User>* turns = nullptr;  // which the user is in while any are ready
+  Queue<User>* turns = nullptr;  // contains the user while any connection is ready
   std::size_t bytes = 0;
   bool logged = false;
 };
 
-/// Keeps the connections that a worker has accepted, within the limits, and lets the users take
-/// turns: each in turn has one connection served, the one that has been ready longest. No user
-/// notices another one's limit.
+/// Keeps the connections that a worker has accepted, within the limits. Users take turns: each turn
+/// serves the connection of the user that has been ready longest. A user at a limit does not affect
+/// other users.
 class Queues {
  public:
   /// `server_limits` must outlive the queues.
   explicit Queues(const ServerLimits& server_limits);
 
-  /// Takes over the one connection in `accepted`, which is ready to be read, and makes room for it.
+  /// Takes over the only connection in `accepted`, marks it as ready, and makes room for it.
   void Add(std::list<Connection>& accepted);
 
-  /// Notes that the connection can go on.
+  /// Marks the connection as ready.
   static void MakeReady(Connection& connection) noexcept;
 
-  /// Returns the connection to serve next, which is not ready any more; null if none is.
+  /// Returns the connection to serve next, which is then no longer ready, or null if none is ready.
   Connection* Next();
 
-  /// Notes how much memory the connection holds now, and makes room for it.
+  /// Updates the memory that the connection holds, and makes room for it.
   void Account(Connection& connection);
 
   void Remove(Connection& connection);
@@ -49,11 +49,11 @@ class Queues {
 
  private:
   void RemoveOldest(User& user, const Connection& spared);
-  User& WithTheMost();
+  User& BusiestUser();
 
   const ServerLimits& limits;
   unsigned int max_waiting;
-  std::unordered_map<uid_t, User> users;  // with connections
-  Queue<User> turns;                      // users with ready connections, the next one first
+  std::unordered_map<uid_t, User> users;  // only those with connections
+  Queue<User> turns;                      // users with ready connections, next one first
   std::size_t total = 0;
 };

@@ -21,8 +21,8 @@ using State = zeltdaemon::MessageReader::State;
 
 namespace {
 
-// How long users may stay unnoticed in a backlog, behind others: while nobody knows that there are
-// any others, and while accepted connections wait. Twice that in all, see IsOverdue().
+// How long users may wait unnoticed in a backlog behind others: with no accepted connection
+// waiting, and with some. In total it is twice as long, see IsOverdue().
 constexpr milliseconds kTurn{2};
 constexpr milliseconds kBusyTurn{1};
 
@@ -37,8 +37,9 @@ std::chrono::nanoseconds SinceBoot() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// For which this process was ready and waited for a processor; 0 where the kernel does not tell.
-std::chrono::nanoseconds HeldUp() {
+// Returns how long this process has waited for a processor in total; 0 if the kernel does not
+// report it.
+std::chrono::nanoseconds TimeWithoutProcessor() {
   std::int64_t ran = 0;
   std::int64_t waited = 0;
   std::ifstream("/proc/self/schedstat") >> ran >> waited;
@@ -103,19 +104,19 @@ void Server::Step() {
   }
 }
 
-// A worker that is held up by other processes would empty its backlog soon, and what it accepts
-// dies with it. So the time in which it was does not count.
+// Time without a processor does not count: such a worker would soon empty its backlog, and what it
+// accepts early is lost if it dies.
 bool Server::IsOverdue() {
   const auto limit = queues.AnyReady() ? kBusyTurn : kTurn;
   if (now - turn_begin < limit) return false;
-  const auto own_time = now - HeldUp();
+  const auto own_time = now - TimeWithoutProcessor();
   turn_begin = now;
   if (!first_overdue) first_overdue = own_time;
   return own_time - *first_overdue >= limit;
 }
 
-// Whoever was in the backlog when the last turn began has been accepted once as many were as it can
-// hold. Otherwise the whole backlog is accepted.
+// After as many connections as the backlog can hold, everything that was in it at the beginning of
+// the last turn has been accepted. If the turn is overdue, the whole backlog is accepted now.
 void Server::BeginTurn(bool overdue) {
   Wait(EVLOOP_ONCE | EVLOOP_NONBLOCK);
   for (int i = 0; overdue && !ending && i < limits.backlog && AcceptOne(); ++i) {
@@ -155,9 +156,10 @@ bool Server::AcceptOne() {
     return false;
   }
   try {
-    connection.front().peer = {.credential = GetPeerCredential(fd), .accepted = accepted_at};
+    connection.front().peer = {
+        .credential = GetPeerCredential(fd), .accepted = accepted_at, .connection = fd};
     queues.Add(connection);
-  } catch (const std::exception&) {  // nobody knows who that is, or there is no memory
+  } catch (const std::exception&) {  // the peer is unknown, or memory ran out
   }
   return true;
 }
@@ -205,8 +207,8 @@ void Server::Write(Connection& connection) {
   Await(connection, EV_WRITE);
 }
 
-// Makes the connection ready when its socket is, and at its deadline: after a stall only that is
-// reported, though the request may have come long before.
+// Makes the connection ready when its socket is, and at its deadline. After a stall, libevent
+// reports only the timeout, even if the request has arrived.
 void Server::Await(Connection& connection, short what) {
   const auto go_on = [](evutil_socket_t, short, void* waiting) {
     Queues::MakeReady(*static_cast<Connection*>(waiting));
@@ -216,7 +218,7 @@ void Server::Await(Connection& connection, short what) {
   if (event_add(connection.awaited.get(), &left) != 0) queues.Remove(connection);
 }
 
-// Clients who connect as fast as they are accepted must not prolong this.
+// Clients that connect as fast as they are accepted must not prolong this.
 void Server::Drain() {
   backlog.BeginDraining();
   const auto end = Clock::now() + kPatience;
@@ -226,7 +228,7 @@ void Server::Drain() {
       TakeTurn(*next);
       continue;
     }
-    RunEvents(EVLOOP_ONCE);  // the tick ends it
+    RunEvents(EVLOOP_ONCE);  // returns at the next tick
     if (now >= end) queues.RemoveIncomplete();
   }
 }

@@ -1,4 +1,4 @@
-// The daemon's end of the socket.
+// The event loop of a worker.
 #pragma once
 
 #include <chrono>
@@ -16,31 +16,31 @@
 
 /// Answers messages (message.h), one on each connection and one at a time, in one worker.
 ///
-/// What a worker has accepted dies with it. So it accepts a connection only when it has served the
-/// one before, as long as it finds its backlog empty every now and then. If it does not, it accepts
-/// what there is in one go, to find the users who wait behind others.
+/// Accepted connections are lost if the worker dies. So it serves each connection before it accepts
+/// the next one, as long as the backlog is empty often enough. Otherwise it accepts the whole
+/// backlog at once, to find users who wait behind others.
 ///
-/// Processes: make the object after fork(2). Several may serve the same listening sockets. Threads:
-/// one. SIGTERM must be blocked or ignored until `Serve`.
+/// Processes: create the object after fork(2). Several may serve the same listening sockets.
+/// Threads: one. SIGTERM must be blocked or ignored until `Serve`.
 class Server {
  public:
   /// Returns the answer to a request. Must not throw.
   using Handler = std::function<std::string(const Peer& peer, const std::string& request)>;
 
   /// `server_limits` and `worker_slot` must outlive the server; `listeners` stay the caller's.
-  /// Has the kernel refuse descriptors sent along, where it can. Throws `std::bad_alloc` when there
-  /// is no event loop to be had.
+  /// Makes the kernel refuse descriptors sent along, if it can. Throws `std::bad_alloc` if there is
+  /// no memory for the event loop.
   Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
          WorkerSlot& worker_slot);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  /// Has `Serve` call `action` about once a second, under load as well. It must not throw.
+  /// Makes `Serve` call `action` about once a second, also under load. It must not throw.
   void OnIdle(std::function<void()> action) { on_idle = std::move(action); }
 
-  /// Serves until SIGTERM, which it unblocks, arrives. Then answers what it has accepted, leaving
-  /// those who have not sent their request in whole a second, and what is in the backlogs of the
-  /// sockets that are not inherited.
+  /// Serves until SIGTERM, which it unblocks. Then answers the connections that it has accepted and
+  /// those in the backlogs of sockets that are not inherited. Clients with incomplete requests get
+  /// one more second.
   void Serve(const Handler& request_handler);
 
  private:
@@ -62,7 +62,7 @@ class Server {
   const ServerLimits& limits;
   WorkerSlot& slot;
   EventBase base;
-  const bool descriptors_refused;      // by the kernel, on connections that are younger
+  const bool descriptors_refused;      // by the kernel, on connections younger than this object
   bool descriptors_can_arrive = true;  // on the next connection
   PassedDescriptors descriptors;
   Queues queues;
@@ -73,7 +73,7 @@ class Server {
   const Handler* handler = nullptr;
   Clock::time_point now;
   Clock::time_point turn_begin;
-  std::optional<Clock::time_point> first_overdue;  // less what this process had been held up
+  std::optional<Clock::time_point> first_overdue;  // minus the time without a processor
   int accepted = 0;                                // in this turn
   bool second_passed = false;
   bool ending = false;

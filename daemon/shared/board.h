@@ -1,4 +1,4 @@
-// What the workers tell the supervisor, and each other, in shared memory.
+// Shared memory in which workers report to the supervisor and to each other.
 #pragma once
 
 #include <sys/types.h>
@@ -13,7 +13,8 @@
 
 #include "refusals.h"
 
-/// The kinds of requests, in the order of the counters. `kOther` is what has no valid "type".
+/// The kinds of requests, in the order of the counters. `kOther` is for requests without a valid
+/// "type".
 enum class RequestType : std::uint8_t {
   kIssue,
   kValidate,
@@ -26,8 +27,8 @@ enum class RequestType : std::uint8_t {
 };
 constexpr std::size_t kRequestTypes = 8;
 
-/// What a worker is doing. A worker that waits for its turn to write is not stuck itself: the one
-/// that holds the store is.
+/// What a worker is doing. A worker that waits for the store is not stuck itself; the worker that
+/// holds the store is.
 enum class Activity : std::uint8_t { kIdle, kServing, kWaitingForStore };
 
 /// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the
@@ -41,12 +42,12 @@ constexpr std::size_t TimeBucket(std::chrono::nanoseconds time) {
   return std::min<std::size_t>(std::bit_width(last), kTimeBuckets - 1);
 }
 
-/// One worker's part of the board. Only its worker writes it, but for `pid`, which is the
-/// supervisor's. The counters go on when a replacement takes the slot over.
+/// One worker's part of the board. Only its worker writes to it, except for `pid`, which the
+/// supervisor sets. A replacement continues the counters.
 struct alignas(64) WorkerSlot {
   std::atomic<pid_t> pid = 0;  ///< 0: the slot is free
 
-  /// CLOCK_MONOTONIC in nanoseconds when the worker last came back to its loop, at least once a
+  /// CLOCK_MONOTONIC in nanoseconds when the worker last returned to its loop, at least once a
   /// second, or began a request.
   std::atomic<std::int64_t> seen = 0;
   std::atomic<Activity> activity = Activity::kIdle;
@@ -69,13 +70,13 @@ inline void Count(std::atomic<std::uint64_t>& counter) {
 constexpr std::array<const char*, kRequestTypes> kRequestTypeNames = {
     "issue", "validate", "revoke", "transfer", "list", "drop", "status", "other"};
 
-/// A worker serves one request at a time; more of them than this only take memory.
+/// A worker serves one request at a time; more workers would only use memory.
 constexpr std::size_t kMaxWorkers = 256;
 
 /// The whole board. The supervisor maps it before it forks the first worker.
 struct Board {
   std::int64_t started = 0;                   ///< CLOCK_MONOTONIC in nanoseconds
-  std::atomic<std::uint64_t> deaths = 0;      ///< of workers that nobody had told to end
-  Refusals refusals;                          ///< how many may be logged
-  std::array<WorkerSlot, kMaxWorkers> slots;  ///< those in use first
+  std::atomic<std::uint64_t> deaths = 0;      ///< of workers that had not been told to end
+  Refusals refusals;                          ///< limits their lines in the log
+  std::array<WorkerSlot, kMaxWorkers> slots;  ///< used slots come first
 };

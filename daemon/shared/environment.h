@@ -1,4 +1,4 @@
-// What the service manager says in the environment.
+// Environment variables that the service manager sets.
 #pragma once
 
 #include <charconv>
@@ -6,13 +6,14 @@
 #include <cstdlib>
 #include <string_view>
 
-/// The value of an environment variable, "" if it is not set. Valid until the environment changes.
+/// Returns the value of an environment variable, "" if it is not set. Valid until the environment
+/// changes.
 inline std::string_view Environment(const char* variable) {
   const char* value = std::getenv(variable);
   return value == nullptr ? "" : value;
 }
 
-/// The number at the front of the value, 0 if there is none.
+/// Returns the number at the front of the value, 0 if there is none.
 inline std::int64_t NumberFromEnvironment(const char* variable) {
   const std::string_view digits = Environment(variable);
   std::int64_t number = 0;

@@ -49,7 +49,7 @@ unsigned int CodePoint(std::string_view sequence) {
   return code;
 }
 
-// What a terminal obeys, and what makes text look like other text.
+// Characters that control a terminal, or make text look like other text.
 bool IsControl(unsigned int code) {
   return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x061C ||
          (code >= 0x200E && code <= 0x200F) || (code >= 0x2028 && code <= 0x202E) ||
@@ -73,9 +73,9 @@ std::string Escaped(std::string_view text) {
   return escaped;
 }
 
-// Where lines go, and how many could not.
+// A destination of lines, and the number of lines lost.
 struct Sink {
-  bool (*write)(int priority, const std::string& line);  // false when it would have to wait
+  bool (*write)(int priority, const std::string& line);  // false if it would have to wait
   std::uint64_t lost = 0;
 
   void Put(int priority, const std::string& line) {
@@ -83,7 +83,7 @@ struct Sink {
   }
   bool ReportLost() {
     if (lost == 0) return true;
-    if (!write(LOG_WARNING, std::to_string(lost) + " lines of the log were lost")) return false;
+    if (!write(LOG_WARNING, std::to_string(lost) + " log lines were lost")) return false;
     lost = 0;
     return true;
   }
@@ -93,7 +93,6 @@ std::string Prefix() { return std::string(kName) + "[" + std::to_string(getpid()
 
 int syslog_socket = -1;
 
-// The system's logger makes a new socket when it starts again.
 bool SendToSyslog(const std::string& datagram) {
   if (syslog_socket < 0) {
     syslog_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -106,7 +105,8 @@ bool SendToSyslog(const std::string& datagram) {
   return send(syslog_socket, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0;
 }
 
-// As syslog(3) writes it.
+// Writes the format of syslog(3). Reconnects once, because the system's logger makes a new socket
+// when it restarts.
 bool WriteToSyslog(int priority, const std::string& line) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
@@ -122,7 +122,8 @@ bool WriteToSyslog(int priority, const std::string& line) {
 
 int error_output = STDERR_FILENO;
 
-// Of its own, since O_NONBLOCK would hold for whoever shares the description (open(2)).
+// Opens a new description, because O_NONBLOCK would affect every process that shares the old one
+// (open(2)).
 void OpenErrorOutput() {
   error_output = STDERR_FILENO;
   struct stat status {};
@@ -132,7 +133,8 @@ void OpenErrorOutput() {
   if (own >= 0) error_output = own;
 }
 
-// What could not be opened again, because another user has opened it, may wait when several write.
+// A file that could not be reopened, because another user had opened it, may still block if several
+// processes write.
 bool WriteToErrorOutput(int /*priority*/, const std::string& line) {
   const std::string whole = Prefix() + line + "\n";
   ssize_t count = send(error_output, whole.data(), whole.size(), MSG_NOSIGNAL | MSG_DONTWAIT);

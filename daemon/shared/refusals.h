@@ -1,4 +1,4 @@
-// How many refusals may be logged.
+// A limit on the refusals that are logged.
 #pragma once
 
 #include <sys/types.h>
@@ -9,32 +9,31 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Lets 20 refusals of a user into the log in a second, over all workers, and has the others
-/// counted. Lies in the workers' shared memory, zeroed at first. A worker that is killed in the
-/// middle of a call leaves the figures wrong by one at most.
+/// Allows 20 logged refusals per user and second over all workers, and counts the others. Lies in
+/// the workers' shared memory, initially zero. A worker killed during a call leaves a count wrong
+/// by one at most.
 ///
-/// Users have one place each, found by their number; users who meet at a place share what may be
-/// logged in a second.
+/// Each user has an entry, found by user id. Users with the same entry share its limit.
 class Refusals {
  public:
   static constexpr std::uint32_t kLoggedEachSecond = 20;
 
-  /// Returns whether a refusal of `user` may be logged at `now` (CLOCK_MONOTONIC). One that may not
-  /// is counted.
+  /// Returns whether a refusal of `user` may be logged at `now` (CLOCK_MONOTONIC). Counts it if
+  /// not.
   bool MayLog(uid_t user, std::chrono::seconds now);
 
-  /// Logs how many were held back before the second `now`, a line for each user. One worker's line
-  /// stands for all of them. To be called about once a second.
+  /// Logs how many refusals of all workers were held back before the second `now`, one line per
+  /// user. Call this about once a second.
   void LogHeldBack(std::chrono::seconds now);
 
  private:
-  struct Place {
+  struct Entry {
     std::atomic<uid_t> user;  // the last one held back
     std::atomic<std::int64_t> second;
     std::atomic<std::uint32_t> logged;
     std::atomic<std::uint32_t> held_back;
   };
 
-  static constexpr std::size_t kPlaces = 256;
-  std::array<Place, kPlaces> places{};
+  static constexpr std::size_t kEntries = 256;
+  std::array<Entry, kEntries> entries{};
 };

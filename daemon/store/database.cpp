@@ -12,8 +12,9 @@ namespace {
 
 constexpr const char* kOpen = "open the store";
 constexpr unsigned int kMaxTables = 8;
-constexpr std::uint64_t kSlack = 16U
-                                 << 20;  // bytes the map has beyond a file that is large already
+
+// Bytes by which the map exceeds a file that is already large.
+constexpr std::uint64_t kSlack = 16U << 20;
 
 std::uint64_t FileBytes(const std::string& path) {
   struct stat status {};
@@ -23,8 +24,8 @@ std::uint64_t FileBytes(const std::string& path) {
 }  // namespace
 
 void Expect(int result, const char* what) {
-  // The page that says which commit counts could not be written, and in this process LMDB does
-  // nothing more. The next worker opens the file anew.
+  // LMDB could not write its meta page and refuses all further work in this process. The next
+  // worker reopens the file.
   if (result == MDB_PANIC) _exit(EX_IOERR);
   if (result != MDB_SUCCESS) {
     throw std::runtime_error(std::string("cannot ") + what + ": " + mdb_strerror(result));
@@ -39,7 +40,7 @@ bool Found(int result, const char* what) {
 
 Cursor OpenCursor(MDB_txn* transaction, MDB_dbi table) {
   MDB_cursor* cursor = nullptr;
-  Expect(mdb_cursor_open(transaction, table, &cursor), "look through the store");
+  Expect(mdb_cursor_open(transaction, table, &cursor), "search the store");
   return Cursor(cursor);
 }
 
@@ -59,9 +60,9 @@ Database::Database(const std::string& path, std::uint64_t map_bytes, Use use) {
   MDB_stat stat{};
   Expect(mdb_env_stat(created, &stat), kOpen);
   page_bytes = stat.ms_psize;
-  // What lies beyond the end of the file cannot be read without SIGBUS.
+  // Reading the map beyond the end of the file raises SIGBUS.
   if (use != Use::kMake && (LastPage() + 1) * page_bytes > FileBytes(path)) {
-    throw std::runtime_error("the file is cut off");
+    throw std::runtime_error("the file is truncated");
   }
 }
 
@@ -82,7 +83,7 @@ MDB_envinfo Database::Info() const {
 int Database::Begin(unsigned int flags, Transaction& begun) {
   MDB_txn* transaction = nullptr;
   int result = mdb_txn_begin(environment.get(), nullptr, flags, &transaction);
-  if (result == MDB_MAP_RESIZED) {  // by a worker that was told a greater size
+  if (result == MDB_MAP_RESIZED) {  // by a worker with a larger map
     result = mdb_env_set_mapsize(environment.get(), 0);
     if (result == MDB_SUCCESS) {
       result = mdb_txn_begin(environment.get(), nullptr, flags, &transaction);
@@ -99,8 +100,8 @@ Transaction Database::BeginWrite() {
 }
 
 void Database::Commit(Transaction transaction) {
-  // Whatever comes of it, the transaction is freed.
-  Expect(mdb_txn_commit(transaction.release()), "make the change last");
+  // This frees the transaction even if it fails.
+  Expect(mdb_txn_commit(transaction.release()), "commit the change");
 }
 
 MDB_txn* Database::BeginRead() {

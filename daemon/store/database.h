@@ -33,14 +33,15 @@ using Cursor = std::unique_ptr<MDB_cursor, CursorCloser>;
 
 Cursor OpenCursor(MDB_txn* transaction, MDB_dbi table);
 
-/// An open environment. A process has at most one of a file, and none that it had before fork(2).
+/// An open environment. A process has at most one per file, and must not use one opened before
+/// fork(2).
 class Database {
  public:
-  /// Only making and serving write; only serving takes part in LMDB's locks.
+  /// Only `kMake` and `kServe` write; only `kServe` uses LMDB's locks.
   enum class Use { kMake, kCheck, kServe };
 
-  /// `map_bytes` is how large the file can become; it is more if the file is larger already. Throws
-  /// `std::runtime_error`, also for a file that is shorter than it says.
+  /// `map_bytes` is the maximum size of the file; the map is larger if the file already is. Throws
+  /// `std::runtime_error`, also if the file is truncated.
   Database(const std::string& path, std::uint64_t map_bytes, Use use);
   ~Database();
   Database(const Database&) = delete;
@@ -53,12 +54,12 @@ class Database {
   std::uint64_t LastPage() const { return Info().me_last_pgno; }     ///< as of the last commit
   std::uint64_t LastCommit() const { return Info().me_last_txnid; }  ///< its number
 
-  /// Waits for the right to write.
+  /// Waits for the write lock.
   Transaction BeginWrite();
   void Commit(Transaction transaction);
 
-  /// Sees the store as it was when the scope began. Scopes must be short: pages that are freed
-  /// meanwhile are not used again before it ends. One at a time.
+  /// Sees the store as it was when the scope began. Scopes must be short, because pages freed in
+  /// the meantime are not reused before the scope ends. One at a time.
   class ReadScope {
    public:
     explicit ReadScope(Database& database) : transaction(database.BeginRead()) {}
@@ -72,7 +73,7 @@ class Database {
     MDB_txn* transaction;
   };
 
-  /// Frees what readers that died hold on to. Throws `std::runtime_error`.
+  /// Frees the pages that dead readers hold. Throws `std::runtime_error`.
   void ClearDeadReaders();
 
  private:

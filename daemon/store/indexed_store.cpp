@@ -19,13 +19,13 @@ namespace {
 
 constexpr const char* kUnknown = "the store has no such token";
 
-// Pages. A change to each table's way from the root, with what LMDB merges and lists beside it,
-// takes some 30, and what it frees serves the next but one.
+// Pages. A change rewrites the path from the root of each table. With merges and lists of free
+// pages this takes about 30 pages, and the pages that it frees can be reused two commits later.
 constexpr std::uint64_t kForChange = 64;
-constexpr std::uint64_t kForEach = 6;          // further token that goes in the same change
-constexpr std::uint64_t kLeftForOthers = 256;  // revocations: after a new token
+constexpr std::uint64_t kForEach = 6;          // additional token in the same change
+constexpr std::uint64_t kLeftForOthers = 256;  // kept for revocations when a token is added
 
-// Longer than a reader that was stopped is left alone.
+// Longer than it takes until a stopped reader is killed.
 constexpr std::chrono::seconds kPatience{12};
 constexpr std::chrono::milliseconds kPause{2};
 
@@ -47,11 +47,11 @@ void IndexedStore::Begin(const Peer& peer) {
   changing = true;
 }
 
-// Waits until there is room for the change: a worker that was stopped while it read keeps freed
-// pages, and is killed in the end.
+// Waits until there is room for the change. A worker that was stopped during a read holds freed
+// pages until the supervisor kills it.
 void IndexedStore::BeginWrite(std::size_t tokens_changed) {
   const std::uint64_t pages = kForChange + tokens_changed * kForEach;
-  if (write) throw std::logic_error("a change within a change");
+  if (write) throw std::logic_error("a change is already in progress");
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   slot.activity = Activity::kWaitingForStore;
   for (bool held = true;; std::this_thread::sleep_for(kPause)) {
@@ -59,7 +59,7 @@ void IndexedStore::BeginWrite(std::size_t tokens_changed) {
     if (room.Has(pages)) break;
     write.reset();
     if (!held || std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error("no room for a change; full is " + room.Shortage());
+      throw std::runtime_error("no room for a change: " + room.Shortage());
     }
     held = room.ReadersHoldPages();
     database.ClearDeadReaders();
@@ -73,19 +73,20 @@ MDB_txn* IndexedStore::Write() {
   if (!write) {
     if (!changing) throw std::logic_error("no change has begun");
     changing_process = IdentifyProcess(changer.credential.pid);
+    if (!IsPeerAlive(changer.connection)) changing_process.reset();
     BeginWrite(1);
   }
   return write.get();
 }
 
-// A large record may find no row of free pages, and the file cannot grow: LMDB then reports a short
-// write, which sounds like a broken disk.
+// If a large record finds no row of free pages and the file cannot grow, LMDB reports a short
+// write, which looks like a failing disk.
 void IndexedStore::CommitWrite() {
   try {
     database.Commit(std::move(write));
   } catch (const std::runtime_error& error) {
     if (!room.IsShort()) throw;
-    throw std::runtime_error(std::string(error.what()) + "; full is " + room.Shortage());
+    throw std::runtime_error(std::string(error.what()) + ": " + room.Shortage());
   }
 }
 
@@ -128,8 +129,8 @@ void IndexedStore::Transfer(const Json::Value& data, const std::string& text) {
   const Json::Value& pid = MemberOrNull(data, "pid");
   const auto owner = IdentifyProcess(pid.isInt() ? pid.asInt() : 0);
   if (!owner) {
-    throw std::runtime_error("no living process has the number " + TextOf(pid) +
-                             ", to which the token was to be transferred");
+    throw std::runtime_error("no living process has the id " + TextOf(pid) +
+                             ", so the token was not transferred");
   }
   removed->header.SetOwner(*owner);
   tables.Replace(Write(), removed->token, removed->header, text);
@@ -145,7 +146,7 @@ bool IndexedStore::Fits(std::uint64_t bytes) {
 // Drops orphans of the user until `bytes` more are within the limits.
 void IndexedStore::MakeRoom(std::uint64_t bytes) {
   if (Fits(bytes)) return;
-  write.reset();  // nothing was changed yet, and the search takes its time
+  write.reset();  // nothing has changed yet, and the search is slow
   auto found = orphans.Find(database, tables, changer.credential.uid);
   found.resize(std::min(found.size(), kMostInChange));
   BeginWrite(found.size() + 1);
@@ -155,12 +156,12 @@ void IndexedStore::MakeRoom(std::uint64_t bytes) {
   }
   if (Fits(bytes)) return;
   const UserTotal total = tables.TotalOf(Write(), changer.credential.uid);
-  CommitWrite();  // what was dropped brings the next request closer
+  CommitWrite();  // keeps what was dropped, for the next request
   throw std::runtime_error(
       "user " + std::to_string(changer.credential.uid) + " holds " + std::to_string(total.tokens) +
       " of at most " + std::to_string(options.tokens_per_user) + " tokens, and " +
       std::to_string(total.bytes) + " of at most " +
-      std::to_string(options.bytes / options.users_share) + " bytes, and no orphans are left");
+      std::to_string(options.bytes / options.users_share) + " bytes, and no orphans were found");
 }
 
 void IndexedStore::ExpectRoomForToken() {
@@ -170,7 +171,7 @@ void IndexedStore::ExpectRoomForToken() {
                              " of " + std::to_string(options.bytes) + " bytes are used");
   }
   if (!room.Has(kLeftForOthers)) {
-    throw std::runtime_error("no room for a token; full is " + room.Shortage());
+    throw std::runtime_error("no room for a token: " + room.Shortage());
   }
 }
 
@@ -179,7 +180,7 @@ void IndexedStore::Remove(const std::string& token) {
   if (!record) return;
   if (!changing_process || record->header.Owner() != *changing_process ||
       !HadStarted(*changing_process, changer.accepted)) {
-    throw std::runtime_error("the peer has the number of the owner, but is another process");
+    throw std::runtime_error("the peer has the process id of the owner, but is another process");
   }
   removed = {token, record->header};
   changed_id = record->header.id;
@@ -201,7 +202,7 @@ Json::Value IndexedStore::GetAssociatedData(const std::string& token) {
   return data;
 }
 
-// The token may have been removed or transferred since it was looked at.
+// The token may have been removed or transferred since it was read.
 std::optional<Record> IndexedStore::FindSame(const Holding& holding, bool same_owner) {
   auto record = tables.Find(Write(), holding.token);
   if (!record || record->header.id != holding.header.id) return std::nullopt;

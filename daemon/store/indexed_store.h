@@ -16,19 +16,18 @@
 
 /// Keeps tokens in an LMDB file, which `StoreLock` has made and checked.
 ///
-/// Looking up takes no lock. Changes take turns, and are on the disk when `Commit` returns; what a
-/// worker did that is killed before that has not happened. Revoking works however full the store or
-/// its file system are.
+/// Looking up takes no lock. Changes take turns, and are on the disk when `Commit` returns; changes
+/// of a worker that is killed before that are rolled back. Revoking works even if the store or its
+/// file system is full.
 ///
-/// With each token the store keeps its owner as a process, by its start and the boot. Only the
-/// owner, if the peer is that very process, removes a token. Removing it and inserting it again in
-/// one change transfers it to the process that "pid" of the new data names: it keeps its id, its
-/// user and its age.
+/// The store identifies the owner of a token by process id, start time and boot. Only the owning
+/// process can remove a token. Removing a token and inserting it again in one change transfers it
+/// to the process that "pid" of the new data names. It keeps its id, user and age.
 ///
 /// Errors are `std::runtime_error`. A failed change can only be rolled back.
 class IndexedStore : public TokenStore {
  public:
-  /// Opens the existing file. `worker_slot` shows when this worker waits for others.
+  /// Opens the existing file. `worker_slot` shows when this worker waits for the store.
   IndexedStore(const StoreOptions& store_options, WorkerSlot& worker_slot);
 
   void Begin(const Peer& peer) override;
@@ -47,10 +46,10 @@ class IndexedStore : public TokenStore {
   void KeepHouse() override;
 
  private:
-  // Tokens that one change drops: it must find room in a full store too.
+  // Tokens that one change drops. Such a change must find room even in a full store.
   static constexpr std::size_t kMostInChange = 16;
 
-  // Ends a change of the store's own that failed.
+  // Rolls back a change that the store began itself and that failed.
   struct Rollbacker {
     IndexedStore& store;
     ~Rollbacker() { store.Rollback(); }
@@ -67,10 +66,10 @@ class IndexedStore : public TokenStore {
   std::string Text(MDB_txn* transaction, const std::string& token) const;
   std::optional<Record> FindSame(const Holding& holding, bool same_owner);
   bool EraseIfSame(const Holding& holding, bool same_owner);
-  bool NeedsCare(const RecordHeader& header, Judge& judge) const;
-  void Tend(const Holding& holding);
+  bool NeedsUpdate(const RecordHeader& header, Judge& judge) const;
+  void DropOrMark(const Holding& holding);
 
-  // Calls `change` for each token, a few of them in one transaction.
+  // Calls `change` for each token, a few per transaction.
   using Changer = std::function<void(const Holding& holding)>;
   void ChangeEach(std::span<const Holding> holdings, const Changer& change);
 
@@ -87,5 +86,5 @@ class IndexedStore : public TokenStore {
   std::optional<ProcessIdentity> changing_process;
   std::optional<Holding> removed;  // carried out by `Commit`, unless the token is inserted again
   std::uint64_t changed_id = 0;
-  std::uint64_t tended = 0;  // the id up to which `KeepHouse` has come
+  std::uint64_t last_examined = 0;  // the id up to which `KeepHouse` has come
 };

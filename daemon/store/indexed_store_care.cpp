@@ -1,4 +1,4 @@
-// The part of the indexed store that looks after the tokens there are.
+// The part of the indexed store that lists, drops and expires tokens.
 #include <algorithm>
 
 #include "indexed_store.h"
@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr std::size_t kTended = 4096;       // tokens that one call looks at
-constexpr std::size_t kTendedAtOnce = 256;  // before it looks whether it has taken long
+constexpr std::size_t kExamined = 4096;       // tokens examined per call
+constexpr std::size_t kExaminedAtOnce = 256;  // tokens examined before it checks the time
 
 }  // namespace
 
@@ -38,28 +38,28 @@ Json::Value IndexedStore::GetStatistics() {
   return statistics;
 }
 
-// Goes through all tokens, a few thousand a call, and begins again.
+// Goes through all tokens, a few thousand per call, and then starts over.
 void IndexedStore::KeepHouse() {
   database.ClearDeadReaders();
   if (options.max_age.count() == 0 && options.drop_orphans_after.count() == 0) return;
   Judge judge;
-  for (std::size_t seen = 0; seen < kTended && !judge.IsTired(); seen += kTendedAtOnce) {
-    auto holdings = NextHoldings(database, tables, std::nullopt, tended, kTendedAtOnce);
-    tended = holdings.size() < kTendedAtOnce ? 0 : holdings.back().header.id;
-    std::erase_if(holdings, [&](const Holding& each) { return !NeedsCare(each.header, judge); });
-    ChangeEach(holdings, [&](const Holding& each) { Tend(each); });
-    if (tended == 0) return;
+  for (std::size_t seen = 0; seen < kExamined && !judge.IsTired(); seen += kExaminedAtOnce) {
+    auto holdings = NextHoldings(database, tables, std::nullopt, last_examined, kExaminedAtOnce);
+    last_examined = holdings.size() < kExaminedAtOnce ? 0 : holdings.back().header.id;
+    std::erase_if(holdings, [&](const Holding& each) { return !NeedsUpdate(each.header, judge); });
+    ChangeEach(holdings, [&](const Holding& each) { DropOrMark(each); });
+    if (last_examined == 0) return;
   }
 }
 
-bool IndexedStore::NeedsCare(const RecordHeader& header, Judge& judge) const {
+bool IndexedStore::NeedsUpdate(const RecordHeader& header, Judge& judge) const {
   if (IsGone(header, options)) return true;
   return options.drop_orphans_after.count() > 0 && header.orphaned.wall_time == 0 &&
          judge.IsOrphan(header);
 }
 
-// Drops a token whose time has come, and notes of another one that it is an orphan.
-void IndexedStore::Tend(const Holding& holding) {
+// Drops an expired token, or marks a token as an orphan.
+void IndexedStore::DropOrMark(const Holding& holding) {
   if (IsGone(holding.header, options)) {
     EraseIfSame(holding, !IsTooOld(holding.header, options));
   } else if (const auto record = FindSame(holding, true)) {

@@ -12,7 +12,7 @@ using ZELT::TokenManager::TextOf;
 
 namespace {
 
-// A page takes some milliseconds at most, in which its worker serves nobody else.
+// These keep a page to a few milliseconds, in which its worker serves nobody else.
 constexpr std::size_t kMostRows = 100;
 constexpr std::size_t kMostSeen = 1024;             // tokens
 constexpr std::size_t kMostTextBytes = 256U << 10;  // of the rows' records
@@ -24,10 +24,10 @@ struct Entry {
   std::string text;
 };
 
-// What is found in one read of the store.
+// The result of one read transaction.
 struct Pick {
   std::vector<Entry> entries;
-  std::uint64_t last = 0;  // id that was looked at
+  std::uint64_t last = 0;  // id that was examined
   bool full = false;       // there may be more
 };
 

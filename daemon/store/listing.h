@@ -1,4 +1,4 @@
-// What an administrator sees of the indexed store, in pages.
+// Lists of the indexed store for administrators, in pages.
 #pragma once
 
 #include <vector>
@@ -6,15 +6,15 @@
 #include "token_store.h"
 #include "user_limits.h"
 
-/// A page of tokens: its rows, and the tokens that these are of.
+/// A page of tokens, as rows and as the tokens themselves.
 struct Selection {
   std::vector<Holding> holdings;
   Page page;
 };
 
-/// As of `TokenStore::List`.
+/// See `TokenStore::List`.
 Selection SelectTokens(Database& database, const Tables& tables, const TokenFilter& filter,
                        std::uint64_t after);
 
-/// As of `TokenStore::Usage`.
+/// See `TokenStore::Usage`.
 Page ListUsage(Database& database, const Tables& tables, std::uint64_t after);

@@ -11,14 +11,14 @@
 using ZELT::TokenManager::LRUCacheStorage;
 
 void CheckStore(const StoreOptions& options) {
-  if (options.format == StoreFormat::kText) return;  // damaged lines are passed over
+  if (options.format == StoreFormat::kText) return;  // it skips damaged lines
   try {
     Database database(options.path, MapBytes(options), Database::Use::kCheck);
     const Tables tables(database, false);
     tables.Check(Database::ReadScope(database).Get());
   } catch (const std::exception& error) {
     throw std::runtime_error(options.path + " is damaged, or not a store of this daemon: " +
-                             error.what() + ". Move it away to begin with an empty store");
+                             error.what() + ". Move it away to start with an empty store");
   }
 }
 

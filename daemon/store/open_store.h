@@ -1,4 +1,4 @@
-// How the daemon comes to its store.
+// Checking and opening the store.
 #pragma once
 
 #include <memory>
@@ -8,17 +8,17 @@
 #include "store_options.h"
 #include "token_store.h"
 
-/// What a `TokenManager` works on.
+/// The store and cache of a `TokenManager`.
 struct OpenedStore {
   std::shared_ptr<TokenStore> store;
   std::shared_ptr<ZELT::TokenManager::CacheStorage> cache;  ///< empty for the indexed store
 };
 
-/// Reads the whole store, of which the caller holds the lock, before any worker opens it. Throws
-/// `std::runtime_error` with what is wrong and what to do. To be run in a process of its own: a
-/// damaged file, or a disk that cannot be read, may end it by a signal.
+/// Reads and checks the whole store. The caller must hold the lock, and no worker may have opened
+/// the store. Throws `std::runtime_error` with what is wrong and what to do. Run this in a separate
+/// process: a damaged file or an unreadable disk may kill it with a signal.
 void CheckStore(const StoreOptions& options);
 
-/// Opens the store for this worker, after fork(2), once in a process. `lock` is the supervisor's.
+/// Opens the store for this worker, after fork(2) and once per process. `lock` is the supervisor's.
 /// `slot` must outlive the store. Throws `std::runtime_error`.
 OpenedStore OpenStore(const StoreOptions& options, const StoreLock& lock, WorkerSlot& slot);

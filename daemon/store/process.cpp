@@ -1,18 +1,25 @@
 #include "process.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <csignal>
 #include <stdexcept>
 #include <string_view>
 
+#include "owned_descriptor.h"
+
+using ZELT::TokenManager::OwnedDescriptor;
+
 namespace {
 
-// Reads a small file of proc(5), which gives all of it at once; "" when it cannot be read.
+// Returns the contents of a small file of proc(5), which a single read(2) returns, or "" if it
+// cannot be read.
 std::string ReadProcFile(const std::string& path) {
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) return {};
@@ -24,14 +31,14 @@ std::string ReadProcFile(const std::string& path) {
 
 std::string ReadStatus(pid_t pid) { return ReadProcFile("/proc/" + std::to_string(pid) + "/stat"); }
 
-// Whether `pid` is the number of a process, be it a zombie. Other than kill(2), tgkill(2) does not
-// take a thread's number for its process's.
+// Returns whether `pid` is the id of a process, which may be a zombie. Unlike kill(2), this call to
+// tgkill(2) fails for the id of a thread that does not lead its process.
 bool IsProcess(pid_t pid) {
   return pid > 0 && (syscall(SYS_tgkill, pid, pid, 0) == 0 || errno == EPERM);
 }
 
-// Returns the field of proc_pid_stat(5) with this number, 3 or greater, "" when there is none. The
-// name before it may hold spaces and brackets.
+// Returns the field of proc_pid_stat(5) with this number, 3 or greater, or "" if there is none. The
+// name before it may contain spaces and parentheses.
 std::string_view Field(std::string_view status, int number) {
   std::string_view fields = status.substr(std::min(status.rfind(')'), status.size()));
   for (int i = 2; i < number; ++i)
@@ -46,7 +53,7 @@ std::uint64_t NumberField(std::string_view status, int number) {
   return value;
 }
 
-// A process whose first thread has ended shows the state of a zombie as long as others run.
+// A process whose first thread has ended has the state of a zombie while other threads run.
 bool IsZombie(std::string_view status) {
   const std::string_view state = Field(status, 3);
   return (state == "Z" || state == "X") && NumberField(status, 20) <= 1;
@@ -98,9 +105,26 @@ bool HadStarted(const ProcessIdentity& process, std::chrono::nanoseconds time) {
   return static_cast<std::int64_t>(process.start) * tick <= time;
 }
 
+bool IsPeerAlive(int connection) {
+  constexpr int kPeerPidFd = 77;  // SO_PEERPIDFD, which older headers lack
+  int descriptor = -1;
+  socklen_t length = sizeof descriptor;
+  if (getsockopt(connection, SOL_SOCKET, kPeerPidFd, &descriptor, &length) != 0) {
+    return errno != ESRCH && errno != EINVAL;
+  }
+  const OwnedDescriptor process(descriptor);
+  pollfd ended{.fd = process.Get(), .events = POLLIN, .revents = 0};
+  return poll(&ended, 1, 0) == 0;  // pidfd_open(2)
+}
+
 std::string ProcessName(pid_t pid) {
   const std::string status = ReadStatus(pid);
   const std::size_t begin = status.find('(');
   const std::size_t end = status.rfind(')');
-  return end == status.npos ? "" : status.substr(begin + 1, end - begin - 1);
+  if (end == status.npos) return "";
+  std::string name = status.substr(begin + 1, end - begin - 1);
+  // A process gives itself any name, and what is not UTF-8 is not JSON either.
+  std::replace_if(
+      name.begin(), name.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  return name;
 }

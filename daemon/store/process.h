@@ -1,4 +1,4 @@
-// Processes as owners of tokens: a number alone would pass to whoever gets it next.
+// Identities of processes, which own tokens. A process id is not enough, since it is reused.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@ using BootId = std::array<unsigned char, 16>;
 /// /proc/sys/kernel/random/boot_id. Throws `std::runtime_error` when it cannot be read.
 const BootId& CurrentBoot();
 
-/// Identifies a process for as long as the machine is up, and afterwards as one that is gone.
+/// Identifies a process uniquely, even after a reboot.
 struct ProcessIdentity {
   pid_t pid = 0;
   std::uint64_t start = 0;  ///< clock ticks since boot, field 22 of proc_pid_stat(5)
@@ -23,15 +23,21 @@ struct ProcessIdentity {
   bool operator==(const ProcessIdentity&) const = default;
 };
 
-/// Returns the identity of the living process `pid`; none when there is no such process, when it is
-/// a thread's number, or a zombie. Throws `std::runtime_error` when /proc does not tell.
+/// Returns the identity of the living process `pid`, or none if there is no such process, if it is
+/// a zombie, or if `pid` is the id of a thread. Throws `std::runtime_error` if /proc cannot be
+/// read.
 std::optional<ProcessIdentity> IdentifyProcess(pid_t pid);
 
-/// Whether the process lives. True when /proc does not tell.
+/// Returns whether the process is alive; true if /proc cannot be read.
 bool IsAlive(const ProcessIdentity& process);
 
-/// Whether the process had started by `time`, a reading of CLOCK_BOOTTIME; exact to a clock tick.
+/// Returns whether the process had started by `time` (CLOCK_BOOTTIME), exact to a clock tick.
 bool HadStarted(const ProcessIdentity& process, std::chrono::nanoseconds time);
 
-/// The name of the living process `pid` (field 2 of proc_pid_stat(5)), or "".
+/// Returns whether the process that made the connection is alive; true on kernels before 6.5, which
+/// do not say (SO_PEERPIDFD). While it waited to be accepted, another process may have got its id.
+bool IsPeerAlive(int connection);
+
+/// Returns the name of the living process `pid` (field 2 of proc_pid_stat(5)) in
+/// printable ASCII, or "".
 std::string ProcessName(pid_t pid);

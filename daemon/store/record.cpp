@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::uint64_t kPage = 4096;
-constexpr std::uint64_t kLargestInPage = 2000;  // bytes; larger ones have pages of their own
+constexpr std::uint64_t kLargestInPage = 2000;  // bytes; larger records get their own pages
 constexpr std::uint64_t kTables = 160;          // bytes in the other tables
 constexpr std::int64_t kSecond = 1'000'000'000;
 
@@ -24,7 +24,7 @@ Moment Now() { return {Read(CLOCK_BOOTTIME), Read(CLOCK_REALTIME), CurrentBoot()
 std::chrono::nanoseconds Age(const Moment& moment) {
   const std::int64_t up = Read(CLOCK_BOOTTIME);
   if (moment.boot == CurrentBoot()) return std::chrono::nanoseconds(up - moment.boot_time);
-  // It is at least as old as this boot, whatever was done to the clock.
+  // It is at least as old as this boot, even if the clock was changed.
   return std::chrono::nanoseconds(std::max(up, Read(CLOCK_REALTIME) - moment.wall_time));
 }
 
@@ -37,7 +37,7 @@ void RecordHeader::SetOwner(const ProcessIdentity& owner) {
 
 Record DecodeRecord(std::string_view bytes) {
   Record record;
-  if (bytes.size() < sizeof(RecordHeader)) throw std::runtime_error("a record is cut off");
+  if (bytes.size() < sizeof(RecordHeader)) throw std::runtime_error("a record is truncated");
   std::memcpy(&record.header, bytes.data(), sizeof(RecordHeader));
   bytes.remove_prefix(sizeof(RecordHeader));
   if (bytes.size() != std::uint64_t{record.header.service_size} + record.header.text_size) {

@@ -1,4 +1,4 @@
-// What the indexed store keeps of a token, and how it lies in the file.
+// The indexed store's record of a token, and its format in the file.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +11,7 @@
 
 #include "process.h"
 
-/// A point in time that has a meaning after a reboot too.
+/// A point in time that is still meaningful after a reboot.
 struct Moment {
   std::int64_t boot_time = 0;  ///< CLOCK_BOOTTIME in nanoseconds
   std::int64_t wall_time = 0;  ///< CLOCK_REALTIME in nanoseconds; 0: never
@@ -20,15 +20,15 @@ struct Moment {
 
 Moment Now();
 
-/// The time since `moment`, by the clock that nobody sets unless the machine was booted since.
+/// Returns the time since `moment`, by CLOCK_BOOTTIME or, after a reboot, by the wall clock.
 std::chrono::nanoseconds Age(const Moment& moment);
 
-/// The fixed part of a record, as it lies in the file.
+/// The fixed part of a record, as stored in the file.
 struct RecordHeader {
   std::uint64_t id = 0;
   std::uint64_t owner_start = 0;
   pid_t owner_pid = 0;
-  uid_t uid = 0;  ///< who had the token issued
+  uid_t uid = 0;  ///< the user who requested the token
   std::uint32_t service_size = 0;
   std::uint32_t text_size = 0;
   BootId owner_boot{};
@@ -39,20 +39,22 @@ struct RecordHeader {
   void SetOwner(const ProcessIdentity& owner);
 };
 static_assert(std::is_trivially_copyable_v<RecordHeader>);
-static_assert(std::has_unique_object_representations_v<RecordHeader>);  // nothing unset is written
+static_assert(
+    std::has_unique_object_representations_v<RecordHeader>);  // no uninitialized bytes are written
 
-/// A record in the file: valid until the transaction in which it was read ends or changes anything.
+/// A view of a record in the file, valid until the transaction that read it ends or changes
+/// anything.
 struct Record {
   RecordHeader header;
   std::string_view service;
   std::string_view text;  ///< the associated data
 };
 
-/// Throws `std::runtime_error` for what is no record.
+/// Throws `std::runtime_error` if `bytes` are not a record.
 Record DecodeRecord(std::string_view bytes);
 
 std::string EncodeRecord(RecordHeader header, std::string_view service, std::string_view text);
 
-/// How much of the file a record takes up, about: with its part of the tables beside it, and of the
-/// pages that are never all full.
+/// Returns roughly how many bytes of the file a record uses, including its entries in the other
+/// tables and its share of unused space in pages.
 std::uint64_t Footprint(std::string_view token, const Record& record);

@@ -5,18 +5,17 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <sstream>
 
 namespace {
 
-// Pages that are taken ahead: 2 MiB. When half of them are used, more are taken.
+// Pages allocated ahead of need: 2 MiB. More are allocated when half of them are used.
 constexpr std::uint64_t kAhead = 512;
-constexpr std::size_t kMostLists = 256;    // of free pages that are looked at
+constexpr std::size_t kMostLists = 256;    // of free pages, examined per search
 constexpr std::chrono::seconds kPause{1};  // after growing failed
-constexpr const char* kWhat = "look for room in the store";
+constexpr const char* kWhat = "find room in the store";
 
-// A line of mdb_reader_list: process, thread, and the commit that it reads, "-" for none.
+// Reads a line of mdb_reader_list: process, thread, and the commit that it reads, or "-" for none.
 int NoteOldest(const char* line, void* oldest) {
   std::istringstream fields(line);
   std::string process;
@@ -41,7 +40,7 @@ bool Room::Has(std::uint64_t pages) {
 
 bool Room::ReadersHoldPages() { return OldestRead() < database.LastCommit(); }
 
-// Looks at the file itself, since other workers make it grow too.
+// Asks the file system, since other workers extend the file too.
 std::uint64_t Room::AllocatedPages() const {
   struct stat status {};
   Expect(fstat(database.File(), &status) == 0 ? 0 : errno, kWhat);
@@ -55,7 +54,8 @@ std::uint64_t Room::SparePages() const {
   return allocated > used ? allocated - used : 0;
 }
 
-// A full file system is not asked again and again: some take all that is left before they fail.
+// A full file system is not asked repeatedly, because some allocate all that is left before they
+// fail.
 void Room::Grow(std::uint64_t pages_ahead) {
   const auto now = std::chrono::steady_clock::now();
   const std::uint64_t allocated = AllocatedPages();
@@ -68,8 +68,8 @@ void Room::Grow(std::uint64_t pages_ahead) {
   if (growth_error != 0) next_growth = now + kPause;
 }
 
-// LMDB lists the pages that each commit freed. They can be used again when nobody reads what was
-// before that commit, nor the commit before the next.
+// LMDB lists the pages that each commit freed. They can be reused if the commit is older than the
+// last one and than any that is being read.
 std::uint64_t Room::ReusablePages(std::uint64_t enough) {
   const std::uint64_t oldest = OldestRead();
   const Database::ReadScope scope(database);
@@ -97,7 +97,7 @@ std::uint64_t Room::OldestRead() {
 
 std::string Room::Shortage() const {
   const std::string size = std::to_string(AllocatedPages() * database.PageBytes()) + " bytes";
-  if (growth_error == 0) return "its file is as large as it may become, " + size;
-  return std::string("its file system or quota: the file cannot grow beyond ") + size + ": " +
-         std::strerror(growth_error);
+  if (growth_error == 0) return "the store's file has reached its maximum of " + size;
+  return std::string("the file system or quota does not let the store's file grow beyond ") + size +
+         ": " + std::strerror(growth_error);
 }

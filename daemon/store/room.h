@@ -1,5 +1,5 @@
-// Room in the store's file. LMDB writes a change to free pages and frees the old ones two commits
-// later, so that removing something takes room too.
+// Room in the store's file. LMDB writes a change to free pages and reuses the old pages two commits
+// later, so even removing a token takes room.
 #pragma once
 
 #include <chrono>
@@ -8,23 +8,23 @@
 
 #include "database.h"
 
-/// Sees to it that there is always room for tokens to be revoked: the file's space is taken from
-/// the file system ahead of need, and what is left at the end is not used for new tokens.
+/// Ensures that there is always room to revoke tokens. Space is allocated from the file system
+/// ahead of need, and the last of it is not used for new tokens.
 class Room {
  public:
   explicit Room(Database& store_database);
 
-  /// Whether a change that begins now finds `pages` pages. Takes more space from the file system
-  /// where that is needed and can be had.
+  /// Returns whether a change that begins now finds `pages` pages. Allocates more space if needed
+  /// and possible.
   bool Has(std::uint64_t pages);
 
-  /// Whether a reader keeps freed pages from being used again.
+  /// Returns whether a reader keeps freed pages from being reused.
   bool ReadersHoldPages();
 
-  /// Whether the file system refused more space.
+  /// Returns whether the file system refused more space.
   bool IsShort() const { return growth_error != 0; }
 
-  /// Why the file cannot grow, with numbers.
+  /// Returns why the file cannot grow, with numbers.
   std::string Shortage() const;
 
  private:

@@ -35,7 +35,8 @@ void Expect(bool done, const std::string& what) {
   if (!done) ThrowFailure(what);
 }
 
-// The status of the path itself, which may be a symbolic link.
+// Returns the status of the path itself, which may be a symbolic link, or none if it does not
+// exist.
 std::optional<struct stat> StatusOf(const fs::path& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) == 0) return status;
@@ -48,41 +49,41 @@ void Sync(const fs::path& directory) {
   Expect(file.IsOpen() && fsync(file.Get()) == 0, "cannot sync " + directory.string());
 }
 
-// A directory in whose way others could put something else. In one with the sticky bit they can
-// only where nothing is yet.
+// Throws if others could replace what is in the directory. With the sticky bit they can only add to
+// it.
 void ExpectSafe(const fs::path& path, bool last) {
   const auto status = StatusOf(path);
   if (!status) return;
   if (status->st_uid != 0 && status->st_uid != geteuid()) {
     throw std::runtime_error(path.string() + " belongs to user " + std::to_string(status->st_uid) +
-                             "; name a store below directories of root or of the daemon");
+                             "; choose a store below directories of root or the daemon's user");
   }
   const bool sticky = !last && (status->st_mode & S_ISVTX) != 0;
   if (!S_ISLNK(status->st_mode) && (status->st_mode & kOthersWrite) != 0 && !sticky) {
-    throw std::runtime_error(path.string() + " may be written by others than its owner; " +
-                             "give the store a directory of its own, or take that right away");
+    throw std::runtime_error(path.string() + " is writable by users other than its owner; " +
+                             "use a separate directory for the store, or remove that permission");
   }
 }
 
-void ExpectSafeWay(const fs::path& directory) {
-  fs::path way;
+void ExpectSafePath(const fs::path& directory) {
+  fs::path part;
   for (const fs::path& name : directory) {
-    way /= name;
-    ExpectSafe(way, way == directory);
+    part /= name;
+    ExpectSafe(part, part == directory);
   }
 }
 
-// Both the path as it was given, with its symbolic links, and where it leads.
+// Checks both the path as given, with its symbolic links, and the path that it resolves to.
 void ExpectSafeDirectory(const fs::path& directory) {
-  ExpectSafeWay(directory);
-  if (fs::exists(directory)) ExpectSafeWay(fs::canonical(directory));
+  ExpectSafePath(directory);
+  if (fs::exists(directory)) ExpectSafePath(fs::canonical(directory));
 }
 
 void MakeDirectory(const fs::path& directory, mode_t mode) {
   if (fs::exists(directory)) return;
   MakeDirectory(directory.parent_path(), S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH);
-  Expect(mkdir(directory.c_str(), S_IRWXU) == 0, "cannot make " + directory.string());
-  Expect(chmod(directory.c_str(), mode) == 0, directory);  // whatever the umask
+  Expect(mkdir(directory.c_str(), S_IRWXU) == 0, "cannot create " + directory.string());
+  Expect(chmod(directory.c_str(), mode) == 0, directory);  // regardless of the umask
   Sync(directory.parent_path());
 }
 
@@ -90,21 +91,21 @@ fs::path DirectoryOf(const std::string& path) {
   return fs::absolute(path).lexically_normal().parent_path();
 }
 
-// What JsonFileStorage uses is a directory to which it gives this mode. One that has it already,
-// and is ours, was made by it; another one would be changed.
+// JsonFileStorage gives its directory this mode. A directory of this user that has the mode already
+// was made by it; the mode of any other directory would be changed.
 void PrepareTextDirectory(const fs::path& directory) {
   constexpr mode_t kMode = S_IWUSR | S_IXUSR;
   const auto status = StatusOf(directory);
   if (!status) return MakeDirectory(directory, kMode);
   if (status->st_uid != geteuid() || (status->st_mode & ALLPERMS) != kMode) {
     throw std::runtime_error(directory.string() +
-                             " was not made by the text store, which would change its mode; " +
-                             "name a store in a directory that does not exist yet");
+                             " was not created by the text store, which would change its mode; " +
+                             "choose a store in a directory that does not exist yet");
   }
 }
 
-// Without it btrfs writes each page to a new place, for which a full file system has no room.
-// Others do not know it.
+// Without this flag, btrfs writes each page to a new place, which a full file system does not have.
+// Other file systems do not support the flag.
 void WriteInPlace(int file) {
   int flags = 0;
   if (ioctl(file, FS_IOC_GETFLAGS, &flags) != 0) return;
@@ -112,11 +113,12 @@ void WriteInPlace(int file) {
   [[maybe_unused]] const int ignored = ioctl(file, FS_IOC_SETFLAGS, &flags);
 }
 
-// The file gets its name when it is whole. LMDB would take an empty one for a new store.
+// The file gets its name only when it is complete, because LMDB takes an empty file for a new
+// store.
 void MakeStore(const fs::path& path, const fs::path& directory, const StoreOptions& options) {
   const OwnedDescriptor file(
       open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  Expect(file.IsOpen(), "cannot make a file in " + directory.string());
+  Expect(file.IsOpen(), "cannot create a file in " + directory.string());
   const std::string name = "/proc/self/fd/" + std::to_string(file.Get());
   WriteInPlace(file.Get());
   {
@@ -125,29 +127,29 @@ void MakeStore(const fs::path& path, const fs::path& directory, const StoreOptio
   }
   Expect(fsync(file.Get()) == 0, "cannot sync " + path.string());
   const int linked = linkat(AT_FDCWD, name.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
-  Expect(linked == 0 || errno == EEXIST, "cannot make " + path.string());
+  Expect(linked == 0 || errno == EEXIST, "cannot create " + path.string());
   Sync(directory);
 }
 
 void ExpectOwnFile(const fs::path& path, const struct stat& status, mode_t forbidden) {
-  if (!S_ISREG(status.st_mode)) throw std::runtime_error(path.string() + " is no regular file");
+  if (!S_ISREG(status.st_mode)) throw std::runtime_error(path.string() + " is not a regular file");
   if (status.st_uid == geteuid() && (status.st_mode & forbidden) == 0) return;
   throw std::runtime_error(path.string() +
                            " belongs to another user or is open to others, who may know " +
-                           "its tokens; move it away, or name another store");
+                           "its tokens; move it away, or choose another store");
 }
 
-// LMDB's own lock file is written through a mapping, where no room means SIGBUS. Made beforehand,
-// it has all its blocks.
+// LMDB writes its lock file through a mapping, where a full file system raises SIGBUS. So all its
+// blocks are allocated beforehand.
 void PrepareLockFile(const std::string& path) {
-  constexpr off_t kBytes = 64 << 10;  // some thousand readers, more than there are workers
+  constexpr off_t kBytes = 64 << 10;  // about a thousand readers, more than there are workers
   if (const auto status = StatusOf(path)) ExpectOwnFile(path, *status, S_IRWXG | S_IRWXO);
   const OwnedDescriptor file(
       open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   Expect(file.IsOpen(), "cannot open " + path);
   if (lseek(file.Get(), 0, SEEK_END) == 0) WriteInPlace(file.Get());
   errno = posix_fallocate(file.Get(), 0, kBytes);
-  Expect(errno == 0, "cannot make room for " + path);
+  Expect(errno == 0, "cannot allocate space for " + path);
 }
 
 bool Lock(int file, std::chrono::milliseconds patience) {
@@ -172,11 +174,11 @@ StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds pati
     MakeDirectory(directory, is_public ? S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH : S_IRWXU);
   }
   ExpectSafeDirectory(directory);
-  // Nobody but its owner comes into the text store's directory.
+  // Only its owner can enter the text store's directory, so there the file's mode does not matter.
   const auto status = StatusOf(options.path);
   if (status) ExpectOwnFile(options.path, *status, text ? 0 : S_IRWXG | S_IRWXO);
 
-  // The text store's own lock is a record lock on the same file, and independent of this one.
+  // JsonFileStorage uses a record lock on the same file, which is independent of this lock.
   path = text ? options.path + ".lock" : options.path;
   if (!text && !status) MakeStore(path, directory, options);
   const int create = text ? O_CREAT : 0;

@@ -1,5 +1,4 @@
-// Where the store lies: its directory and its file, which nobody else may touch, nor may another
-// daemon use them at the same time.
+// The store's directory and file, which must belong to this daemon alone.
 #pragma once
 
 #include <chrono>
@@ -9,18 +8,19 @@
 #include "owned_descriptor.h"
 #include "store_options.h"
 
-/// Makes what is missing of the store's directory and file, and checks what is there. Nothing is
-/// deleted, and no mode is changed of what was there before.
+/// Creates the store's directory and file if they are missing, checks them, and locks the file.
+/// Deletes nothing, and does not change the mode of existing files.
 ///
-/// The supervisor holds it as long as the daemon lives; processes forked meanwhile hold it too.
+/// The supervisor holds the lock as long as the daemon runs; the processes that it forks hold it
+/// too.
 class StoreLock {
  public:
-  /// `patience` is for the workers of an earlier daemon to end. Throws `std::runtime_error` with
-  /// what is wrong, and what to do.
+  /// `patience` gives the workers of an earlier daemon time to end. Throws `std::runtime_error`
+  /// with what is wrong, and what to do.
   explicit StoreLock(const StoreOptions& options,
                      std::chrono::milliseconds patience = std::chrono::seconds(5));
 
-  /// Throws unless the file is still the one at its path: other workers use that.
+  /// Throws unless the path still names the locked file, which the other workers use.
   void ExpectSameFile() const;
 
  private:
@@ -28,8 +28,8 @@ class StoreLock {
   ZELT::TokenManager::OwnedDescriptor file;
 };
 
-/// How large the file of the indexed store may become. Twice of what new tokens may take: changes
-/// find room while a reader that was stopped keeps freed pages from being used again.
+/// Returns the maximum size of the indexed store's file. It is twice what new tokens may use, so
+/// that changes find room while a stopped reader keeps freed pages from being reused.
 constexpr std::uint64_t MapBytes(const StoreOptions& options) {
   return 2 * options.bytes + (16U << 20);
 }

@@ -22,7 +22,7 @@ std::string BigEndian(Number number) {
 
 template <typename Number>
 Number FromBigEndian(std::string_view bytes) {
-  if (bytes.size() < sizeof(Number)) throw std::runtime_error("a number is cut off");
+  if (bytes.size() < sizeof(Number)) throw std::runtime_error("a number is truncated");
   Number number = 0;
   for (std::size_t i = 0; i < sizeof(Number); ++i) {
     number = static_cast<Number>(number << 8) | static_cast<unsigned char>(bytes[i]);
@@ -97,7 +97,7 @@ Tables::Tables(Database& database, bool made) {
   if (!complete || Get(begun, meta, kFormatKey) != kFormat) {
     throw std::runtime_error("it is the database of another program, or of another version");
   }
-  Expect(mdb_txn_commit(transaction.release()), kWhat);  // the tables stay open only so
+  Expect(mdb_txn_commit(transaction.release()), kWhat);  // this keeps the tables open
 }
 
 std::optional<Record> Tables::Find(MDB_txn* transaction, std::string_view token) const {
@@ -147,7 +147,7 @@ std::uint64_t Tables::CountTokens(MDB_txn* transaction) const {
 std::uint64_t Tables::UsedPages(MDB_txn* transaction) const {
   constexpr MDB_dbi kFreePages = 0;  // the two tables of LMDB itself
   constexpr MDB_dbi kNames = 1;
-  std::uint64_t pages = 2;  // that say which commit counts
+  std::uint64_t pages = 2;  // LMDB's meta pages
   for (const MDB_dbi table : {kFreePages, kNames, tokens, ids, users, usage, meta}) {
     const MDB_stat stat = StatOf(transaction, table);
     pages += stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages;
@@ -198,14 +198,14 @@ void Tables::Erase(MDB_txn* transaction, const std::string& token) const {
   const auto record = Find(transaction, token);
   if (!record) throw std::runtime_error("the record to be erased is gone");
   const RecordHeader header = record->header;
-  AddUsage(transaction, token, *record, false);  // the last use of what the record points to
+  AddUsage(transaction, token, *record, false);  // later changes invalidate the record
   Delete(transaction, users, UserKey(header.uid, header.id));
   Delete(transaction, ids, BigEndian(header.id));
   Delete(transaction, tokens, token);
 }
 
-// Each record has its entries in the other tables; there being as many of them, they have no
-// others.
+// Checks that each record has its entries in the other tables, and that these have no more entries
+// than that.
 void Tables::Check(MDB_txn* transaction) const {
   const std::uint64_t count = CountTokens(transaction);
   const std::uint64_t last_id = LastId(transaction);
@@ -218,7 +218,7 @@ void Tables::Check(MDB_txn* transaction) const {
     if (++seen > count || token <= last_token || id > last_id || record.text.empty() ||
         Get(transaction, ids, BigEndian(id)) != token ||
         !Get(transaction, users, UserKey(record.header.uid, id))) {
-      throw std::runtime_error("its tables do not fit together");
+      throw std::runtime_error("its tables are inconsistent");
     }
     UserTotal& total = totals[BigEndian(record.header.uid).append(record.service)];
     ++total.tokens;

@@ -9,14 +9,13 @@
 #include "database.h"
 #include "record.h"
 
-/// What a user holds, of one service or of all.
+/// The tokens that a user holds, of one service or of all.
 struct UserTotal {
   std::uint64_t tokens = 0;
   std::uint64_t bytes = 0;  ///< of `Footprint`
 };
 
-/// Numbers of a table lie in the file with their first byte first, so that their order is that of
-/// the bytes.
+/// Numbers in keys are big-endian, so that the order of the bytes is the order of the numbers.
 ///
 ///   tokens   token -> record
 ///   ids      id -> token
@@ -24,10 +23,11 @@ struct UserTotal {
 ///   usage    uid, name of the service -> UserTotal
 ///   meta     "format" -> text, "last id" -> the greatest id that was ever given
 ///
-/// Errors are `std::runtime_error`. After one within a write transaction, that can only be aborted.
+/// Errors are `std::runtime_error`. After an error, a write transaction can only be aborted.
 class Tables {
  public:
-  /// Opens the tables, and makes them first when `made`. Throws when this is no store of ours.
+  /// Opens the tables, or creates them if `made` is true. Throws if this is not a store of this
+  /// daemon.
   Tables(Database& database, bool made);
 
   std::optional<Record> Find(MDB_txn* transaction, std::string_view token) const;
@@ -46,20 +46,20 @@ class Tables {
 
   std::uint64_t CountTokens(MDB_txn* transaction) const;
 
-  /// The pages that the transaction's data take up.
+  /// Returns the number of pages in use, as the transaction sees them.
   std::uint64_t UsedPages(MDB_txn* transaction) const;
 
-  /// Adds a record under a new id, which it returns.
+  /// Adds a record under a new id, and returns the id.
   std::uint64_t Add(MDB_txn* transaction, const std::string& token, RecordHeader header,
                     std::string_view service, std::string_view text) const;
 
-  /// Puts another header and text in the place of a record's.
+  /// Replaces the header and the text of a record.
   void Replace(MDB_txn* transaction, const std::string& token, const RecordHeader& header,
                std::string_view text) const;
 
   void Erase(MDB_txn* transaction, const std::string& token) const;
 
-  /// Goes through everything. Throws what is wrong.
+  /// Checks all tables. Throws an error that says what is wrong.
   void Check(MDB_txn* transaction) const;
 
  private:

@@ -26,7 +26,8 @@ void EndLastLine(const std::string& path) {
   char last = '\n';
   if (size <= 0 || pread(file.Get(), &last, 1, size - 1) != 1 || last == '\n') return;
   if (write(file.Get(), "\n", 1) == 1) return;
-  throw std::system_error(errno, std::generic_category(), "cannot end a torn line of the store");
+  throw std::system_error(errno, std::generic_category(),
+                          "cannot complete an unfinished line of the store");
 }
 
 [[noreturn]] void Refuse() { throw std::runtime_error("the text store cannot do this"); }
@@ -48,7 +49,7 @@ void TextStore::Insert(const std::string& token, const Json::Value& data) {
   ExpectSmallToken(data, toString(data));
   const Json::Value& pid = MemberOrNull(data, "pid");
   if (!IdentifyProcess(pid.isInt() ? pid.asInt() : 0)) {
-    throw std::runtime_error("no living process has the number that is to own the token");
+    throw std::runtime_error("no living process has the id of the new owner");
   }
   if (removed == token) Commit();
   storage.Insert(token, data);

@@ -1,4 +1,4 @@
-// The store for those who want to read it: a text file, served by a single worker.
+// The human-readable store: a text file, served by a single worker.
 #pragma once
 
 #include <optional>
@@ -9,20 +9,20 @@
 
 /// A `JsonFileStorage` as the daemon uses it.
 ///
-/// Changes are not transactions. A removal is put off until `Commit`, or until the same token is
+/// Changes are not transactions. A removal is deferred until `Commit`, or until the same token is
 /// inserted again: a worker killed in between, or a disk that fills up there, loses the token.
-/// Owners are numbers of processes. What an administrator may ask is refused.
+/// Owners are process ids. Administrators' requests are refused.
 class TextStore : public TokenStore {
  public:
-  /// Ends a last line that a killed worker has left torn: the next record would become a part of
-  /// it. Throws what `JsonFileStorage` throws.
+  /// Ends a last line that a killed worker left incomplete, so that the next record does not become
+  /// a part of it. Throws what `JsonFileStorage` throws.
   explicit TextStore(const std::string& path);
 
   void Begin(const Peer& peer) override;
   void Commit() override;
   void Rollback() noexcept override;
 
-  /// There are no ids.
+  /// The text store has no ids.
   std::uint64_t ChangedId() const override { return 0; }
 
   void Insert(const std::string& token, const Json::Value& data) override;

@@ -17,21 +17,21 @@ constexpr unsigned int kMaxGrants = 256;
 
 /// Which tokens an administrator means: those that meet every condition that is given.
 struct TokenFilter {
-  std::optional<uid_t> user{};       ///< who asked for the token
+  std::optional<uid_t> user{};       ///< who requested the token
   std::string service{};             ///< empty: any
   bool orphans = false;              ///< only those whose owner is gone
   std::vector<std::uint64_t> ids{};  ///< empty: any
 };
 
-/// A page of an answer that may be long.
+/// A page of a list that may be long.
 struct Page {
   Json::Value rows{Json::arrayValue};
-  std::optional<std::uint64_t> next;  ///< where the next page begins; none: this is the last
+  std::optional<std::uint64_t> next;  ///< where the next page begins; none: this is the last page
 };
 
-/// A `TokenStorage` whose changes come in transactions, and whose tokens can be looked after.
+/// A `TokenStorage` with transactions, and with operations for administrators.
 ///
-/// Processes: each worker makes its own object, after it was forked. Threads: one.
+/// Processes: each worker creates its own object, after fork(2). Threads: one.
 class TokenStore : public ZELT::TokenManager::TokenStorage {
  public:
   /// Begins a change on behalf of `peer`. From its first use of the store until `Commit`, nobody
@@ -39,10 +39,10 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// only be called in between.
   virtual void Begin(const Peer& peer) = 0;
 
-  /// Makes the change last. Throws when it cannot; then nothing was changed.
+  /// Commits the change. If it throws, nothing was changed.
   virtual void Commit() = 0;
 
-  /// Takes back what was changed since `Begin`.
+  /// Undoes the changes since `Begin`.
   virtual void Rollback() noexcept = 0;
 
   /// The id of the token that the current change, or the last committed one, inserted or removed.
@@ -53,7 +53,7 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// (seconds) and "grants".
   virtual Page List(const TokenFilter& filter, std::uint64_t after) = 0;
 
-  /// Drops the matching tokens of one page, in a transaction of its own. The rows are as of `List`.
+  /// Drops the matching tokens of one page. Not to be called during a change. Rows: see `List`.
   virtual Page Drop(const TokenFilter& filter, std::uint64_t after) = 0;
 
   /// Returns a page of what users hold: objects with "uid", "service", "tokens" and "bytes".
@@ -63,7 +63,7 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// Returns "tokens", "used" and "size" (bytes).
   Json::Value GetStatistics() override = 0;
 
-  /// Does a bounded piece of what has to be done from time to time. Called about once a second.
+  /// Does a bounded amount of periodic work. Called about once a second.
   virtual void KeepHouse() = 0;
 };
 

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kMaxTextBytes = 64U << 10;  // each validation parses it
 constexpr std::size_t kHoldingsAtOnce = 64;
-constexpr std::size_t kMostHoldings = 16'384;  // that one search looks at: some 10 ms
+constexpr std::size_t kMostHoldings = 16'384;  // examined per search: about 10 ms
 constexpr std::size_t kMostUsers = 4096;       // whose progress is remembered
 constexpr std::chrono::seconds kRest{1};
 
@@ -74,7 +74,7 @@ std::vector<Holding> OrphanSearch::Find(Database& database, const Tables& tables
       if (IsTooOld(holding.header, options) || judge.IsOrphan(holding.header))
         found.push_back(holding);
     }
-    if (!found.empty()) break;  // and look at these again the next time
+    if (!found.empty()) break;  // the next search examines these again
     if (holdings.size() < kHoldingsAtOnce) {
       mine = {0, Clock::now() + kRest};
       break;

@@ -1,4 +1,4 @@
-// What a token and a user may take up, and which tokens go when a user is at a limit.
+// The limits of tokens and users, and which tokens are dropped when a user is at a limit.
 #pragma once
 
 #include <json/value.h>
@@ -19,7 +19,7 @@
 /// Throws `std::runtime_error` when a token holds too many grants or its text is too long.
 void ExpectSmallToken(const Json::Value& data, std::string_view text);
 
-/// A token, apart from its text.
+/// A token without its associated data.
 struct Holding {
   std::string token;
   RecordHeader header;
@@ -32,15 +32,16 @@ std::vector<Holding> NextHoldings(Database& database, const Tables& tables,
 
 bool IsTooOld(const RecordHeader& header, const StoreOptions& options);
 
-/// Whether the token is refused: it is too old, or was noted as an orphan long enough ago.
+/// Returns whether the token has expired: it is too old, or was marked as an orphan long enough
+/// ago.
 bool IsGone(const RecordHeader& header, const StoreOptions& options);
 
-/// Tells tokens of dead owners. Asks the kernel once for each owner.
+/// Recognizes tokens whose owners are dead. Asks the kernel once per owner.
 class Judge {
  public:
   bool IsOrphan(const RecordHeader& header);
 
-  /// Whether it was asked for so many owners that some milliseconds have passed.
+  /// Returns whether the kernel was asked about so many owners that some milliseconds have passed.
   bool IsTired() const { return asked >= kMostQuestions; }
 
  private:
@@ -50,8 +51,8 @@ class Judge {
   int asked = 0;
 };
 
-/// Looks for tokens that a user at a limit can do without. To be asked outside of changes, since it
-/// may take some milliseconds. Where it found none, it does not look again for a second.
+/// Finds tokens to drop when a user is at a limit. Call it outside of changes, since it may take
+/// some milliseconds. After a search without result, it does not search again for a second.
 class OrphanSearch {
  public:
   explicit OrphanSearch(const StoreOptions& store_options) : options(store_options) {}

@@ -24,12 +24,12 @@ void Add(Listeners& listeners, const Listener& listener, const std::string& name
 void AddSecond(Listeners& listeners, int backlog) {
   const std::string directory = std::filesystem::path(kSecondSocketPath).parent_path();
   const mode_t mask = umask(S_IWGRP | S_IWOTH);
-  mkdir(directory.c_str(), 0755);  // it may be there, or not be this user's to make
+  mkdir(directory.c_str(), 0755);  // it may exist, or this user may not create it
   umask(mask);
   try {
     Add(listeners, {.fd = ListenAt(kSecondSocketPath, backlog)}, kSecondSocketPath);
   } catch (const std::runtime_error& error) {
-    Log(LOG_WARNING, "%s; programs with a /tmp of their own cannot reach the daemon", error.what());
+    Log(LOG_WARNING, "%s; programs with a private /tmp cannot reach the daemon", error.what());
   }
 }
 
@@ -46,7 +46,7 @@ Listeners OpenListeners(int backlog) {
   return listeners;
 }
 
-// Linux still hands out the connections that were made before.
+// accept(2) still returns the connections that were made before.
 void StopListening(const Listeners& listeners) {
   for (const Listener& listener : listeners.sockets) {
     if (!listener.inherited) shutdown(listener.fd, SHUT_RDWR);

@@ -11,10 +11,10 @@ struct Listeners {
   std::string names;  ///< for the log
 };
 
-/// Takes the sockets that were passed on; without any, listens at both of the daemon's addresses.
-/// Throws `std::runtime_error` when the first cannot be had; the second is not for everybody to
-/// make, so a failure there is logged.
+/// Returns the sockets that were passed on or, without any, listens at both of the daemon's
+/// addresses. Throws `std::runtime_error` if the first address fails. A failure of the second is
+/// only logged, because not every user may create it.
 Listeners OpenListeners(int backlog);
 
-/// Has connections refused that come from now on, unless somebody else keeps the socket.
+/// Refuses new connections on all sockets that are not inherited.
 void StopListening(const Listeners& listeners);

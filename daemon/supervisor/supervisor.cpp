@@ -28,25 +28,24 @@ using std::chrono::seconds;
 
 namespace {
 
-// Between looks at the workers. Until the first one serves there is somebody waiting to hear of it.
+// Between checks of the workers. Until the first one serves, the service manager waits for it.
 constexpr milliseconds kCheckInterval{500};
 constexpr milliseconds kStartInterval{2};
 
-// Before a worker is replaced that ended without having done anything.
+// Before the replacement of a worker that ended without having served anything.
 constexpr milliseconds kFirstDelay{10};
 constexpr milliseconds kLongestDelay{1000};
 
-// A process that has been killed ends at once, unless it waits in the kernel for a device or a file
-// system that does not answer. Its memory and descriptors stay, so there is a limit to how many of
-// those are left behind.
+// A killed process ends at once, unless it waits in the kernel for a device or file system that
+// does not respond. Such processes keep their memory and descriptors, so their number is limited.
 constexpr milliseconds kKillGrace{1000};
 constexpr std::size_t kMaxLingering = 16;
 
 // Longer than any answer may take.
 constexpr seconds kStopGrace{6};
 
-// Ignored, the faults would come again at once or stay hidden, and the end of a child would not be
-// told; the last two cannot be ignored.
+// If they were ignored, faults would recur at once or stay hidden, and children would leave no exit
+// status (wait(2)). The last two cannot be ignored.
 constexpr std::array kNotIgnored = {SIGSEGV, SIGBUS,  SIGFPE, SIGILL,  SIGSYS,  SIGTRAP,
                                     SIGABRT, SIGTERM, SIGINT, SIGCHLD, SIGKILL, SIGSTOP};
 
@@ -57,7 +56,7 @@ sigset_t SetOf(auto... numbers) {
   return set;
 }
 
-// An ignored signal is still delivered to sigtimedwait(2) while it is blocked.
+// sigtimedwait(2) receives a blocked signal even if it is ignored.
 sigset_t BlockSignals() {
   const sigset_t taken = SetOf(SIGTERM, SIGINT, SIGUSR1, SIGCHLD);
   sigprocmask(SIG_SETMASK, &taken, nullptr);
@@ -72,9 +71,10 @@ std::uint64_t Served(const WorkerSlot& slot) { return Sum(slot.done) + Sum(slot.
 
 nanoseconds Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
 
-nanoseconds Unseen(const WorkerSlot& slot) { return Now() - nanoseconds(slot.seen); }
+nanoseconds TimeSinceSeen(const WorkerSlot& slot) { return Now() - nanoseconds(slot.seen); }
 
-// The one that holds the store goes first; what a worker waits for longer is no other worker.
+// A worker that waits for the store gets more time, so that the worker that holds it is killed
+// first.
 nanoseconds Patience(const WorkerSlot& slot, nanoseconds request_timeout) {
   return slot.activity == Activity::kWaitingForStore ? 2 * request_timeout : request_timeout;
 }
@@ -89,7 +89,7 @@ std::string Doing(const WorkerSlot& slot) {
          " pid=" + std::to_string(slot.client_process) + " uid=" + std::to_string(slot.client_user);
 }
 
-// Returns -1 when none has come by then.
+// Returns -1 if none arrives before the deadline.
 int TakeSignal(const sigset_t& awaited, std::chrono::steady_clock::time_point deadline) {
   const nanoseconds wait = std::max(deadline.time_since_epoch() - Now(), nanoseconds::zero());
   const auto whole = std::chrono::duration_cast<seconds>(wait);
@@ -101,7 +101,7 @@ bool WasToldToEnd(int status) { return WIFEXITED(status) && WEXITSTATUS(status) 
 
 void LogEnd(pid_t worker, int status) {
   if (WIFSIGNALED(status)) {
-    Log(LOG_ERR, "worker %d was ended by signal %d", worker, WTERMSIG(status));
+    Log(LOG_ERR, "worker %d was killed by signal %d", worker, WTERMSIG(status));
   } else if (!WasToldToEnd(status)) {
     Log(LOG_ERR, "worker %d exited with %d", worker, WEXITSTATUS(status));
   }
@@ -157,7 +157,7 @@ void Supervisor::StartWorkers() {
   for (std::size_t number = 0; number < workers.size(); ++number) {
     const Worker& worker = workers[number];
     const bool is_due = worker.pid == 0 && worker.born <= Clock::now();
-    if (is_due && !Start(number)) return;  // the others would fare no better
+    if (is_due && !Start(number)) return;  // the others would fail too
   }
 }
 
@@ -166,14 +166,14 @@ bool Supervisor::Start(std::size_t number) {
   WorkerSlot& slot = board.slots[number];
   slot.activity = Activity::kIdle;
   slot.seen = Now().count();
-  // Noted before the worker can show itself or serve anything.
+  // Recorded before the worker can do anything.
   Worker started = {.served_before = Served(slot), .born = Clock::now(), .delay = worker.delay};
   const pid_t pid = fork();
   if (pid == 0) Work(slot);
   if (pid < 0) {
     if (!fork_fails) Log(LOG_ERR, "cannot fork a worker, trying again: %s", std::strerror(errno));
     fork_fails = true;
-    PutOff(worker, false);
+    ScheduleStart(worker, false);
     return false;
   }
   fork_fails = false;
@@ -185,9 +185,9 @@ bool Supervisor::Start(std::size_t number) {
 
 // Runs in the forked child.
 void Supervisor::Work(WorkerSlot& slot) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // whatever the worker waits for
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // even if the worker is blocked
   if (getppid() != supervisor) _exit(EXIT_FAILURE);
-  signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, the supervisor decides
+  signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, but the supervisor stops them
   const sigset_t blocked = SetOf(SIGTERM);
   sigprocmask(SIG_SETMASK, &blocked, nullptr);
   try {
@@ -199,7 +199,7 @@ void Supervisor::Work(WorkerSlot& slot) {
   }
 }
 
-// Waits until there is something to do, and returns the signal that says so, if one does.
+// Waits until there is something to do. Returns the signal that has arrived, or -1.
 int Supervisor::AwaitSignal() {
   auto next = ready ? next_check : Clock::now() + kStartInterval;
   for (const Worker& worker : workers) {
@@ -228,11 +228,11 @@ void Supervisor::HandleDeath(std::size_t number, int status) {
   slot.pid = 0;
   worker.pid = 0;
   if (!WasToldToEnd(status)) Count(board.deaths);
-  PutOff(worker,
-         Served(slot) != worker.served_before || Clock::now() - worker.born > kLongestDelay);
+  ScheduleStart(worker,
+                Served(slot) != worker.served_before || Clock::now() - worker.born > kLongestDelay);
 }
 
-void Supervisor::PutOff(Worker& worker, bool has_worked) {
+void Supervisor::ScheduleStart(Worker& worker, bool has_worked) {
   worker.delay =
       has_worked ? milliseconds(0) : std::clamp(2 * worker.delay, kFirstDelay, kLongestDelay);
   worker.born = Clock::now() + worker.delay;
@@ -250,7 +250,8 @@ void Supervisor::AnnounceReadiness() {
 }
 
 void Supervisor::CheckWorkers() {
-  // After a stop of the whole machine, or of this process, the workers get time to be seen again.
+  // After this process or the whole machine was suspended, the workers get time to show that they
+  // are alive.
   const bool was_held_up = Clock::now() > next_check + kCheckInterval;
   next_check = Clock::now() + kCheckInterval;
   ReportLostLines();
@@ -267,17 +268,17 @@ void Supervisor::CheckWorker(std::size_t number) {
     if (Clock::now() - *worker.killed >= kKillGrace) Abandon(worker, slot);
     return;
   }
-  if (Unseen(slot) <= Patience(slot, settings.request_timeout)) return;
-  Log(LOG_ERR, "worker %d has not been seen for %.1f s, %s; killing it", worker.pid,
-      std::chrono::duration<double>(Unseen(slot)).count(), Doing(slot).c_str());
+  if (TimeSinceSeen(slot) <= Patience(slot, settings.request_timeout)) return;
+  Log(LOG_ERR, "worker %d has not responded for %.1f s, %s; killing it", worker.pid,
+      std::chrono::duration<double>(TimeSinceSeen(slot)).count(), Doing(slot).c_str());
   kill(worker.pid, SIGKILL);
   worker.killed = Clock::now();
 }
 
-// The worker never runs again, so its slot is free for another one.
+// The killed worker never runs again, so another one can use its slot.
 void Supervisor::Abandon(Worker& worker, WorkerSlot& slot) {
   if (lingering.size() == kMaxLingering) return;
-  Log(LOG_ERR, "worker %d was killed and does not end; another one takes its place", worker.pid);
+  Log(LOG_ERR, "worker %d was killed but has not ended; starting another in its place", worker.pid);
   lingering.push_back(worker.pid);
   Count(board.deaths);
   slot.pid = 0;
@@ -288,7 +289,7 @@ void Supervisor::NotifyWatchdog() {
   if (!watchdog_interval || Clock::now() < next_watchdog) return;
   const auto end = board.slots.begin() + workers.size();
   const bool any_serves = std::any_of(board.slots.begin(), end, [this](const WorkerSlot& slot) {
-    return slot.pid != 0 && Unseen(slot) <= settings.request_timeout;
+    return slot.pid != 0 && TimeSinceSeen(slot) <= settings.request_timeout;
   });
   if (!any_serves) return;
   NotifyServiceManager("WATCHDOG=1");

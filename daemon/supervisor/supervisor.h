@@ -13,12 +13,12 @@
 
 #include "board.h"
 
-/// What the supervisor is told.
+/// The supervisor's settings.
 struct SupervisorSettings {
   unsigned int workers = 1;  ///< at most kMaxWorkers
 
-  /// A worker that has not been seen for so long is killed. At least two seconds, since idle
-  /// workers show themselves once a second.
+  /// A worker that has not responded for this long is killed. At least two seconds, since idle
+  /// workers show that they are alive once a second.
   std::chrono::seconds request_timeout{5};
 
   std::function<void(WorkerSlot& slot)> work;  ///< what a worker does; it exits when this returns
@@ -26,21 +26,21 @@ struct SupervisorSettings {
   std::string serving;                         ///< what is served, for the log
 };
 
-/// Ignores all signals that would end or stop the process, but for those that report a fault and
-/// for SIGTERM and SIGINT. A client that left, or a store at the file-size limit, is then an error
-/// of the system call.
+/// Ignores all signals that would end or stop the process, except those that report a fault,
+/// SIGTERM and SIGINT. A client that has left (SIGPIPE) and a file at its size limit (SIGXFSZ) then
+/// make the system call fail.
 void IgnoreSignals();
 
 /// Maps a board that is shared with all processes that are forked later. It is never unmapped.
 /// Throws `std::system_error`.
 Board& MapBoard();
 
-/// Forks the workers, each of which has a slot of the board, and waits.
+/// Forks the workers, each with a slot of the board, and replaces them when they end.
 ///
-/// A worker that ends unasked is replaced at once, whatever the others do; one that ends before it
-/// served anything is replaced after 10 ms at first, and after up to a second when that happens
-/// again and again. It never gives up: as long as any worker serves, clients do not notice. A
-/// worker that is stuck is killed, and replaced. Workers never outlive the supervisor.
+/// A worker that ends unexpectedly is replaced at once. If workers end before they have served
+/// anything, the delay before the next one grows from 10 ms to one second. The supervisor never
+/// gives up: as long as any worker serves, clients do not notice. A stuck worker is killed and
+/// replaced. Workers never outlive the supervisor.
 ///
 /// Signals: SIGTERM and SIGINT end the daemon, SIGUSR1 logs the counters. They are blocked in the
 /// constructor and taken in `Run`; workers start with SIGTERM blocked. The process must have no
@@ -56,13 +56,13 @@ class Supervisor {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // What runs in the board's slot of the same number.
+  // The process that runs in the board's slot with the same index.
   struct Worker {
-    pid_t pid = 0;                              // 0: none
-    std::uint64_t served_before = 0;            // requests that its predecessors have answered
-    Clock::time_point born{};                   // or, without a process, when it is to be started
-    std::chrono::milliseconds delay{0};         // before it is started again
-    std::optional<Clock::time_point> killed{};  // being stuck
+    pid_t pid = 0;                       // 0: none
+    std::uint64_t served_before = 0;     // requests that its predecessors have answered
+    Clock::time_point born{};            // start time or, without a process, when to start it
+    std::chrono::milliseconds delay{0};  // before it is started again
+    std::optional<Clock::time_point> killed{};  // when it was killed for being stuck
   };
 
   void StartWorkers();
@@ -71,7 +71,7 @@ class Supervisor {
   int AwaitSignal();
   void ReapWorkers();
   void HandleDeath(std::size_t number, int status);
-  void PutOff(Worker& worker, bool has_worked);
+  void ScheduleStart(Worker& worker, bool has_worked);
   void AnnounceReadiness();
   void CheckWorkers();
   void CheckWorker(std::size_t number);

@@ -14,7 +14,7 @@
 
 namespace {
 
-// If it hangs, no client is to blame.
+// Names this process as the client, because no client is to blame if it hangs.
 void KeepHouse(RequestHandler& handler, WorkerSlot& slot) {
   slot.type = RequestType::kOther;
   slot.client_process = getpid();
@@ -22,7 +22,7 @@ void KeepHouse(RequestHandler& handler, WorkerSlot& slot) {
   try {
     handler.OnIdle();
   } catch (const std::exception& error) {
-    Log(LOG_WARNING, "cannot keep house: %s", error.what());
+    Log(LOG_WARNING, "housekeeping failed: %s", error.what());
   }
   slot.activity = Activity::kIdle;
 }

@@ -8,7 +8,7 @@
 #include "options.h"
 #include "store_file.h"
 
-/// What workers inherit from the supervisor. Nothing of it changes.
+/// What workers inherit from the supervisor.
 struct WorkerContext {
   const Options& options;
   const std::vector<Listener>& listeners;

@@ -1,4 +1,4 @@
-# The Debian packages that `cpack` makes. To be configured with the prefix /usr.
+# The Debian packages that cpack builds. Configure with the prefix /usr.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_CONTACT "Zelt token manager maintainers <maintainers@zelt.example>")
@@ -20,23 +20,23 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/trigger
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "access tokens between local processes (library)
-A token says what the package of the process that took it was granted. This
-library takes, checks, hands on and gives back tokens at the token manager's
-daemon, which is in the package zelttokenmgr.")
+A token says what the package of the requesting process was granted. This
+library requests, validates, transfers and revokes tokens through the token
+manager's daemon, which is in the package zelttokenmgr.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzelttokenmanager-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "${library} (= ${version}), libboost-dev (>= 1.74), libjsoncpp-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "access tokens between local processes (development)
-A token says what the package of the process that took it was granted. This
+A token says what the package of the requesting process was granted. This
 package holds what is needed to build against the token manager's library:
 headers, files for CMake and pkg-config, a manual page and examples.")
 
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME zelttokenmgr)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SHLIBDEPS ON)
-# The library has no package yet when the dependencies are looked up, so it is named here.
+# The library's package does not exist yet when cpack looks up dependencies, so it is named here.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
   "${library} (>= ${version}), systemd | systemd-standalone-sysusers | systemd-sysusers")
@@ -44,11 +44,11 @@ set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_LIST_DIR}/postinst ${CMAKE_CURRENT_LIST_DIR}/prerm
   ${CMAKE_CURRENT_LIST_DIR}/postrm)
 set(CPACK_COMPONENT_DAEMON_DESCRIPTION "access tokens between local processes (daemon)
-A token says what the package of the process that took it was granted. This
+A token says what the package of the requesting process was granted. This
 package holds the daemon that issues, validates, revokes and transfers tokens,
 and the command line zelttoken.")
 
-# SOURCE_DATE_EPOCH decides on the date.
+# string(TIMESTAMP) uses SOURCE_DATE_EPOCH if it is set.
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog.in changelog.Debian @ONLY)
 execute_process(COMMAND gzip -n9 -f ${PROJECT_BINARY_DIR}/changelog.Debian

@@ -1,8 +1,8 @@
-# Installs what a script needs. To be sourced.
+# Installs the packages that a script needs. Source this file.
 # shellcheck shell=bash
 
-# What builds the library, the daemon and the command line.
-# shellcheck disable=SC2034 # used by those that source this
+# Packages needed to build the library, the daemon and the command line.
+# shellcheck disable=SC2034 # used by the scripts that source this file
 build_packages=(cmake g++ ninja-build pkg-config libboost-dev libboost-filesystem-dev libcli11-dev
   libevent-dev libjsoncpp-dev liblmdb-dev libsimdjson-dev)
 

@@ -1,6 +1,6 @@
 #!/usr/bin/perl
 # Asks the daemon for all four operations without pause until SIGTERM, then prints how many requests
-# were made, and how many were not answered as they should be.
+# were made, and how many got a wrong answer or none.
 # Usage: system_load.pl JOURNAL          writes down what was answered, past every cache
 #        system_load.pl --check JOURNAL  holds what was written down against the daemon
 use strict;
@@ -22,7 +22,7 @@ sub ask {
   return scalar(<$socket>) // 'no answer';
 }
 
-# What the pattern has in brackets, or 1, if the answer fits.
+# Returns the pattern's capture, or 1, if the answer matches.
 sub fits {
   my ($pattern, @request) = @_;
   my $answer = ask(@request);

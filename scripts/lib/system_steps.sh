@@ -1,6 +1,6 @@
 #!/bin/bash
 # The steps of scripts/test-system, inside the system. Usage: system_steps.sh [--machine] [STEP...]
-# Each step is a function that ends its process when what it expects is not so.
+# Each step is a function. It ends its process if an expectation fails.
 set -euo pipefail
 cd /test
 
@@ -16,7 +16,7 @@ fail() {
 
 as() { setpriv --reuid "$1" --regid "$1" --init-groups "${@:2}"; }
 
-# expect STATUS TEXT COMMAND...: the text is a pattern that the whole output must match.
+# expect STATUS TEXT COMMAND...: TEXT is a pattern that the whole output must match.
 expect() {
   local status=0 text
   text=$("${@:3}" 2>&1) || status=$?
@@ -40,7 +40,7 @@ is_new() { [ "$(main_pid)" != "$1" ] && systemctl -q is-active $service; }
 all_workers() { [ "$(workers | wc -l)" = "$(nproc)" ]; }
 none_of() { ! workers | grep -qxF "$1"; }
 
-# Takes a token to its end in one process of the user demo.
+# Takes a token through its whole life in one process of the user demo.
 # shellcheck disable=SC2016 # the other shell's parameters
 life_of_a_token() {
   as demo bash -ec 'token=$(zelttoken issue fastapi "$grant" --owner $$)
@@ -52,7 +52,8 @@ live_on() {
   until [ -e load.end ]; do life_of_a_token || echo "zelttoken fails"; done
 }
 
-# Runs the command beside five clients that ask without pause; at most FAILURES requests may fail.
+# Runs the command while five clients send requests without pause; at most FAILURES requests may
+# fail.
 # under_load FAILURES COMMAND...
 under_load() {
   rm -f load.*
@@ -80,7 +81,7 @@ under_load() {
 
 # -- the steps, in their order ------------------------------------------------------------------
 
-# What others left at the path of the socket before the installation harms nobody.
+# Files that others left at the socket's path before the installation do no harm.
 install() {
   useradd -m mallory
   useradd -m demo
@@ -110,7 +111,7 @@ in_demos_shell() {
   while read -r line <&"${DEMO[0]}" && [ "$line" != END ]; do echo "$line"; done
 }
 
-# Does for real what the README shows: makes the files, and holds what each command prints to it.
+# Follows the README: creates the files, and compares the output of each command with it.
 readme() {
   local line command='' printed='' shown=''
   mkdir -m 777 session
@@ -155,7 +156,7 @@ reload_all() {
 
 reload() { under_load 0 reload_all; }
 
-# Makes the packages anew with another version.
+# Rebuilds the packages with another version.
 repack() {
   local package directory
   for package in ./*.deb; do
@@ -178,7 +179,7 @@ upgrade() {
   expect 0 $'active\nactive' systemctl is-active $service $sockets
 }
 
-# Each worker may have been in the middle of a request.
+# Each killed worker may have been serving a request.
 kill_workers() {
   for _ in {1..20}; do
     kill -KILL "$(workers | head -1)"
@@ -197,13 +198,13 @@ end_daemon() {
   done
 }
 
-# It is back with clients and without: it is started again, whether or not somebody asks.
+# The daemon is restarted with and without clients.
 ended_daemon() {
   end_daemon
   under_load $((2 * $(nproc))) end_daemon
 }
 
-# Takes every chance to be at the path of the socket.
+# Tries all the time to occupy the socket's path.
 # shellcheck disable=SC2016 # perl's parameters
 squat() {
   as mallory perl -MIO::Socket::UNIX -e 'my $path = shift;
@@ -213,7 +214,7 @@ squat() {
     }' $socket 2>/dev/null
 }
 
-# Stops the sockets too, so that the path is free, and has another user make something there.
+# Stops the sockets too, so that the path is free, and lets another user create a file there.
 take_path() {
   systemctl stop $sockets $service
   rm -rf $socket
@@ -236,11 +237,12 @@ squatting() {
 }
 
 # shellcheck disable=SC2016 # perl's parameters
-# Serves at the path, as one who wants to be taken for the daemon.
+# Serves at the path, posing as the daemon.
 listen_as() { as "$1" perl -MIO::Socket::UNIX -e '
   my $server = IO::Socket::UNIX->new(Local => shift, Listen => 9) or die; sleep' "$2"; }
 
-# A client does not talk to a stranger at the first address, and finds the daemon at the second.
+# A client does not send anything to another user's socket at the first address, and finds the
+# daemon at the second.
 stranger() {
   [ "${1-}" = --inside ] || exec unshare --mount "$0" --step stranger --inside
   mount -t tmpfs -o mode=1777 tmpfs /tmp
@@ -263,7 +265,7 @@ hardened_clients() {
   expect 0 permitted as_service -p DynamicUser=yes zelttoken validate fastapi "$token" "$use"
 }
 
-# Where /tmp is cleaned of what is old, the socket keeps its place, though nobody serves it just now.
+# When old files are removed from /tmp, the socket stays, even while nobody serves it.
 cleaning() {
   systemctl stop $sockets $service
   echo 'q /tmp 1777 root root 0' >/etc/tmpfiles.d/tmp.conf
@@ -276,7 +278,7 @@ cleaning() {
   life_of_a_token
 }
 
-# What tokens take is set aside when the daemon starts, so the others cannot take it.
+# The space for tokens is allocated when the daemon starts, so other programs cannot use it up.
 full_run() {
   local token size
   size=$(findmnt -nbo SIZE /run)
@@ -289,7 +291,7 @@ full_run() {
   rm /run/full
 }
 
-# Neither a worker nor the supervisor that hangs keeps the service down.
+# A worker or supervisor that hangs does not keep the service down.
 hanging() {
   local before
   expect 0 30s systemctl show --value -p WatchdogUSec $service
@@ -312,7 +314,7 @@ hanging() {
   systemctl restart $service
 }
 
-# A service as the documentation has it, which gives its token back when it is stopped.
+# The service from the documentation, which revokes its token when it is stopped.
 wrapped_service() {
   cat >/etc/systemd/system/wrapped.service <<EOF
 [Unit]
@@ -333,7 +335,7 @@ EOF
   expect 1 '*' zelttoken validate fastapi @/home/demo/token "$use"
 }
 
-# Prints what a purge leaves of the packages.
+# Prints what a purge leaves behind.
 left_behind() {
   find / -xdev \( -iname '*zelttoken*' -o -nouser -o -user zelttokenmgr \) \
     ! -path '/proc/*' ! -path '/sys/*' ! -path '/test/*' ! -path '/var/log/*' 2>/dev/null
@@ -343,7 +345,7 @@ left_behind() {
 purge() {
   (as zelttokenmgr sleep infinity &) 2>/dev/null
   dpkg -P zelttokenmgr >/dev/null 2>purge.log || fail "$(cat purge.log)"
-  grep -q 'user zelttokenmgr is left' purge.log || fail "nothing is said of the user"
+  grep -q 'user zelttokenmgr was not removed' purge.log || fail "nothing is said of the user"
   expect 3 $'inactive\ninactive' systemctl is-active $service $sockets
   pkill -u zelttokenmgr
   getent passwd zelttokenmgr >/dev/null || fail "the user is gone"
@@ -359,11 +361,11 @@ purge() {
   expect 2 '' getent passwd zelttokenmgr
 }
 
-# -- the machine's steps; it starts anew after each of the first two --------------------------------
+# -- the steps of the virtual machine, which reboots after each of the first two --------------------
 
 readonly on_disk=$state/tokens.mdb kept=/var/lib/test-system
 
-# A kernel that lets descriptors through: whatever it costs to close them, others are served.
+# This kernel lets descriptors through. However long closing them takes, other clients are served.
 descriptors() {
   for _ in {1..4}; do (as mallory perl system_descriptors.pl &) 2>/dev/null; done
   export -f life_of_a_token as
@@ -371,7 +373,7 @@ descriptors() {
   pkill -u mallory || fail "nobody sent descriptors"
 }
 
-# Leaves a token in a store that outlives the boot, and one in the store that does not.
+# Leaves one token in a store that survives a reboot, and one in a store that does not.
 before_reboot() {
   install
   descriptors
@@ -386,7 +388,7 @@ before_reboot() {
   as demo zelttoken issue fastapi "$grant" --owner "$(cat $kept/owner)" >$kept/token
 }
 
-# Runs a command of the user demo as the process with the number.
+# Runs a command of the user demo as the process with this id.
 with_number() {
   local status=250
   while [ $status = 250 ]; do
@@ -400,7 +402,8 @@ with_number() {
   return $status
 }
 
-# Nobody comes by a token of the boot before through its owner's number. Then the load is cut off.
+# A process with the id of an owner from the previous boot does not own its token. Then the machine
+# is reset under load.
 after_reboot() {
   local owner token
   owner=$(cat $kept/owner) token=$(cat $kept/token)
@@ -420,7 +423,7 @@ after_reboot() {
   sleep infinity
 }
 
-# What was answered holds, however the machine went down.
+# Answered requests still hold after the reset.
 after_reset() {
   local journal
   for journal in /home/demo/journal.*; do expect 0 '[1-9]* 0' perl system_load.pl --check "$journal"; done

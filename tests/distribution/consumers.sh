@@ -1,6 +1,6 @@
 #!/bin/sh
-# Installs into a directory of its own, and builds and runs a program against what is there: with
-# CMake, and with pkg-config.
+# Installs into a temporary directory, and builds and runs a program against it with CMake and with
+# pkg-config.
 # Usage: consumers.sh SOURCE BUILD
 set -eu
 source=$1

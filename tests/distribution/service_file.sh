@@ -1,5 +1,5 @@
 #!/bin/sh
-# Holds the units against systemd, as if the program were installed.
+# Checks the units with systemd, as if the program were installed.
 # Usage: service_file.sh SERVICE SOCKET PROGRAM
 set -eu
 directory=$(mktemp -d)
