@@ -246,8 +246,10 @@ TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
     EXPECT_EQ(daemon.Ids(), "1,");
   }
   options.max_age = std::chrono::nanoseconds(1);
+  options.tokens_per_user = 1;
   Daemon daemon(options);
   EXPECT_EQ(daemon.Pid("a"), kUnknown);
+  EXPECT_EQ(daemon.Issue("c"), "done") << "in the place of the old one";
   for (const unsigned int count : {1U, 0U}) {
     EXPECT_EQ(daemon.opened.store->GetStatistics()["tokens"], count);
     daemon.opened.store->KeepHouse();
