@@ -1,5 +1,6 @@
 // Clients of the daemon that issue, validate, transfer and revoke tokens all the while, and note on
-// a board in shared memory what they were told. Whatever happens to the daemon, it must fit.
+// a board in shared memory what they were told. Later answers must agree with it, whatever happens
+// to the daemon.
 #pragma once
 
 #include <sys/mman.h>
@@ -39,7 +40,7 @@ struct Board {
   std::array<std::atomic<pid_t>, kClients> clients;
   std::atomic<Mode> mode;
   std::atomic<unsigned int> pause;
-  std::atomic<bool> cut;  // the power is, or something else is: a refusal means nothing
+  std::atomic<bool> cut;  // the daemon lacks something: a refusal means nothing
   std::array<std::atomic<std::uint64_t>, kRevoked + 1> counts;
   std::atomic<Clock::rep> answered_at, gap;  // the longest time without any answer, in ns
 };
@@ -47,9 +48,10 @@ inline Board* const board =
     static_cast<Board*>(mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE,
                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
 
+inline std::mt19937 random_numbers(std::random_device{}());
+
 inline std::uint32_t Below(std::size_t limit) {
-  static std::mt19937 random(static_cast<unsigned int>(getpid()) ^ std::random_device()());
-  return static_cast<std::uint32_t>(random() % limit);
+  return static_cast<std::uint32_t>(random_numbers() % limit);
 }
 
 inline void Pause(unsigned int microseconds) {
@@ -140,6 +142,7 @@ inline void Act(std::size_t self) {
 }
 
 [[noreturn]] inline void Live(std::size_t self) {
+  random_numbers.seed(std::random_device{}());  // not those of the process that forked this one
   for (board->clients.at(self) = getpid();; Pause(Below(2 * board->pause + 1))) {
     Act(self);
     CheckToken(board->records.at(Below(board->count + 1)));
