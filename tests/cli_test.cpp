@@ -124,7 +124,7 @@ TEST_F(CliTest, AsksTheDaemonAndTakesBackWhatNobodyWouldOwn) {
        {"{'success':true,'tokens':[]}"},
        {0, "{'success':true,'tokens':[]}\n", ""},
        "{'type':'list'}\n"},
-      {"zelttoken list", {kRefused}, {1, "", "only root and the user that"}, "{'type':'list'}\n"},
+      {"zelttoken list", {kRefused}, {1, "", "only root and the daemon"}, "{'type':'list'}\n"},
       {"zelttoken list",
        {"{'success':true,'next':3}", "{'success':true,'next':3}"},
        {69, "", "endless pages"},

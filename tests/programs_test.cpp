@@ -9,6 +9,7 @@
 #include <cstring>
 #include <list>
 
+#include "support/clients.h"
 #include "unix_address.h"
 
 namespace ZELT::ProgramsTests {
@@ -280,6 +281,25 @@ TEST_F(ProgramsTest, TellsWhatIsWrongWithItsOptions) {
   for (const auto& row : rows) {
     CheckProgram(std::string("exec zelttokenmgrd ") + row.options, {row.exit_code, "", row.error});
   }
+}
+
+TEST_F(ProgramsTest, WhatClientsWereToldHoldsWhateverIsKilled) {
+  if (ReadFile("/proc/self/uid_map").find("4294967295") == std::string::npos) {
+    GTEST_SKIP() << "no other users";
+  }
+  Clients::Prepare();
+  std::optional<Daemon> daemon(std::in_place);
+  Clients::SeatAll();
+  const auto& answered = Clients::board->counts[Clients::kAnswered];
+  for (int i = 0; i < 10; ++i) {
+    kill(daemon->Children().at(0), SIGKILL);
+    EXPECT_TRUE(Eventually([&, many = answered + 200] { return answered > many; }));
+    daemon.reset();
+    daemon.emplace();
+    Clients::Audit(100);
+  }
+  Clients::UnseatAll();
+  EXPECT_EQ(Clients::Wrongs(), 0);
 }
 
 }  // namespace ZELT::ProgramsTests
