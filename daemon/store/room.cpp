@@ -33,7 +33,10 @@ int NoteOldest(const char* line, void* oldest) {
 Room::Room(Database& store_database) : database(store_database) {}
 
 bool Room::Has(std::uint64_t pages) {
-  if (SparePages() < std::max(kAhead / 2, pages)) Grow(std::max(kAhead, pages));
+  if (SparePages() < std::max(kAhead / 2, pages)) {
+    Grow(std::max(kAhead, pages));
+    allocated = AllocatedPages();
+  }
   const std::uint64_t spare = SparePages();
   return spare >= pages || spare + ReusablePages(pages - spare) >= pages;
 }
@@ -49,7 +52,6 @@ std::uint64_t Room::AllocatedPages() const {
 }
 
 std::uint64_t Room::SparePages() const {
-  const std::uint64_t allocated = AllocatedPages();
   const std::uint64_t used = database.LastPage() + 1;
   return allocated > used ? allocated - used : 0;
 }
@@ -58,13 +60,13 @@ std::uint64_t Room::SparePages() const {
 // fail.
 void Room::Grow(std::uint64_t pages_ahead) {
   const auto now = std::chrono::steady_clock::now();
-  const std::uint64_t allocated = AllocatedPages();
+  const std::uint64_t now_allocated = AllocatedPages();
   const std::uint64_t wanted = std::min(database.LastPage() + 1 + pages_ahead, database.MapPages());
-  if (allocated >= wanted) growth_error = 0;
-  if (allocated >= wanted || now < next_growth) return;
+  if (now_allocated >= wanted) growth_error = 0;
+  if (now_allocated >= wanted || now < next_growth) return;
   const std::uint64_t page = database.PageBytes();
-  growth_error = posix_fallocate(database.File(), static_cast<off_t>(allocated * page),
-                                 static_cast<off_t>((wanted - allocated) * page));
+  growth_error = posix_fallocate(database.File(), static_cast<off_t>(now_allocated * page),
+                                 static_cast<off_t>((wanted - now_allocated) * page));
   if (growth_error != 0) next_growth = now + kPause;
 }
 

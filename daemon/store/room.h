@@ -35,6 +35,7 @@ class Room {
   std::uint64_t OldestRead();
 
   Database& database;
-  int growth_error = 0;  // of the last attempt
+  std::uint64_t allocated = 0;  // pages when the file was last looked at; it never shrinks
+  int growth_error = 0;         // of the last attempt
   std::chrono::steady_clock::time_point next_growth{};
 };
