@@ -35,7 +35,7 @@ install(DIRECTORY examples
 
 # For administrators.
 configure_file(packaging/zelttokenmgrd.service.in zelttokenmgrd.service @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/zelttokenmgrd.service
+install(FILES ${PROJECT_BINARY_DIR}/zelttokenmgrd.service packaging/zelttokenmgrd.socket
   DESTINATION lib/systemd/system COMPONENT daemon)
 install(FILES packaging/sysusers.conf DESTINATION lib/sysusers.d RENAME zelttokenmgr.conf
   COMPONENT daemon)
