@@ -23,7 +23,7 @@ namespace dom = simdjson::dom;
 
 // simdjson's static objects are destroyed at exit. Creating them while this library is loaded makes
 // them outlive everything that could use the library.
-[[maybe_unused]] const bool is_simdjson_made = simdjson::validate_utf8("", 0);
+[[maybe_unused]] const bool kSimdjsonIsMade = simdjson::validate_utf8("", 0);
 
 // A parser holds several times the size of the longest text that it has read. A parser that has
 // grown beyond this size is not kept.
