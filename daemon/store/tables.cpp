@@ -1,5 +1,6 @@
 #include "tables.h"
 
+#include <array>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -87,8 +88,8 @@ Tables::Tables(Database& database, bool made) {
   MDB_txn* begun = nullptr;
   Expect(mdb_txn_begin(database.Get(), nullptr, made ? 0 : MDB_RDONLY, &begun), kWhat);
   Transaction transaction(begun);
-  const std::pair<const char*, MDB_dbi*> all[] = {
-      {"tokens", &tokens}, {"ids", &ids}, {"users", &users}, {"usage", &usage}, {"meta", &meta}};
+  const std::array<std::pair<const char*, MDB_dbi*>, 5> all = {
+      {{"tokens", &tokens}, {"ids", &ids}, {"users", &users}, {"usage", &usage}, {"meta", &meta}}};
   bool complete = true;
   for (const auto& [name, table] : all) {
     complete &= Found(mdb_dbi_open(begun, name, made ? MDB_CREATE : 0, table), kWhat);
