@@ -72,7 +72,7 @@ void IndexedStore::BeginWrite(std::size_t tokens_changed) {
 MDB_txn* IndexedStore::Write() {
   if (!write) {
     if (!changing) throw std::logic_error("no change has begun");
-    changing_process = IdentifyProcess(changer.credential.pid);
+    changing_process = IdentifyPeer(changer.credential.pid);
     if (!IsPeerAlive(changer.connection)) changing_process.reset();
     BeginWrite(1);
   }

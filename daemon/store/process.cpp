@@ -82,7 +82,10 @@ const BootId& CurrentBoot() {
 }
 
 std::optional<ProcessIdentity> IdentifyProcess(pid_t pid) {
-  if (!IsProcess(pid)) return std::nullopt;
+  return IsProcess(pid) ? IdentifyPeer(pid) : std::nullopt;
+}
+
+std::optional<ProcessIdentity> IdentifyPeer(pid_t pid) {
   const std::string status = ReadStatus(pid);
   if (status.empty()) {
     if (!IsProcess(pid)) return std::nullopt;

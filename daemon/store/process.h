@@ -28,6 +28,10 @@ struct ProcessIdentity {
 /// read.
 std::optional<ProcessIdentity> IdentifyProcess(pid_t pid);
 
+/// The same for an id that is known not to be that of a thread: the kernel names peers of a
+/// connection by the ids of their processes.
+std::optional<ProcessIdentity> IdentifyPeer(pid_t pid);
+
 /// Returns whether the process is alive; true if /proc cannot be read.
 bool IsAlive(const ProcessIdentity& process);
 
