@@ -1,15 +1,18 @@
 #include "server.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <ctime>
 #include <exception>
-#include <fstream>
 #include <list>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "log.h"
@@ -37,13 +40,16 @@ std::chrono::nanoseconds SinceBoot() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// Returns how long this process has waited for a processor in total; 0 if the kernel does not
-// report it.
-std::chrono::nanoseconds TimeWithoutProcessor() {
-  std::int64_t ran = 0;
-  std::int64_t waited = 0;
-  std::ifstream("/proc/self/schedstat") >> ran >> waited;
-  return std::chrono::nanoseconds(waited);
+// Returns how long this process has waited for a processor in total, the second number in its
+// schedstat file; 0 if the kernel does not report it.
+std::chrono::nanoseconds TimeWithoutProcessor(int schedstat) {
+  std::array<char, 64> text{};
+  const ssize_t size = pread(schedstat, text.data(), text.size(), 0);
+  const std::string_view numbers(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+  const std::string_view waited = numbers.substr(std::min(numbers.find(' ') + 1, numbers.size()));
+  std::int64_t count = 0;
+  std::from_chars(waited.data(), waited.data() + waited.size(), count);
+  return std::chrono::nanoseconds(count);
 }
 
 timeval TimeLeft(Connection::Clock::duration left) {
@@ -72,6 +78,7 @@ Server::Server(const std::vector<Listener>& listeners, const ServerLimits& serve
       base(MakeBase()),
       descriptors_refused(limits.refuse_descriptors && AllRefuseDescriptors(listeners)),
       queues(limits),
+      schedstat(open("/proc/self/schedstat", O_RDONLY | O_CLOEXEC)),
       backlog(base, listeners) {
   const auto set = [](evutil_socket_t, short, void* flag) { *static_cast<bool*>(flag) = true; };
   tick = MakeEvent(base, -1, EV_PERSIST, set, &second_passed);
@@ -109,7 +116,7 @@ void Server::Step() {
 bool Server::IsOverdue() {
   const auto limit = queues.AnyReady() ? kBusyTurn : kTurn;
   if (now - turn_begin < limit) return false;
-  const auto own_time = now - TimeWithoutProcessor();
+  const auto own_time = now - TimeWithoutProcessor(schedstat.Get());
   turn_begin = now;
   if (!first_overdue) first_overdue = own_time;
   return own_time - *first_overdue >= limit;
@@ -134,7 +141,7 @@ void Server::Wait(int flags) {
 void Server::RunEvents(int flags) {
   event_base_loop(base.get(), flags);
   now = Clock::now();
-  slot.seen.store(now.time_since_epoch().count(), std::memory_order_relaxed);
+  Set(slot.seen, now.time_since_epoch().count());
   if (!std::exchange(second_passed, false)) return;
   ReportLostLines();
   if (on_idle) on_idle();
@@ -190,12 +197,8 @@ void Server::Read(Connection& connection) {
 
 void Server::Respond(Connection& connection) {
   const std::string request = connection.reader.Take();
-  slot.seen.store(now.time_since_epoch().count(), std::memory_order_relaxed);
-  slot.client_user.store(connection.peer.credential.uid, std::memory_order_relaxed);
-  slot.client_process.store(connection.peer.credential.pid, std::memory_order_relaxed);
-  slot.activity.store(Activity::kServing, std::memory_order_relaxed);
+  Set(slot.seen, now.time_since_epoch().count());
   connection.answer = (*handler)(connection.peer, request) + '\n';
-  slot.activity.store(Activity::kIdle, std::memory_order_relaxed);
   connection.deadline = now + limits.answer_deadline;
   Write(connection);
 }

@@ -9,6 +9,7 @@
 
 #include "backlog.h"
 #include "board.h"
+#include "owned_descriptor.h"
 #include "passed_descriptors.h"
 #include "peer.h"
 #include "queues.h"
@@ -66,6 +67,7 @@ class Server {
   bool descriptors_can_arrive = true;  // on the next connection
   PassedDescriptors descriptors;
   Queues queues;
+  const ZELT::TokenManager::OwnedDescriptor schedstat;
   Backlog backlog;
   Event tick;
   Event terminate;
