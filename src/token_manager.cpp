@@ -20,6 +20,16 @@
 namespace ZELT::TokenManager {
 namespace {
 
+// jsoncpp copies all other names of members, twice.
+const Json::StaticString kService("service");
+const Json::StaticString kRequester("requester");
+const Json::StaticString kPid("pid");
+const Json::StaticString kCreatedAt("created_at");
+const Json::StaticString kPayload("payload");
+const Json::StaticString kToken("token");
+const Json::StaticString kSuccess("success");
+const Json::StaticString kPermitted("permitted");
+
 std::string UserName(uid_t uid) {
   ZELTUser* found = nullptr;
   const int result = ZELTUserGetLocalByUID(uid, &found);
@@ -115,27 +125,27 @@ Json::Value TokenManager::GetInstalledConfig(const std::string& package) const {
 
 void TokenManager::IssueToken(const ucred& credential, const Json::Value& request,
                               Json::Value& response) {
-  response["success"] = false;
+  response[kSuccess] = false;
   const std::string service(StringMember(request, "service", "token_manager.cpp:95"));
   const std::string requester = UserName(credential.uid);
   const Json::Value config = GetInstalledConfig(PackageOf(requester));
 
   Json::Value data(Json::objectValue);
-  data["service"] = service;
-  data["requester"] = requester;
-  data["pid"] = credential.pid;
-  data["created_at"] = MonotonicTime();
-  data["payload"] = GetService(service)->Issue(request, MemberOrNull(config, service));
+  data[kService] = service;
+  data[kRequester] = requester;
+  data[kPid] = credential.pid;
+  data[kCreatedAt] = MonotonicTime();
+  data[kPayload] = GetService(service)->Issue(request, MemberOrNull(config, service));
 
   const std::string token = GenerateToken();
   InsertTokenInformation(token, data);
-  response["token"] = token;
-  response["success"] = true;
+  response[kToken] = token;
+  response[kSuccess] = true;
 }
 
 void TokenManager::ValidateToken(const ucred& /*credential*/, const Json::Value& request,
                                  Json::Value& response) {
-  Json::Value& success = response["success"] = false;
+  Json::Value& success = response[kSuccess] = false;
   const std::string token(StringMember(request, "token", "token_manager.cpp:120"));
   const std::string_view service = StringMember(request, "service", "token_manager.cpp:121");
 
@@ -144,14 +154,14 @@ void TokenManager::ValidateToken(const ucred& /*credential*/, const Json::Value&
     throw std::runtime_error("token_manager.cpp:130 unmatched service");
   }
 
-  Json::Value& permitted = response["permitted"] = Json::nullValue;
+  Json::Value& permitted = response[kPermitted] = Json::nullValue;
   permitted = GetService(std::string(service))->Validate(request, data);
   success = true;
 }
 
 void TokenManager::RevokeToken(const ucred& credential, const Json::Value& request,
                                Json::Value& response) const {
-  response["success"] = false;
+  response[kSuccess] = false;
   const std::string token(StringMember(request, "token", "token_manager.cpp:142"));
   const std::string_view service = StringMember(request, "service", "token_manager.cpp:143");
 
@@ -164,12 +174,12 @@ void TokenManager::RevokeToken(const ucred& credential, const Json::Value& reque
   if (owner != credential.pid) throw std::runtime_error("token_manager.cpp:156 unmatched pid");
 
   RemoveTokenInformation(token);
-  response["success"] = true;
+  response[kSuccess] = true;
 }
 
 void TokenManager::TransferToken(const ucred& credential, const Json::Value& request,
                                  Json::Value& response) const {
-  response["success"] = false;
+  response[kSuccess] = false;
   const std::string token(StringMember(request, "token", "token_manager.cpp:168"));
   const std::string_view service = StringMember(request, "service", "token_manager.cpp:169");
   const int new_owner = IntMember(request, "payload", "token_manager.cpp:170");
@@ -185,10 +195,10 @@ void TokenManager::TransferToken(const ucred& credential, const Json::Value& req
     throw std::runtime_error("token_manager.cpp:188 cannot transfer token ownership");
   }
 
-  data["pid"] = new_owner;
+  data[kPid] = new_owner;
   RemoveTokenInformation(token);
   InsertTokenInformation(token, data);
-  response["success"] = true;
+  response[kSuccess] = true;
 }
 
 }  // namespace ZELT::TokenManager

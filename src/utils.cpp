@@ -38,16 +38,16 @@ Json::Value SendRequest(const Json::Value& request) {
 
 Json::Value MakeRequest(const char* type, const std::string& service, const Json::Value& payload) {
   Json::Value request(Json::objectValue);
-  request["type"] = type;
-  request["service"] = service;
-  request["payload"] = payload;
+  request[Json::StaticString("type")] = type;
+  request[Json::StaticString("service")] = service;
+  request[Json::StaticString("payload")] = payload;
   return request;
 }
 
 Json::Value MakeRequest(const char* type, const std::string& service, const std::string& token,
                         const Json::Value& payload) {
   Json::Value request = MakeRequest(type, service, payload);
-  request["token"] = token;
+  request[Json::StaticString("token")] = token;
   return request;
 }
 

@@ -101,10 +101,10 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
 
 std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   const Clock::time_point begun = Clock::now();
-  slot.type = RequestType::kOther;
-  slot.client_user = peer.credential.uid;
-  slot.client_process = peer.credential.pid;
-  slot.activity = Activity::kServing;
+  Set(slot.type, RequestType::kOther);
+  Set(slot.client_user, peer.credential.uid);
+  Set(slot.client_process, peer.credential.pid);
+  Set(slot.activity, Activity::kServing);
   Json::Value request;
   Json::Value response(Json::objectValue);
   std::string answer;
@@ -117,7 +117,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     Refuse(peer, request, refusal.what());
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
-  slot.activity = Activity::kIdle;
+  Set(slot.activity, Activity::kIdle);
   return answer;
 }
 
@@ -156,12 +156,12 @@ void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Val
     throw std::runtime_error("not a JSON object");
   }
   const Operation& operation = Find(request);
-  slot.type = operation.type;
+  Set(slot.type, operation.type);
   ExpectSender(operation.sender, peer);
   ExpectWholeToken(request);
   if (operation.type == RequestType::kIssue) ExpectFewThings(request["payload"]);
   (this->*operation.run)(peer, request, response);
-  response["success"] = true;
+  response[Json::StaticString("success")] = true;
 }
 
 template <auto kMethod>

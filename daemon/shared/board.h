@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "refusals.h"
 
@@ -61,9 +62,16 @@ struct alignas(64) WorkerSlot {
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
+/// Sets a value that only this process writes. Readers do not need an order, which would cost a
+/// lock.
+template <typename T>
+void Set(std::atomic<T>& value, std::type_identity_t<T> now) {
+  value.store(now, std::memory_order_relaxed);
+}
+
 /// Adds one to a counter that only this process writes.
 inline void Count(std::atomic<std::uint64_t>& counter) {
-  counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  Set(counter, counter.load(std::memory_order_relaxed) + 1);
 }
 
 /// The names of the kinds of requests, in the order of the counters.
