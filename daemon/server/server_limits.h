@@ -22,7 +22,7 @@ struct ServerLimits {
   /// Connections that the kernel keeps for each listening socket until they are accepted
   /// (listen(2)); further clients wait in connect(2). The kernel keeps the order of arrival, so a
   /// client waits behind at most this many others, whichever user they belong to.
-  int backlog = 64;
+  int backlog = 96;
 
   /// For a whole request, counted from acceptance, however slowly it arrives.
   std::chrono::milliseconds request_deadline{5000};
