@@ -1,6 +1,5 @@
-// Load on the daemon and on its peers, each over its local socket and with a connection for each
-// request. Prints a line "NAME VALUE" for each figure; the first failure ends the program. It is
-// one process throughout, since only the process that owns a token may revoke or transfer it.
+// Load on the daemon and on its peers, with a connection for each request. Prints lines "NAME
+// VALUE"; the first failure ends the program. One process throughout, since it owns the tokens.
 #include <munge.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -10,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <functional>
 #include <iostream>
@@ -62,10 +60,6 @@ int Open(const std::string& path, decltype(connect)* open) {
   return fd;
 }
 
-void Send(int fd, std::string_view text) {
-  Check(send(fd, text.data(), text.size(), MSG_NOSIGNAL) > 0, "send");
-}
-
 void ReadUntil(int fd, std::string_view ending) {
   char buffer[1024];
   std::size_t got = 0;
@@ -78,9 +72,8 @@ void ReadUntil(int fd, std::string_view ending) {
 
 void Exchange(const std::string& path, const std::string& request, std::string_view ending) {
   const int fd = Open(path, connect);
-  Send(fd, request);
-  // The kernel wakes a process in recv(2) also when the peer takes the request, which would cost
-  // each request a switch of tasks. It does not wake poll(2).
+  Check(send(fd, request.data(), request.size(), MSG_NOSIGNAL) > 0, "send");
+  // When the peer takes the request, the kernel wakes a process in recv(2), but none in poll(2).
   pollfd wanted{.fd = fd, .events = POLLIN, .revents = 0};
   poll(&wanted, 1, -1);
   ReadUntil(fd, ending);
@@ -97,7 +90,7 @@ void ServeEcho() {
     for (;;) {
       const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
       ReadUntil(fd, "\n");
-      Send(fd, kPermitted);
+      Check(send(fd, kPermitted.data(), kPermitted.size(), MSG_NOSIGNAL) > 0, "send");
       close(fd);
     }
   }
@@ -121,42 +114,37 @@ void IssueAndValidate(std::size_t /*number*/) {
 
 void EncodeAndDecode(std::size_t /*number*/) {
   char* credential = nullptr;
-  const auto size = static_cast<int>(kRecord.size());
-  Check(munge_encode(&credential, nullptr, kRecord.data(), size) == EMUNGE_SUCCESS, "encode");
   void* payload = nullptr;
-  int length = 0;
-  Check(munge_decode(credential, nullptr, &payload, &length, nullptr, nullptr) == EMUNGE_SUCCESS,
-        "decode");
+  int size = static_cast<int>(kRecord.size());
+  munge_err_t error = munge_encode(&credential, nullptr, kRecord.data(), size);
+  if (!error) error = munge_decode(credential, nullptr, &payload, &size, nullptr, nullptr);
+  Check(error == EMUNGE_SUCCESS, munge_strerror(error));
   free(credential);
   free(payload);
 }
 
-// Visits all of `count` records evenly from the first step on.
-std::size_t Spread(std::size_t step, std::size_t count) {
-  constexpr double kGoldenRatio = 0.6180339887498949;
-  const double part = std::fmod(static_cast<double>(step) * kGoldenRatio, 1.0);
-  return static_cast<std::size_t>(part * static_cast<double>(count));
-}
+// Visits all records evenly from the first step on, with a stride close to the golden ratio.
+std::size_t Spread(std::size_t step, std::size_t count) { return step * 61803 % count; }
 
-// Prints how many operations as many clients as there are `connections` do in a second.
-void Load(const std::string& name, std::size_t connections, const Operation& operation) {
+// Returns how many operations as many clients as there are `connections` do in a second.
+double Rate(std::size_t connections, const Operation& operation) {
   std::atomic<std::size_t> done = 0;
-  std::vector<std::jthread> clients;
   const auto end = Clock::now() + kSlice;
-  for (std::size_t i = 0; i < connections; ++i) {
-    clients.emplace_back([&] {
-      while (Clock::now() < end) operation(Spread(done++, kCompared));
-    });
-  }
+  const auto repeat = [&] {
+    while (Clock::now() < end) operation(Spread(done++, kCompared));
+  };
+  std::vector<std::jthread> clients;
+  while (clients.size() < connections) clients.emplace_back(repeat);
   clients.clear();
-  std::cout << name << '/' << connections << ' ' << static_cast<double>(done) / kSlice.count()
-            << '\n';
+  return static_cast<double>(done) / kSlice.count();
 }
 
 // In short slices by turns: a busy neighbour slows one of them down and not the next.
-void Compare(std::size_t connections, const std::map<const char*, Operation>& all) {
+void Compare(std::size_t connections, const std::map<std::string, Operation>& all) {
   for (int slice = 0; slice < kSlices; ++slice) {
-    for (const auto& [name, operation] : all) Load(name, connections, operation);
+    for (const auto& [name, operation] : all) {
+      std::cout << name << '/' << connections << ' ' << Rate(connections, operation) << '\n';
+    }
   }
 }
 
