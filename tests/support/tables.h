@@ -34,6 +34,13 @@ inline std::vector<Cells> Section(const std::string& file, const std::string& ti
   return rows;
 }
 
+/// The first cells of a section, each with a newline.
+inline std::string Lines(const std::string& file, const std::string& title) {
+  std::string lines;
+  for (const Cells& row : Section(file, title)) lines += row[0] + "\n";
+  return lines;
+}
+
 /// Calls `call` with the first two cells of each row, read as JSON. The last cell is the outcome.
 template <typename Call>
 void CheckSection(const std::string& file, const std::string& title, const Call& call) {
