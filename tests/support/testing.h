@@ -90,8 +90,13 @@ inline void MountEmpty(const std::string& directory, const std::string& options)
   Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, options.c_str()), directory);
 }
 
-inline void Shell(const std::string& command) {
-  if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+/// Runs a command of the shell and returns its output.
+inline std::string Shell(const std::string& command) {
+  std::string output;
+  FILE* const pipe = popen(command.c_str(), "r");
+  for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) output += static_cast<char>(c);
+  if (pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
+  return output;
 }
 
 /// Mounts the file "image", in which an empty file system of the `type` is made the first time.
