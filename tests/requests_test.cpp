@@ -137,6 +137,7 @@ TEST_F(WorkerTest, DoesNothingWhenTheChangeDoesNotLast) {
   EXPECT_EQ(worker.AskFor("revoke", token), kRefused);
   EXPECT_EQ(worker.AskFor("transfer", token, kProcess), kRefused);
   worker.store.full = false;
+  EXPECT_EQ(worker.store.List({}, 0).rows.size(), 1U);
   EXPECT_EQ(worker.Validate(token), kPermitted);
   EXPECT_EQ(Logged([&] { EXPECT_EQ(worker.AskFor("revoke", token), kDone); }), "");
 }
