@@ -18,6 +18,8 @@ using testing::StartsWith;
 
 constexpr uid_t kAlice = 4001;
 constexpr uid_t kBob = 4002;
+constexpr const char* kPath = "/tmp/store/tokens.mdb";
+const StoreOptions kOptions{.path = kPath};
 constexpr const char* kUnknown = "the store has no such token";
 constexpr const char* kStranger =
     "the peer has the process id of the owner, but is another process";
@@ -29,15 +31,9 @@ Peer PeerOf(uid_t uid, pid_t pid = getpid()) {
 
 /// A daemon of one worker, with what a token manager does with its store.
 struct Daemon {
-  explicit Daemon(const StoreOptions& store_options = Options()) : options(store_options) {
+  explicit Daemon(const StoreOptions& store_options = kOptions) : options(store_options) {
     CheckStore(options);
     opened = OpenStore(options, lock, slot);
-  }
-
-  static StoreOptions Options() {
-    StoreOptions options;
-    options.path = "/tmp/store/tokens.mdb";
-    return options;
   }
 
   std::string InChange(const Peer& peer, const std::function<void(TokenStore&)>& use) const {
@@ -56,20 +52,18 @@ struct Daemon {
     return InChange(peer, [&](TokenStore& store) { store.Insert(token, Value(data)); });
   }
 
-  std::string Revoke(const std::string& token, const Peer& peer = PeerOf(kAlice)) const {
+  // Revokes it, or transfers it to an heir.
+  std::string Revoke(const std::string& token, const Peer& peer = PeerOf(kAlice),
+                     std::optional<pid_t> heir = {}) const {
     return InChange(peer, [&](TokenStore& store) {
-      store.GetAssociatedData(token);
+      Json::Value data = store.GetAssociatedData(token);
       store.Remove(token);
+      data["pid"] = heir.value_or(0);
+      if (heir) store.Insert(token, data);
     });
   }
-
-  std::string Transfer(const std::string& token, pid_t pid) const {
-    return InChange(PeerOf(kAlice), [&](TokenStore& store) {
-      Json::Value data = store.GetAssociatedData(token);
-      data["pid"] = pid;
-      store.Remove(token);
-      store.Insert(token, data);
-    });
+  std::string Transfer(const std::string& token, pid_t heir) const {
+    return Revoke(token, PeerOf(kAlice), heir);
   }
 
   std::string Pid(const std::string& token) const {
@@ -186,9 +180,7 @@ TEST_F(StoreTest, TellsWhichProcessesLive) {
 }
 
 TEST_F(StoreTest, LimitsUsersAndDropsTheirOrphansFirst) {
-  StoreOptions options = Daemon::Options();
-  options.tokens_per_user = 5;
-  const Daemon daemon(options);
+  const Daemon daemon({.path = kPath, .tokens_per_user = 5});
   Sleeper dead;
   for (const char* token : {"a", "b", "c"}) daemon.Issue(token, PeerOf(kAlice, dead.pid));
   for (const char* token : {"d", "e"}) EXPECT_EQ(daemon.Issue(token), "done");
@@ -203,12 +195,7 @@ TEST_F(StoreTest, LimitsUsersAndDropsTheirOrphansFirst) {
 }
 
 TEST_F(StoreTest, LimitsTokensAndEachUsersShare) {
-  StoreOptions options = Daemon::Options();
-  options.bytes = 2U << 20;
-  const Daemon daemon(options);
-  const std::string many = "[" + Repeated("1,", 255);
-  EXPECT_EQ(daemon.Issue("a", PeerOf(kAlice), many + "1]"), "done");
-  EXPECT_THAT(daemon.Issue("b", PeerOf(kAlice), many + "1,1]"), HasSubstr("257 grants"));
+  const Daemon daemon({.path = kPath, .bytes = 2U << 20});
   const std::string large = "'" + std::string(60'000, 'x') + "'";
   EXPECT_THAT(daemon.Issue("b", PeerOf(kAlice), "[" + large + "," + large + "]"),
               HasSubstr("more than 65536"));
@@ -219,11 +206,10 @@ TEST_F(StoreTest, LimitsTokensAndEachUsersShare) {
 }
 
 TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
-  StoreOptions options = Daemon::Options();
-  options.drop_orphans_after = std::chrono::nanoseconds(1);
+  const std::chrono::nanoseconds soon(1);
   {
     Sleeper dead;
-    const Daemon daemon(options);
+    const Daemon daemon({.path = kPath, .drop_orphans_after = soon});
     daemon.Issue("a");
     daemon.Issue("b", PeerOf(kAlice, dead.pid));
     dead.End();
@@ -233,9 +219,7 @@ TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
     daemon.opened.store->KeepHouse();
     EXPECT_EQ(daemon.Ids(), "1,");
   }
-  options.max_age = std::chrono::nanoseconds(1);
-  options.tokens_per_user = 1;
-  const Daemon daemon(options);
+  const Daemon daemon({.path = kPath, .tokens_per_user = 1, .max_age = soon});
   EXPECT_EQ(daemon.Pid("a"), kUnknown);
   EXPECT_EQ(daemon.Issue("c"), "done") << "in the place of the old one";
   EXPECT_EQ(daemon.opened.store->GetStatistics()["tokens"], 1U);
@@ -248,10 +232,7 @@ void FillAndEmpty(const Cells& row) {
   signal(SIGXFSZ, SIG_IGN);
   const rlimit limit{.rlim_cur = std::stoul(row[1]), .rlim_max = RLIM_INFINITY};
   Check(setrlimit(RLIMIT_FSIZE, &limit), "setrlimit");
-  StoreOptions options = Daemon::Options();
-  options.bytes = std::stoul(row[2]);
-  options.users_share = 1;
-  const Daemon daemon(options);
+  const Daemon daemon({.path = kPath, .bytes = std::stoul(row[2]), .users_share = 1});
   for (int round = 0; round < 3; ++round) {
     std::string outcome;
     int tokens = -1;
@@ -274,9 +255,7 @@ TEST_F(StoreTest, RevokesHoweverFullTheStoreIs) {
 }
 
 TEST_F(StoreTest, WaitsForAReaderThatWasStoppedToBeKilled) {
-  StoreOptions options = Daemon::Options();
-  options.bytes = 1U << 20;
-  options.users_share = 1;
+  const StoreOptions options{.path = kPath, .bytes = 1U << 20, .users_share = 1};
   Daemon(options).Issue("a");
   const pid_t reader = Start([&] {
     Database database(options.path, MapBytes(options), Database::Use::kServe);
@@ -319,19 +298,17 @@ TEST_F(StoreTest, FindsTablesThatDisagree) {
   for (const char* name : {"tokens", "ids", "usage", "meta"}) {
     MountEmpty("/tmp", "mode=755");
     Fill();
-    const StoreOptions options = Daemon::Options();
-    Database database(options.path, MapBytes(options), Database::Use::kServe);
+    Database database(kPath, MapBytes(kOptions), Database::Use::kServe);
     Transaction change = database.BeginWrite();
     MDB_dbi table = 0;
     Expect(mdb_dbi_open(change.get(), name, 0, &table), name);
-    MDB_val key{};
-    MDB_val value{};
+    MDB_val key{}, value{};
     Expect(mdb_cursor_get(OpenCursor(change.get(), table).get(), &key, &value, MDB_FIRST), name);
     std::string zeros(value.mv_size, '\0');
     value.mv_data = zeros.data();
     Expect(mdb_put(change.get(), table, &key, &value, 0), name);
     database.Commit(std::move(change));
-    EXPECT_THAT(Outcome([&] { CheckStore(options); }), HasSubstr("is damaged, or not")) << name;
+    EXPECT_THAT(Outcome([&] { CheckStore(kOptions); }), HasSubstr("is damaged, or not")) << name;
   }
 }
 
@@ -350,11 +327,8 @@ TEST_F(StoreTest, IsUsedByOneDaemonOnly) {
 
 TEST_F(StoreTest, MakesItsDirectory) {
   const mode_t mask = umask(0);
-  StoreOptions options = Daemon::Options();
-  options.public_directory = "/tmp/c";
   for (const char* path : {"/tmp/a/b/tokens", "/tmp/c/tokens"}) {
-    options.path = path;
-    Daemon{options};
+    Daemon({.path = path, .public_directory = "/tmp/c"});
   }
   EXPECT_EQ(Shell("stat -c '%a %n' /tmp/a /tmp/a/b /tmp/a/b/tokens /tmp/c"),
             Lines("store.txt", "modes"));
@@ -362,9 +336,7 @@ TEST_F(StoreTest, MakesItsDirectory) {
 }
 
 TEST_F(StoreTest, TheTextStoreHasItsOwnDirectoryAndOneOwnerForAToken) {
-  StoreOptions options;
-  options.format = StoreFormat::kText;
-  options.path = "/tmp/tokens";
+  StoreOptions options{.path = "/tmp/tokens", .format = StoreFormat::kText};
   EXPECT_THAT(Outcome([&] { Daemon{options}; }),
               StartsWith("/tmp was not created by the text store, which would change its mode;"));
   EXPECT_EQ(fs::status("/tmp").permissions(), fs::perms(0755));
