@@ -10,7 +10,7 @@
 #include "record.h"
 #include "request_handler.h"
 #include "store_file.h"
-#include "support/testing.h"
+#include "support/tables.h"
 
 namespace ZELT::RequestsTests {
 
@@ -453,27 +453,7 @@ TEST_F(CheckTest, SaysWhatAUserWouldBeGranted) {
 
 // The example in the documentation.
 TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
-  const auto ask = [](const Json::Value& payload) {
-    Json::Value request = Value("{'requester':'@r'}");
-    request["payload"] = payload;
-    return request;
-  };
-  const auto issue = [&](const Json::Value& payload, const Json::Value& privilege) {
-    return TokenManager::Printing().Issue(ask(payload), privilege);
-  };
-  const auto validate = [&](const Json::Value& payload, const Json::Value& grant) {
-    return TokenManager::Printing().Validate(ask(payload), ask(grant));
-  };
-  const char* grants = "[{'printer':'laser','user':['bob']},{'printer':'plotter'}]";
-  CheckRows("", issue,
-            {{"5", grants, "printing: invalid type of 'payload', String expected"},
-             {"'laser'", "{}", "printing: invalid type, Array expected"},
-             {"'inkjet'", grants, "printing: inkjet is not granted"},
-             {"'plotter'", grants, "{'printer':'plotter'}"}});
-  CheckRows("", validate,
-            {{"'@r'", "{'printer':'plotter'}", "true"},
-             {"'@s'", "{'printer':'plotter'}", "false"},
-             {"'@s'", "{'printer':'laser','user':['@s']}", "true"}});
+  CheckService<TokenManager::Printing>("printing");
 }
 
 }  // namespace ZELT::RequestsTests
