@@ -33,7 +33,7 @@ void Hold(Session& session) {
 
 void HoldSessions(const std::string& title) {
   std::vector<Session> sessions;
-  for (const std::string& line : Lines("command_line.txt", title)) {
+  for (const std::string& line : SectionLines("command_line.txt", title)) {
     if (line.front() == '$') sessions.emplace_back();
     sessions.back()[line.front()] += line.substr(std::min<std::size_t>(2, line.size())) + "\n";
   }

@@ -27,7 +27,7 @@ TEST_F(JsonTextTest, IsReadStrictlyAndWrittenAsItIsRead) {
     EXPECT_TRUE(fromString(row.at(0), value)) << row[0];
     EXPECT_EQ(toString(value), row.at(1));
   }
-  Cells refused = Lines("json_text.txt", "refused");
+  Cells refused = SectionLines("json_text.txt", "refused");
   refused.insert(refused.end(),
                  {"", "{}\0{}"s, "\"a\nb\"", "\"\xff\"", Deep(kMaxJsonDepth + 1), Deep(100000)});
   for (const std::string& text : refused) EXPECT_FALSE(fromString(text, value)) << text;

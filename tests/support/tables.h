@@ -15,7 +15,7 @@ inline const int table_folder = open(ZELT_TABLES, O_PATH | O_DIRECTORY | O_CLOEX
 
 /// The lines of a section of tests/tables/FILE, less comments and empty lines. A line "== TITLE"
 /// begins the section.
-inline std::vector<std::string> Lines(const std::string& file, const std::string& title) {
+inline std::vector<std::string> SectionLines(const std::string& file, const std::string& title) {
   std::ifstream text("/proc/self/fd/" + std::to_string(table_folder) + "/" + file);
   std::vector<std::string> lines;
   bool found = false;
@@ -33,7 +33,7 @@ using Cells = std::vector<std::string>;
 /// The rows of a section: " | " stands between two cells of a line.
 inline std::vector<Cells> Section(const std::string& file, const std::string& title) {
   std::vector<Cells> rows;
-  for (std::string line : Lines(file, title)) {
+  for (std::string line : SectionLines(file, title)) {
     Cells& cells = rows.emplace_back();
     for (std::size_t end = 0; (end = line.find(" | ")) != line.npos; line.erase(0, end + 3)) {
       cells.push_back(line.substr(0, end));
