@@ -10,7 +10,7 @@ namespace ZELT::CliTests {
 // What happens in a session: lines by the sign with which they begin (tests/tables/).
 using Session = std::map<char, std::string>;
 
-void Hold(Session& session) {
+void CheckSession(Session& session) {
   OwnedDescriptor daemon;
   if (session.contains('<')) daemon = ListenAt(kSocket);
   Program program(session['$']);
@@ -31,29 +31,29 @@ void Hold(Session& session) {
   EXPECT_EQ(errors.peek(), EOF) << session['$'] << program.Errors();
 }
 
-void HoldSessions(const std::string& title) {
+void CheckSessions(const std::string& title) {
   std::vector<Session> sessions;
   for (const std::string& line : SectionLines("command_line.txt", title)) {
     if (line.front() == '$') sessions.emplace_back();
     sessions.back()[line.front()] += line.substr(std::min<std::size_t>(2, line.size())) + "\n";
   }
-  for (Session& session : sessions) Hold(session);
+  for (Session& session : sessions) CheckSession(session);
 }
 
 using CliTest = ProgramsTest;
 
-TEST_F(CliTest, TellsWhatIsWrongWithItsWords) { HoldSessions("words"); }
+TEST_F(CliTest, TellsWhatIsWrongWithItsWords) { CheckSessions("words"); }
 
 TEST_F(CliTest, SaysWhoseSocketItIs) {
   WriteFile(kSocket, "");
   if (chown(kSocket, 4001, 4001) != 0) GTEST_SKIP() << "no other user here";
-  HoldSessions("a socket of alice");
+  CheckSessions("a socket of alice");
 }
 
-TEST_F(CliTest, AsksTheDaemonAndTakesBackWhatNobodyWouldOwn) { HoldSessions("exchanges"); }
+TEST_F(CliTest, AsksTheDaemonAndTakesBackWhatNobodyWouldOwn) { CheckSessions("exchanges"); }
 
 TEST_F(CliTest, RunsACommandAndGivesItsTokenBack) {
-  HoldSessions("commands");
+  CheckSessions("commands");
   mkfifo("/tmp/payload", 0600);
   const OwnedDescriptor daemon = ListenAt(kSocket);
   Program early("exec zelttoken run fastapi @payload -- sh -c 'while :; do sleep 0.01; done'");
@@ -69,7 +69,7 @@ TEST_F(CliTest, RunsACommandAndGivesItsTokenBack) {
 
 TEST_F(CliTest, AgreesWithTheDaemon) {
   const Daemon daemon;
-  HoldSessions("the daemon");
+  CheckSessions("the daemon");
 }
 
 }  // namespace ZELT::CliTests

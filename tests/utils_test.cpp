@@ -65,11 +65,15 @@ TEST_F(UtilsTest, ClientsSendNothingToStrangers) {
     Check(seteuid(row.listener), "seteuid");
     const OwnedDescriptor first = ListenAt(kSocketPath);
     Check(seteuid(0), "seteuid");
-    Check(lchown(kSocketPath, row.owner, 0), kSocketPath);
+    Check(chown(kSocketPath, row.owner, 0), kSocketPath);
     EXPECT_EQ(ForeignOwner(kSocketPath).has_value(), row.owner == 4002);
     const std::jthread client([] { EXPECT_EQ(Send("revoke"), "true"); });
     EXPECT_NE(AnswerOne(row.trusted ? first : second, R"({"success":true})"), "") << row.listener;
   }
+  fs::remove(kSocketPath);
+  fs::create_symlink(kSecondSocketPath, kSocketPath);
+  Check(lchown(kSocketPath, 4002, 0), kSocketPath);
+  EXPECT_TRUE(ForeignOwner(kSocketPath).has_value()) << "whose link it is";
 }
 
 }  // namespace ZELT::TokenManager::UtilsTests
