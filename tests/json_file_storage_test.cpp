@@ -22,6 +22,7 @@ TEST_F(JsonFileStorageTest, MakesTheDirectoryAndTheLockFile) {
   storage.Insert("abc", Value("{'a':'line\\nbreak'}"));
   storage.Insert("abc", 2);
   EXPECT_EQ(ReadFile(kStore), "abc {\"a\":\"line\\nbreak\"}\nabc 2\n");
+  EXPECT_EQ(storage.GetStatistics().type(), Json::nullValue);
 }
 
 TEST_F(JsonFileStorageTest, NeedsNoDirectoryAndNoAccessToALockFileThatExists) {

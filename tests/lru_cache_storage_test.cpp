@@ -52,6 +52,8 @@ TEST_F(LRUCacheTest, DropsWhatIsTooLarge) {
   EXPECT_EQ(TakeLog(), Evicting(0, 1) + Evicting(0, 1) +
                            "<4>storage/lru_cache_storage.cpp:162 failed to find record in cache\n");
   EXPECT_EQ(Text(cache.GetStatistics()), "{'hit':0,'miss':0,'total':0}");
+  EXPECT_EQ(Outcome([] { LRUCacheStorage none(64); }),
+            "~Could not initialize buffer in basic_managed_external_buffer constructor");
 }
 
 // Records of many sizes, so that each allocation of an insert is once the one that fails.
