@@ -2,13 +2,11 @@
 // revoke tokens all the while, and note on a board in shared memory what they were told. After each
 // blow what the daemon answers is compared with the board. To be run by scripts/torture.
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include <list>
 #include <map>
 #include <optional>
-#include <unordered_set>
 
 #include "support/clients.h"
 #include "support/serving.h"
@@ -38,8 +36,6 @@ const struct {
     {"random bytes", Times(4000, "") + "\n", 0, kRefused},
     {"too long", Times(2 << 20, "a"), 0, "none"},
     {"too deep", Times(1 << 20, "[") + "\n", 0, kRefused},
-    {"deep members", Times(200000, "{\"a\":") + "\n", 0, kRefused},
-    {"just too deep", Times(1001, "[") + Times(1001, "]") + "\n", 0, kRefused},
     {"NUL bytes", "{\"type\":\"" + Times(100000, "\\u0000") + "\"}\n", 0, kRefused},
     {"many values", "[" + Times(90000, "0,") + "0]\n", 0, kRefused},
     {"one byte at a time", kUnknown, 1000, kRefused},
@@ -123,16 +119,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     for (const pid_t worker : workers) {  // which have become children of this process
       EXPECT_TRUE(Eventually([&] { return waitpid(worker, nullptr, WNOHANG) != 0; })) << worker;
     }
-    CheckLog();
-  }
-
-  void CheckLog() {
-    static const std::regex words("[A-Za-z0-9_-]{32,}");
-    while (learnt < board->count) tokens.insert(board->records.at(++learnt).token.data());
-    const std::string log = daemon->Errors();
-    for (std::sregex_iterator word(log.begin(), log.end(), words), end; word != end; ++word) {
-      EXPECT_FALSE(tokens.contains(word->str())) << "a token in the log: " << word->str();
-    }
   }
 
   // Sends a worker a signal, and waits for its replacement.
@@ -187,6 +173,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
 
   // Fills the store, or the file system below it. Revoking goes on all the while.
   static void Fill() {
+    const std::uint32_t count = board->count;
     board->counts[kFull] = board->pause = 0;
     board->slot_count = kManySlots;
     board->mode = Mode::kHoard;
@@ -198,7 +185,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     };
     EXPECT_TRUE(Eventually(is_full)) << "nothing was full";
     board->mode = Mode::kDrain;
-    const auto many = board->counts[kRevoked] + 500;
+    const auto many = board->counts[kRevoked] + std::max(500U, (board->count - count) / 2);
     EXPECT_TRUE(Eventually([many] { return board->counts[kRevoked] > many; })) << "not revoked";
     ballast.close();
     fs::remove(kFolder + "/ballast");
@@ -207,17 +194,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->pause = kPause;
     board->mode = Mode::kUsual;
     Pause(200000);
-  }
-
-  void TakeDescriptors() {
-    board->cut = true;
-    for (const rlim_t count : {3, 10000}) {
-      const rlimit limit = {.rlim_cur = count, .rlim_max = 10000};
-      for (const pid_t worker : daemon->Children()) prlimit(worker, RLIMIT_NOFILE, &limit, nullptr);
-      Pause(300000);
-    }
-    AwaitService();
-    board->cut = false;
   }
 
   // Damages a token on a disk that notices, and has workers read it.
@@ -287,8 +263,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   std::optional<Daemon> daemon;
-  std::unordered_set<std::string> tokens;
-  std::uint32_t learnt = 0;
 };
 
 constexpr const char* kSoon = "--request-timeout 2s";
@@ -307,7 +281,6 @@ const Phase kPhases[] = {
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
     {"FullBtrfs", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "btrfs"},
     {"FullStore", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "tmpfs", "--store-size 4M"},
-    {"Descriptors", 0.02, 20, [](Torture& t) { t.TakeDescriptors(); }},
     {"DamagedBlock", 0.02, 10, [](Torture& t) { t.DamageBlock(); }, kAny, "btrfs"},
     {"NumberTaken", 0.02, 50, [](Torture&) { Torture::TakeNumber(); }},
     {"PowerCut", 0.10, 200, [](Torture& t) { t.CutPower(); }, kAny, "ext4"},
