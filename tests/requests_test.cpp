@@ -21,7 +21,7 @@ constexpr const char* kDone = "{'success':true}";
 constexpr const char* kPermitted = "{'permitted':true,'success':true}";
 
 std::vector<Cells> Rows(const std::string& section) { return Section("requests.txt", section); }
-std::string Lines(const std::string& section) { return ZELT::Lines("requests.txt", section); }
+std::string Lines(const std::string& section) { return SectionText("requests.txt", section); }
 
 std::string With(const std::string& value, const std::string& name, const std::string& text) {
   return std::regex_replace(text, std::regex(name), value);
@@ -296,18 +296,7 @@ TEST_F(CheckTest, SaysWhatAUserWouldBeGranted) {
 
 // The example in the documentation.
 TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
-  TokenManager::Printing service;
-  const auto ask = [](const Json::Value& payload) {
-    Json::Value request = Value("{'requester':'@r'}");
-    request["payload"] = payload;
-    return request;
-  };
-  CheckSection("requests.txt", "printing: issue", [&](const auto& payload, const auto& grants) {
-    return service.Issue(ask(payload), grants);
-  });
-  CheckSection("requests.txt", "printing: validate", [&](const auto& payload, const auto& grant) {
-    return service.Validate(ask(payload), ask(grant));
-  });
+  CheckService<TokenManager::Printing>("printing");
 }
 
 }  // namespace ZELT::RequestsTests

@@ -331,7 +331,7 @@ TEST_F(StoreTest, MakesItsDirectory) {
     Daemon({.path = path, .public_directory = "/tmp/c"});
   }
   EXPECT_EQ(Shell("stat -c '%a %n' /tmp/a /tmp/a/b /tmp/a/b/tokens /tmp/c"),
-            Lines("store.txt", "modes"));
+            SectionText("store.txt", "modes"));
   umask(mask);
 }
 

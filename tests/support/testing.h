@@ -61,26 +61,6 @@ std::string Outcome(const Call& call) {
   }
 }
 
-/// One call with two JSON values. An outcome that begins with a digit is an error text less its
-/// source file, and "NN 'name' Type" is short for "NN invalid type of 'name', Type expected".
-struct Row {
-  const char* first;
-  const char* second;
-  const char* outcome;
-};
-
-template <typename Call>
-void CheckRows(const std::string& source, const Call& call, const std::vector<Row>& rows) {
-  static const std::regex short_form("(\\d+) ('\\w+') (\\w+)");
-  for (const Row& row : rows) {
-    const std::string file = *row.outcome >= '0' && *row.outcome <= '9' ? source + ":" : "";
-    EXPECT_EQ(
-        Outcome([&] { return call(Value(row.first), Value(row.second)); }),
-        file + std::regex_replace(row.outcome, short_form, "$1 invalid type of $2, $3 expected"))
-        << row.first << " with " << row.second;
-  }
-}
-
 inline void Check(int result, const std::string& what) {
   if (result != 0) throw std::system_error(errno, std::generic_category(), what);
 }
