@@ -15,6 +15,16 @@ namespace ZELT::ProgramsTests {
 using TokenManager::UnixAddress;
 using zeltdaemon::DomainSockConnection;
 
+constexpr const char* kSecondSocket = "/run/zelttokenmgr/socket";
+constexpr const char* kDone = "{'success':true}";
+
+void ExpectFailure(const std::string& command, int exit_code, const std::string& error) {
+  Program program(command);
+  EXPECT_EQ(program.End(), exit_code) << command;
+  EXPECT_EQ(program.Output(), "") << command;
+  EXPECT_TRUE(program.Logs(error)) << command << program.Errors();
+}
+
 bool Has(const std::vector<pid_t>& processes, pid_t process) {
   return std::find(processes.begin(), processes.end(), process) != processes.end();
 }
@@ -28,8 +38,8 @@ int Bound(const std::string& name, int type) {
 
 TEST_F(ProgramsTest, OnlyOneServesAndItStopsClean) {
   Daemon daemon("--workers 2 --audit");
-  CheckProgram("exec zelttokenmgrd --store /run/other/tokens.mdb",
-               {1, "", "zelttokenmgrd: another daemon serves /tmp/zelttokenmgr.sock\n"});
+  ExpectFailure("exec zelttokenmgrd --store /run/other/tokens.mdb", 1,
+                "zelttokenmgrd: another daemon serves /tmp/zelttokenmgr.sock\n");
   const std::string token = Issue();
   for (const char* path : {kSocket, kSecondSocket}) {
     EXPECT_EQ(fs::status(path).permissions(), fs::perms(0666));
@@ -58,8 +68,8 @@ TEST_F(ProgramsTest, LeavesAloneWhatOthersPutAtItsAddress) {
       Shell(row[0]);
     }
     const std::string found = Shell("stat -c '%F %u %i' /tmp/zelttokenmgr.sock");
-    CheckProgram("exec zelttokenmgrd",
-                 {1, "", "cannot listen on /tmp/zelttokenmgr.sock: " + row[1] + "\n"});
+    ExpectFailure("exec zelttokenmgrd", 1,
+                  "cannot listen on /tmp/zelttokenmgr.sock: " + row[1] + "\n");
     EXPECT_EQ(Shell("stat -c '%F %u %i' /tmp/zelttokenmgr.sock"), found);
     fs::remove(kSocket);
     Daemon daemon;
@@ -74,8 +84,8 @@ TEST_F(ProgramsTest, ServesSocketsThatWerePassedOn) {
   const int first = Bound(kSocket, SOCK_STREAM);
   const int other = Bound("/tmp/other", SOCK_STREAM);
   const std::string redirect = " 3<&" + std::to_string(first) + " 4<&" + std::to_string(other);
-  CheckProgram("LISTEN_PID=$$ LISTEN_FDS=2 exec zelttokenmgrd" + redirect,
-               {1, "", "descriptor 3 was passed on but is not a listening"});
+  ExpectFailure("LISTEN_PID=$$ LISTEN_FDS=2 exec zelttokenmgrd" + redirect, 1,
+                "descriptor 3 was passed on but is not a listening");
   for (const int fd : {first, other}) ASSERT_EQ(listen(fd, 16), 0);
   std::string token;
   for (int start = 0; start < 2; ++start) {
@@ -92,8 +102,7 @@ TEST_F(ProgramsTest, ServesSocketsThatWerePassedOn) {
     EXPECT_EQ(daemon.End(SIGTERM), 0);
   }
   // They were passed to somebody else, and so somebody else serves.
-  CheckProgram("LISTEN_PID=1 LISTEN_FDS=2 exec zelttokenmgrd" + redirect,
-               {1, "", "another daemon"});
+  ExpectFailure("LISTEN_PID=1 LISTEN_FDS=2 exec zelttokenmgrd" + redirect, 1, "another daemon");
   for (const int fd : {first, other}) close(fd);
 }
 
@@ -228,7 +237,7 @@ TEST_F(ProgramsTest, IsNotHeldUpBySilentClients) {
 TEST_F(ProgramsTest, TellsWhatIsWrongWithItsOptions) {
   fs::permissions("/tmp/newline", fs::perms(0600));
   for (const Cells& row : Section("daemon.txt", "options")) {
-    CheckProgram("zelttokenmgrd " + row[0], {std::stoi(row[1]), "", row[2]});
+    ExpectFailure("zelttokenmgrd " + row[0], std::stoi(row[1]), row[2]);
   }
 }
 
