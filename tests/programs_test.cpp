@@ -1,13 +1,11 @@
 // The daemon as processes, on a private machine.
-#include "support/programs.h"
-
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstring>
 #include <list>
 
-#include "support/tables.h"
+#include "support/sessions.h"
 #include "unix_address.h"
 
 namespace ZELT::ProgramsTests {
@@ -234,11 +232,10 @@ TEST_F(ProgramsTest, IsNotHeldUpBySilentClients) {
   EXPECT_TRUE(daemon.Logs("closing the oldest"));
 }
 
-TEST_F(ProgramsTest, TellsWhatIsWrongWithItsOptions) {
-  fs::permissions("/tmp/newline", fs::perms(0600));
-  for (const Cells& row : Section("daemon.txt", "options")) {
-    ExpectFailure("zelttokenmgrd " + row[0], std::stoi(row[1]), row[2]);
-  }
-}
+TEST_F(ProgramsTest, TellsWhatIsWrongWithItsOptions) { CheckSessions("daemon.txt", "options"); }
+
+TEST_F(ProgramsTest, ChecksFiles) { CheckSessions("daemon.txt", "faults in files"); }
+
+TEST_F(ProgramsTest, SaysWhatAUserWouldBeGranted) { CheckSessions("daemon.txt", "grants"); }
 
 }  // namespace ZELT::ProgramsTests

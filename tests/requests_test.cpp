@@ -1,7 +1,4 @@
-// Requests as a worker answers them, and --check.
-#include <sstream>
-
-#include "check.h"
+// Requests as a worker answers them.
 #include "indexed_store.h"
 #include "printing.h"
 #include "record.h"
@@ -25,10 +22,6 @@ std::string Lines(const std::string& section) { return SectionText("requests.txt
 
 std::string With(const std::string& value, const std::string& name, const std::string& text) {
   return std::regex_replace(text, std::regex(name), value);
-}
-
-void WriteFiles(const std::string& section) {
-  for (const Cells& row : Rows(section)) WriteFile(row.at(0), row.at(1));
 }
 
 Peer From(uid_t user, pid_t process = getpid()) {
@@ -81,7 +74,7 @@ struct WorkerTest : PrivateFiles {
   void SetUp() override {
     PrivateFiles::SetUp();
     if (IsSkipped()) return;
-    WriteFiles("files of packages");
+    for (const Cells& row : Rows("files of packages")) WriteFile(row.at(0), row.at(1));
     lock.emplace(kStore);
   }
   std::optional<StoreLock> lock;
@@ -242,26 +235,7 @@ TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
   }
 }
 
-using CheckTest = PrivateFiles;
-
-std::string Checked() {
-  std::ostringstream findings;
-  const int exit_code = CheckFiles(kInstalled, findings);
-  return findings.str() + "exit " + std::to_string(exit_code);
-}
-
-TEST_F(CheckTest, NamesEachFile) {
-  WriteFiles("files with faults");
-  fs::resize_file("/var/packages/e/conf/privilege", (64U << 10) + 1);
-  fs::resize_file("/var/installed/e", (4U << 20) + 1);
-  fs::create_symlink("f", kInstalled + "/f");
-  for (const Cells& row : Rows("open to all")) {
-    fs::permissions(row[0], fs::perms::others_write, fs::perm_options::add);
-  }
-  EXPECT_EQ(Checked(), Lines("findings") + "exit 1");
-}
-
-TEST_F(CheckTest, NamesWhoElseMayWrite) {
+TEST_F(WorkerTest, NamesWhoElseMayWrite) {
   WriteFile("/tmp/file", "");
   for (const Cells& row : Rows("writers")) {
     const int chowned = chown("/tmp/file", static_cast<uid_t>(std::stoul(row[0])),
@@ -270,28 +244,6 @@ TEST_F(CheckTest, NamesWhoElseMayWrite) {
     fs::permissions("/tmp/file", fs::perms(std::stoul(row[2], nullptr, 8)));
     EXPECT_EQ(ForeignWriter("/tmp/file"), row[3] == "nobody" ? "" : row[3]);
   }
-}
-
-TEST_F(CheckTest, SaysWhatAUserWouldBeGranted) {
-  const auto issued = [](const std::string& user, const std::string& service,
-                         const std::string& payload) {
-    std::ostringstream output;
-    const int exit_code = CheckIssue(kInstalled, user, service, payload, output);
-    return std::to_string(exit_code) + " " + output.str();
-  };
-  WriteFiles("granted files");
-  EXPECT_EQ(Checked(), "exit 0");
-  WriteFile("/var/packages/any/conf/privilege", "[]");
-  for (const Cells& row : Rows("grants")) {
-    EXPECT_EQ(issued(row[0], row[1], row[2]), row[3] + " " + row[4] + "\n");
-  }
-  const std::string grant = Rows("grants")[0][2];
-  const std::string many = "[" + Repeated(grant.substr(1, grant.size() - 2) + ",", 256);
-  EXPECT_NE(issued("alice", "fastapi", many + grant.substr(1)).find("257 grants"), many.npos);
-  fs::remove_all("/var/packages");
-  const std::string missing = "/var/packages: No such file or directory\n";
-  EXPECT_EQ(issued("alice", "fastapi", "[]"), "1 " + missing);
-  EXPECT_EQ(Checked(), missing + "exit 1");
 }
 
 // The example in the documentation.
