@@ -110,7 +110,7 @@ TEST_F(ServerTest, AUserAtALimitLosesTheOldestAndIsLoggedOnce) {
 }
 
 TEST_F(ServerTest, AServerEndsWithOrWithoutTheBacklog) {
-  TestServer server(kPath, {.backlog = 128});
+  TestServer server(kPath, {.backlog = 128, .request_deadline = std::chrono::hours(1)});
   Clients clients;
   while (clients.size() < 100) clients.emplace_back(kPath, "stop\n");
   const Client incomplete(kPath, "req");

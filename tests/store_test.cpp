@@ -90,14 +90,9 @@ void Fill() {
   for (int i = 0; i < 300; ++i) EXPECT_EQ(daemon.Issue("t" + std::to_string(i)), "done");
 }
 
-// A process that lives until it is ended.
-struct Sleeper {
-  pid_t pid = Start([] { return pause(); });
-  ~Sleeper() { End(); }
-  void End() {
-    if (pid != 0) EndProcess(std::exchange(pid, 0));
-  }
-};
+pid_t StartSleeper() {
+  return Start([] { return pause(); });
+}
 
 using StoreTest = PrivateFiles;
 
@@ -111,7 +106,8 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
     EXPECT_EQ(store.ChangedId(), 3U);
     for (const bool reinserted : {false, true}) {
       const Change change(store, PeerOf(kAlice));
-      const Json::Value data = store.GetAssociatedData("a");
+      Json::Value data = store.GetAssociatedData("a");
+      data["pid"] = getppid();
       store.Remove("a");
       EXPECT_EQ(daemon.Pid("a"), kUnknown);
       if (reinserted) store.Insert("a", data);
@@ -130,32 +126,32 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
 
 TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
   const Daemon daemon;
-  Sleeper other;
+  const pid_t other = StartSleeper();
   static std::atomic<pid_t> thread_number = 0;
   std::thread([] { thread_number = gettid(), pause(); }).detach();
   EXPECT_TRUE(Eventually([&] { return thread_number != 0; }));
   EXPECT_EQ(daemon.Issue("a"), "done");
-  const Sleeper zombie;
-  kill(zombie.pid, SIGKILL);
-  EXPECT_TRUE(Eventually([&] { return !IdentifyProcess(zombie.pid); }));
-  for (const pid_t pid : {0, -1, thread_number.load(), zombie.pid, 1 << 22}) {
+  const pid_t zombie = StartSleeper();
+  kill(zombie, SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return !IdentifyProcess(zombie); }));
+  for (const pid_t pid : {0, -1, thread_number.load(), zombie, 1 << 22}) {
     EXPECT_THAT(daemon.Transfer("a", pid), StartsWith("no living process has the id"));
     EXPECT_THAT(daemon.Issue("b", PeerOf(kAlice, pid)), HasSubstr("is gone"));
   }
-  EXPECT_EQ(daemon.Revoke("a", PeerOf(kAlice, other.pid)), kStranger);
+  EXPECT_EQ(daemon.Revoke("a", PeerOf(kAlice, other)), kStranger);
 
   // Whoever connected before the owner had started is not the owner, though the number be the same.
-  Peer early = PeerOf(kAlice, other.pid);
+  Peer early = PeerOf(kAlice, other);
   early.accepted = std::chrono::nanoseconds(1);
   EXPECT_THAT(daemon.Issue("b", early), HasSubstr("is gone"));
-  EXPECT_EQ(daemon.Transfer("a", other.pid), "done");
+  EXPECT_EQ(daemon.Transfer("a", other), "done");
   EXPECT_EQ(daemon.Revoke("a"), kStranger);
   EXPECT_EQ(daemon.Revoke("a", early), kStranger);
   EXPECT_EQ(daemon.Ids({.user = kAlice}), "1,");  // the user who asked for it, and the id, stay
-  EXPECT_EQ(daemon.Pid("a"), std::to_string(other.pid));
-  EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0]["pid"], other.pid);
+  EXPECT_EQ(daemon.Pid("a"), std::to_string(other));
+  EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0]["pid"], other);
   EXPECT_EQ(daemon.Ids({.orphans = true}), "");
-  other.End();
+  EndProcess(other);
   EXPECT_EQ(daemon.Ids({.orphans = true}), "1,");
 }
 
@@ -181,12 +177,12 @@ TEST_F(StoreTest, TellsWhichProcessesLive) {
 
 TEST_F(StoreTest, LimitsUsersAndDropsTheirOrphansFirst) {
   const Daemon daemon({.path = kPath, .tokens_per_user = 5});
-  Sleeper dead;
-  for (const char* token : {"a", "b", "c"}) daemon.Issue(token, PeerOf(kAlice, dead.pid));
+  const pid_t dead = StartSleeper();
+  for (const char* token : {"a", "b", "c"}) daemon.Issue(token, PeerOf(kAlice, dead));
   for (const char* token : {"d", "e"}) EXPECT_EQ(daemon.Issue(token), "done");
   EXPECT_THAT(daemon.Issue("f"), HasSubstr("user 4001 holds 5 of at most 5 tokens"));
-  EXPECT_EQ(daemon.Issue("g", PeerOf(kBob, dead.pid)), "done");
-  dead.End();
+  EXPECT_EQ(daemon.Issue("g", PeerOf(kBob, dead)), "done");
+  EndProcess(dead);
   EXPECT_TRUE(Eventually([&] { return daemon.Issue("f") == "done"; })) << "when it looks again";
   EXPECT_EQ(daemon.Ids(), "2,3,4,5,6,7,");
   for (const char* token : {"h", "i"}) EXPECT_EQ(daemon.Issue(token), "done");
@@ -208,11 +204,11 @@ TEST_F(StoreTest, LimitsTokensAndEachUsersShare) {
 TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
   const std::chrono::nanoseconds soon(1);
   {
-    Sleeper dead;
+    const pid_t dead = StartSleeper();
     const Daemon daemon({.path = kPath, .drop_orphans_after = soon});
     daemon.Issue("a");
-    daemon.Issue("b", PeerOf(kAlice, dead.pid));
-    dead.End();
+    daemon.Issue("b", PeerOf(kAlice, dead));
+    EndProcess(dead);
     EXPECT_NE(daemon.Pid("b"), kUnknown);  // an orphan that nobody has noted yet
     daemon.opened.store->KeepHouse();
     EXPECT_EQ(daemon.Pid("b"), kUnknown);
