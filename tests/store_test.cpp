@@ -199,6 +199,7 @@ TEST_F(StoreTest, LimitsTokensAndEachUsersShare) {
   while (token.size() < 100 && daemon.Issue(token, PeerOf(kAlice), large) == "done") token += "t";
   EXPECT_EQ(token.size(), 9U);  // after 8 of 15 pages each, in a quarter of 512 pages
   EXPECT_EQ(daemon.Issue("c", PeerOf(kBob), large), "done");
+  EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0]["grants"], 1U);
 }
 
 TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {

@@ -32,10 +32,6 @@ inline std::string Requoted(std::string text) {
   return text;
 }
 
-inline std::string Repeated(const std::string& text, int times) {
-  return times == 0 ? "" : text + Repeated(text, times - 1);
-}
-
 /// Reads JSON that is written so, and writes it on one line, members in the order of their names.
 inline Json::Value Value(const std::string& text) {
   Json::Value value;
