@@ -1,4 +1,4 @@
-// A service of one's own, "printing": tokens that grant the use of printers.
+// An example service, "printing": tokens that grant the use of printers.
 #pragma once
 
 #include <stdexcept>
@@ -15,7 +15,7 @@ class Printing : public TokenService {
  public:
   std::string GetName() override { return "printing"; }
 
-  /// Request: {"payload": the printer's name}. Returns the package's grant of that printer.
+  /// Request: {"payload": the printer's name}. Returns the package's grant for that printer.
   Json::Value Issue(const Json::Value& request, const Json::Value& privilege) override {
     const std::string_view printer = StringMember(request, "payload", "printing:");
     ExpectArray(privilege, "printing:");
