@@ -120,7 +120,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     command->add_option("--user", arguments.user, "Only tokens that this user requested")
         ->check(CheckFilter)
         ->type_name("USER");
-    command->add_option("--service", arguments.service, "Only tokens of this service")
+    command->add_option("--service", arguments.service, "Only tokens for this service")
         ->check(CheckFilter)
         ->type_name("SERVICE");
     command->add_flag("--orphans", arguments.orphans, "Only tokens whose owner has ended");

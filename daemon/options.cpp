@@ -75,13 +75,13 @@ void AddLimit(CLI::App& app, const std::string& name, Number& value, const std::
 void DescribeLimits(CLI::App& app, Options& options, RawOptions& raw) {
   AddLimit(app, "--workers", options.workers, "Worker processes; default: one per processor",
            unsigned{kMaxWorkers});
-  AddLimit(app, "--max-waiting", options.limits.waiting, "Waiting connections per worker");
+  AddLimit(app, "--max-waiting", options.limits.waiting, "Maximum waiting connections per worker");
   AddLimit(app, "--max-waiting-per-user", options.limits.waiting_per_user, "The same, per user");
-  AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user, "Tokens of one user",
-           std::uint64_t{std::numeric_limits<std::uint32_t>::max()});
+  AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user,
+           "Maximum tokens of one user", std::uint64_t{std::numeric_limits<std::uint32_t>::max()});
   AddDuration(app, "--max-age", raw.max_age, 1, "Drop tokens older than this");
   AddDuration(app, "--drop-orphans-after", raw.drop_orphans_after, 1,
-              "Drop tokens whose owner has been gone for this long");
+              "Drop tokens whose owner ended this long ago");
   AddDuration(app, "--request-timeout", raw.request_timeout, kShortestTimeout,
               "Replace a worker that is busy for longer than this");
 }
