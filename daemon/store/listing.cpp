@@ -88,7 +88,6 @@ Json::Value Row(const Entry& entry, bool alive) {
   const RecordHeader& header = entry.holding.header;
   Json::Value data;
   fromString(entry.text, data);
-  const Json::Value& grants = MemberOrNull(data, "payload");
   const auto age = std::chrono::duration_cast<std::chrono::seconds>(Age(header.issued));
   Json::Value row(Json::objectValue);
   row["id"] = Json::UInt64{header.id};
@@ -99,7 +98,7 @@ Json::Value Row(const Entry& entry, bool alive) {
   row["owner"] = alive ? ProcessName(header.owner_pid) : "";
   row["alive"] = alive;
   row["age"] = Json::Int64{age.count()};
-  row["grants"] = grants.isArray() ? grants.size() : 0;
+  row["grants"] = GrantCount(data);
   return row;
 }
 

@@ -1,0 +1,9 @@
+// Text of others that a terminal or a log shows.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+/// Returns `text` with control characters, U+0080 to U+009F, DEL, bidirectional controls, line
+/// separators and bytes that are not UTF-8 escaped.
+std::string Escaped(std::string_view text);
