@@ -42,17 +42,18 @@ int Check(const Options& options) {
 // Ends the daemon if no worker could open the store. A damaged file may kill the process that reads
 // it (mmap(2)), so child processes try it.
 void TryStore(const StoreOptions& options, const StoreLock& lock) {
-  RunInChild([&] { CheckStore(options); });
-  RunInChild([&] {
+  RunInChild(options.path, [&] { CheckStore(options); });
+  RunInChild(options.path, [&] {
     WorkerSlot slot;
     OpenStore(options, lock, slot);
   });
 }
 
 void Serve(const Options& options) {
-  const Listeners listeners = OpenListeners(options.limits.backlog);
+  // Locked first: a daemon that cannot have the store leaves the sockets to the one that has it.
   const StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
+  const Listeners listeners = OpenListeners(options.limits.backlog);
   Board& board = MapBoard();
   const WorkerContext context{options, listeners.sockets, store_lock, board};
   Supervisor supervisor(board, {.workers = options.workers,

@@ -7,8 +7,8 @@
 #include <memory>
 #include <regex>
 
+#include "expect.h"
 #include "json_text.h"
-#include "support.h"
 
 namespace {
 
@@ -71,8 +71,6 @@ bool HaveSameTypes(const Json::Value& one, const Json::Value& other) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) { return 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

@@ -18,8 +18,8 @@ literals() {
     s/\x27(\\.|[^\x27\\])\x27//g;
     s/(?<!\\)"\s*\n\s*"//g;
     s/"%s:%d ([^"]*)",\s*(?:kSource|"[^"]*"),\s*(\d+)/"$file:$2 $1"/g;
-    s/(String|Int|Object|Array)Member\(\w+, "(\w+)",\s*"([^"]*)"/"$3 invalid type of \\"$2\\", $1 expected"/g;
-    s/Expect(Array|String)\(\w+,\s*"([^"]*)"/"$2 invalid type, $1 expected"/g;
+    s/(String|Int|Object|Array)Member\([^,;]+, "(\w+)",\s*"([^"]*)"/"$3 invalid type of \\"$2\\", $1 expected"/g;
+    s/Expect(Array|String)\([^,;]+,\s*"([^"]*)"/"$2 invalid type, $1 expected"/g;
     my $string = qr/"(?:[^"\\\n]|\\.)*"/;
     for (/((?:[^;"]|$string)+)/g) {
       my $is_raised = /\b(throw |return SystemError|Log\(|syslog\()/;

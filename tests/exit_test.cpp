@@ -8,43 +8,26 @@
 
 namespace ZELT::TokenManager::ExitTests {
 
-constexpr int kFailed = 1;
-constexpr int kSkipped = 77;
-
-void Demand(bool holds) {
-  if (!holds) _exit(kFailed);
-}
-
-void UseStore(TokenStorage& storage) {
-  storage.Insert("t", 18446744073709551616.0);
-  Demand(Text(storage.GetAssociatedData("t")) == "1.8446744073709552e+19");
-  storage.Remove("t");
-}
+void Demand(bool holds) { holds ? void() : _exit(1); }
 
 // `name` is that of a store that nobody else uses meanwhile.
 void UseEverything(const std::string& name) {
   JsonFileStorage file("/tmp/" + name + "/tokens");
-  file.Insert("other", name);
-  UseStore(file);
   LRUCacheStorage cache(65536);
-  UseStore(cache);
+  file.Insert("other", name);
+  for (TokenStorage* storage : std::initializer_list<TokenStorage*>{&file, &cache}) {
+    storage->Insert("t", 18446744073709551616.0);
+    Demand(Text(storage->GetAssociatedData("t")) == "1.8446744073709552e+19");
+    storage->Remove("t");
+  }
   Demand(SendIssueRequest("s", name) == "t" && SendValidateRequest("s", "t", {}));
   Demand(SendRevokeRequest("s", "t") && SendTransferRequest("s", "t", 1));
 }
 
 // Made before anything that a first use of the library makes, and so destroyed after it.
 struct Late {
-  ~Late() {
-    UseEverything("destructor");
-    WriteFile("/tmp/done", "");
-  }
+  ~Late() { UseEverything("destructor"), WriteFile("/tmp/done", ""); }
 } late;
-
-[[noreturn]] void Serve() {
-  for (const OwnedDescriptor daemon = ListenAt(kSocketPath);;) {
-    AnswerOne(daemon, R"({"success":true,"permitted":true,"token":"t"})");
-  }
-}
 
 // What a process does before it ends: some uses in the first one, none in the second.
 int Live(bool uses) {
@@ -65,14 +48,18 @@ int Live(bool uses) {
 int main() {
   using namespace ZELT;
   using namespace ZELT::TokenManager::ExitTests;
-  if (Outcome(EnterPrivateMachine) != "done") _exit(kSkipped);
-  const pid_t daemon = Start([]() -> int { Serve(); });
+  if (Outcome(EnterPrivateMachine) != "done") _exit(77);  // skipped
+  const pid_t daemon = Start([] {
+    const OwnedDescriptor listener = ListenAt(TokenManager::kSocketPath);
+    while (true) AnswerOne(listener, R"({"success":true,"permitted":true,"token":"t"})");
+    return 0;
+  });
   Eventually([] { return fs::exists(TokenManager::kSocketPath); });
   for (const bool uses : {true, false}) {
     const pid_t process = fork();
     if (process == 0) return Live(uses);
-    if (Finish(process) != 0 || !fs::remove("/tmp/done")) _exit(kFailed);
+    Demand(Finish(process) == 0 && fs::remove("/tmp/done"));
   }
-  kill(daemon, SIGKILL);
+  EndProcess(daemon);
   _exit(0);
 }

@@ -1,8 +1,6 @@
 #include "zelttokenmanager/storage/json_file_storage.h"
 
-#include <fnmatch.h>
-
-#include "support/testing.h"
+#include "support/tables.h"
 
 namespace ZELT::TokenManager::JsonFileStorageTests {
 
@@ -24,6 +22,7 @@ TEST_F(JsonFileStorageTest, MakesTheDirectoryAndTheLockFile) {
   storage.Insert("abc", Value("{'a':'line\\nbreak'}"));
   storage.Insert("abc", 2);
   EXPECT_EQ(ReadFile(kStore), "abc {\"a\":\"line\\nbreak\"}\nabc 2\n");
+  EXPECT_EQ(storage.GetStatistics().type(), Json::nullValue);
 }
 
 TEST_F(JsonFileStorageTest, NeedsNoDirectoryAndNoAccessToALockFileThatExists) {
@@ -39,69 +38,35 @@ TEST_F(JsonFileStorageTest, NeedsNoDirectoryAndNoAccessToALockFileThatExists) {
   }
 }
 
-// A store, the outcome of reading "abc", and what is left of the store once "abc" was removed.
-constexpr const char* kInvalid = "storage/json_file_storage.cpp:147 invalid token";
-const Row kLineRows[] = {
-    {"abcd 2\nabc 1\n", "1", "abcd 2\n"}, {"xabc 2\nabc 1\ny 2\n", "1", "xabc 2\ny 2\n"},
-    {"abc 1\nabc 2\n", "1", "abc 2\n"},   {"x \"abc 5\"\nabc 1\n", "1", "x \"abc 5\"\n"},
-    {"x 0\nabc 1", "1", "x 0\n"},         {"x 0\nabc {\"a\":", kInvalid, "x 0\n"},
-    {"x 0\nabc", kInvalid, "x 0\nabc"},   {"\n\n \n#\nabc 1\n\n", "1", "\n\n \n#\n\n"},
-};
-
 TEST_F(JsonFileStorageTest, FindsTheFirstLineOfAToken) {
   JsonFileStorage storage(kStore);
-  for (const Row& row : kLineRows) {
-    WriteFile(kStore, row.first);
-    EXPECT_EQ(Outcome([&] { return storage.GetAssociatedData("abc"); }), row.second) << row.first;
+  for (const Cells& row : Section("storage.txt", "files")) {
+    WriteFile(kStore, Value(Requoted(row.at(0))).asString());
+    EXPECT_EQ(Outcome([&] { return storage.GetAssociatedData("abc"); }), row.at(1)) << row[0];
     storage.Remove("abc");
-    EXPECT_EQ(ReadFile(kStore), row.outcome) << row.first;
+    EXPECT_EQ(ReadFile(kStore), Value(Requoted(row.at(2))).asString()) << row[0];
   }
 }
-
-struct FailureRow {
-  const char* damage;  // to the store, which holds "abc 1": commands of the shell
-  const char* insert;  // the outcomes, as of fnmatch(3)
-  const char* remove;
-  const char* get;
-};
-
-constexpr const char* kNoLock = "token_storage.cpp:27 failed to lock: No such file or directory";
-constexpr const char* kMissing = "storage/json_file_storage.cpp:115 invalid token";
-constexpr const char* kUnmapped = "~*";  // whatever the mapping throws
-constexpr const char* kLoop = "boost::filesystem::*: Too many levels of symbolic links*";
-const FailureRow kFailureRows[] = {
-    {"rm tokens.lock", kNoLock, kNoLock, kNoLock},
-    {"rm tokens", "done", "done", kMissing},
-    {": >tokens", "done", kUnmapped, kUnmapped},
-    {"ln -sf none/none tokens", "storage/json_file_storage.cpp:43 failed to create storage", "done",
-     kMissing},
-    {"rm tokens; ln -s tokens tokens", kLoop, kLoop, kLoop},
-    {"ln -sf /dev/full tokens", "storage/json_file_storage.cpp:55 failed to update storage",
-     kUnmapped, kUnmapped},
-    {"rm tokens; mkdir tokens", "storage/json_file_storage.cpp:48 failed to open storage",
-     kUnmapped, kUnmapped},
-};
 
 TEST_F(JsonFileStorageTest, ReportsEachFailureAndKeepsNothingOpen) {
   JsonFileStorage storage(kStore);
   fs::current_path("/tmp/a/b");
   const long descriptors = OpenDescriptors();
-  for (const FailureRow& row : kFailureRows) {
-    const auto expect = [&](const char* outcome, const std::function<void()>& call) {
-      fs::remove_all(kStore);
-      WriteFile(kLock, "");
-      WriteFile(kStore, "abc 1\n");
-      EXPECT_EQ(std::system(row.damage), 0);
-      const std::string seen = Outcome(call);
-      EXPECT_EQ(fnmatch(outcome, seen.c_str(), 0), 0) << row.damage << ": " << seen;
-    };
-    expect(row.insert, [&] { storage.Insert("new", 5); });
-    expect(row.remove, [&] { storage.Remove("abc"); });
-    expect(row.get, [&] { storage.GetAssociatedData("abc"); });
+  const std::function<void()> operations[] = {[&] { storage.Insert("new", 5); },
+                                              [&] { storage.Remove("abc"); },
+                                              [&] { storage.GetAssociatedData("abc"); }};
+  for (const Cells& row : Section("storage.txt", "failures")) {
+    for (std::size_t i = 0; i < 3; ++i) {
+      Shell("rm -rf tokens; touch tokens.lock; echo abc 1 >tokens; " + row[0]);
+      const std::string seen = Outcome(operations[i]);
+      EXPECT_NE(seen.find(row.at(i + 1)), std::string::npos) << row[0] << ": " << seen;
+    }
   }
-  EXPECT_EQ(std::system("ln -sf none/none tokens.lock"), 0);
-  EXPECT_EQ(Outcome([] { JsonFileStorage again(kStore); }),
-            "storage/json_file_storage.cpp:34 failed to create lock file");
+  for (const char* make : {"mkfifo", "ln -s none/none"}) {
+    Shell(std::string("rm tokens.lock; ") + make + " tokens.lock");
+    EXPECT_EQ(Outcome([] { JsonFileStorage again(kStore); }),
+              "storage/json_file_storage.cpp:34 failed to create lock file");
+  }
   EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 

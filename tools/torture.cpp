@@ -2,15 +2,13 @@
 // revoke tokens all the while, and note on a board in shared memory what they were told. After each
 // blow what the daemon answers is compared with the board. To be run by scripts/torture.
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include <list>
 #include <map>
 #include <optional>
-#include <unordered_set>
 
-#include "support/clients.h"
+#include "clients.h"
 #include "support/serving.h"
 
 namespace ZELT::Torture {
@@ -38,8 +36,6 @@ const struct {
     {"random bytes", Times(4000, "") + "\n", 0, kRefused},
     {"too long", Times(2 << 20, "a"), 0, "none"},
     {"too deep", Times(1 << 20, "[") + "\n", 0, kRefused},
-    {"deep members", Times(200000, "{\"a\":") + "\n", 0, kRefused},
-    {"just too deep", Times(1001, "[") + Times(1001, "]") + "\n", 0, kRefused},
     {"NUL bytes", "{\"type\":\"" + Times(100000, "\\u0000") + "\"}\n", 0, kRefused},
     {"many values", "[" + Times(90000, "0,") + "0]\n", 0, kRefused},
     {"one byte at a time", kUnknown, 1000, kRefused},
@@ -90,13 +86,13 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::setbuf(stdout, nullptr);
     StartDaemon();
-    SeatAll();
+    StartClients();
     ASSERT_TRUE(Eventually([] { return board->counts[kAnswered] > 5000; })) << daemon->Errors();
     board->pause = kPause;
   }
 
   void TearDown() override {
-    UnseatAll();
+    EndClients();
     daemon.reset();
     umount2(kFolder.c_str(), MNT_DETACH);
   }
@@ -123,16 +119,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     for (const pid_t worker : workers) {  // which have become children of this process
       EXPECT_TRUE(Eventually([&] { return waitpid(worker, nullptr, WNOHANG) != 0; })) << worker;
     }
-    CheckLog();
-  }
-
-  void CheckLog() {
-    static const std::regex words("[A-Za-z0-9_-]{32,}");
-    while (learnt < board->count) tokens.insert(board->records.at(++learnt).token.data());
-    const std::string log = daemon->Errors();
-    for (std::sregex_iterator word(log.begin(), log.end(), words), end; word != end; ++word) {
-      EXPECT_FALSE(tokens.contains(word->str())) << "a token in the log: " << word->str();
-    }
   }
 
   // Sends a worker a signal, and waits for its replacement.
@@ -146,10 +132,10 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->cut = true;
     SignalClients(SIGKILL);
     EndDaemon(SIGKILL, true);
-    UnseatAll();
+    EndClients();
     board->cut = false;
     StartDaemon();
-    SeatAll();
+    StartClients();
   }
 
   // Stops a worker until the other one waits for a lock, and goes on waiting. Stops make a worker
@@ -170,12 +156,14 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   static void StaySilent() {
-    const auto connect = [] {
-      std::list<Client> clients;
-      while (clients.size() < 1000) clients.emplace_back(kSocket);
-      return Pause(500000), 0;
-    };
-    EXPECT_EQ(Finish(Start(connect, 4666)), 0);
+    const pid_t silent = Start(
+        [] {
+          std::list<Client> clients;
+          while (clients.size() < 1000) clients.emplace_back(kSocket);
+          return Pause(500000), 0;
+        },
+        4666);
+    EXPECT_EQ(Finish(silent), 0);
   }
 
   static void SendHostile() {
@@ -187,6 +175,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
 
   // Fills the store, or the file system below it. Revoking goes on all the while.
   static void Fill() {
+    const std::uint32_t count = board->count;
     board->counts[kFull] = board->pause = 0;
     board->slot_count = kManySlots;
     board->mode = Mode::kHoard;
@@ -198,7 +187,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     };
     EXPECT_TRUE(Eventually(is_full)) << "nothing was full";
     board->mode = Mode::kDrain;
-    const auto many = board->counts[kRevoked] + 500;
+    const auto many = board->counts[kRevoked] + std::max(500U, (board->count - count) / 2);
     EXPECT_TRUE(Eventually([many] { return board->counts[kRevoked] > many; })) << "not revoked";
     ballast.close();
     fs::remove(kFolder + "/ballast");
@@ -207,46 +196,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->pause = kPause;
     board->mode = Mode::kUsual;
     Pause(200000);
-  }
-
-  void TakeDescriptors() {
-    board->cut = true;
-    for (const rlim_t count : {3, 10000}) {
-      const rlimit limit = {.rlim_cur = count, .rlim_max = 10000};
-      for (const pid_t worker : daemon->Children()) prlimit(worker, RLIMIT_NOFILE, &limit, nullptr);
-      Pause(300000);
-    }
-    AwaitService();
-    board->cut = false;
-  }
-
-  // Damages a token on a disk that notices, and has workers read it.
-  void DamageBlock() {
-    SignalClients(SIGSTOP);
-    EndDaemon(SIGTERM);
-    // btrfs checks only what may be written to a new place, which the store asked it not to do.
-    Shell("cd " + kFolder + " && cp tokens.mdb x && mv x tokens.mdb");
-    StartDaemon();
-    const Record& victim = board->records.at(IssueNew());  // no other page has held it
-    const std::string token = victim.token.data();
-    const auto write = [&token](char first) {
-      Shell("for at in $(grep -abo -e '" + token.substr(1) + "' image | cut -d: -f1); do printf " +
-            first + " | dd of=image bs=1 conv=notrunc seek=$((at - 1)) status=none; done");
-    };
-    write('!');
-    kill(daemon->pid, SIGSTOP);
-    for (const pid_t worker : daemon->Children()) {  // what they have mapped stays in memory
-      const std::string maps = "/proc/" + std::to_string(worker) + "/maps";
-      kill(worker, SIGKILL);
-      EXPECT_TRUE(Eventually([&] { return ReadFile(maps).empty(); }));
-    }
-    Shell("dd of=" + kStore + " oflag=nocache conv=notrunc count=0 status=none");
-    kill(daemon->pid, SIGCONT);
-    for (int i = 0; i < 15; ++i) EXPECT_EQ(Send("validate", victim, kRun), Answer::kNone);
-    Audit(20);
-    write(token[0]);
-    AwaitService();
-    SignalClients(SIGCONT);
   }
 
   void CutPower() {
@@ -287,8 +236,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   std::optional<Daemon> daemon;
-  std::unordered_set<std::string> tokens;
-  std::uint32_t learnt = 0;
 };
 
 constexpr const char* kSoon = "--request-timeout 2s";
@@ -298,7 +245,7 @@ const Phase kPhases[] = {
     {"DaemonKilled", 0.10, 200, [](Torture& t) { t.EndDaemon(SIGKILL), t.StartDaemon(); }, kAny},
     {"AllKilled", 0.06, 50, [](Torture& t) { t.KillAll(); }, kAny},
     {"DaemonRestarted", 0.04, 50, [](Torture& t) { t.EndDaemon(SIGTERM), t.StartDaemon(); }, kAny},
-    {"ClientKilled", 0.03, 100, [](Torture&) { Seat(Below(kClients)); }},
+    {"ClientKilled", 0.03, 100, [](Torture&) { Restart(Below(kClients)); }},
     {"WorkerStopped", 0.06, 20, [](Torture& t) { t.Strike(SIGSTOP); }, 1, "tmpfs", kSoon},
     {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 4, "tmpfs", kSoon},
     {"Silent", 0.04, 20, [](Torture&) { Torture::StaySilent(); }},
@@ -307,8 +254,6 @@ const Phase kPhases[] = {
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
     {"FullBtrfs", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "btrfs"},
     {"FullStore", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "tmpfs", "--store-size 4M"},
-    {"Descriptors", 0.02, 20, [](Torture& t) { t.TakeDescriptors(); }},
-    {"DamagedBlock", 0.02, 10, [](Torture& t) { t.DamageBlock(); }, kAny, "btrfs"},
     {"NumberTaken", 0.02, 50, [](Torture&) { Torture::TakeNumber(); }},
     {"PowerCut", 0.10, 200, [](Torture& t) { t.CutPower(); }, kAny, "ext4"},
 };

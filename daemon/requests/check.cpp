@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "configuration.h"
+#include "escaped_text.h"
 #include "json_text.h"
 #include "packages.h"
 #include "services.h"
@@ -27,7 +28,7 @@ class Findings {
   explicit Findings(std::ostream& findings_output) : output(findings_output) {}
 
   void Add(const std::string& finding) {
-    output << finding << '\n';
+    output << Escaped(finding) << '\n';
     found = true;
   }
   void Add(const std::string& file, const std::string& what) {
@@ -207,7 +208,8 @@ int CheckIssue(const std::string& installed_config, const std::string& user,
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
     const Refusal refusal = Explain(error.what(), uid, installed_config);
-    output << refusal.reason << (refusal.cause.empty() ? "" : " (" + refusal.cause + ")") << '\n';
+    const std::string cause = refusal.cause.empty() ? "" : " (" + refusal.cause + ")";
+    output << Escaped(refusal.reason + cause) << '\n';
     return EXIT_FAILURE;
   }
 }

@@ -26,7 +26,7 @@ enum class RequestType : std::uint8_t {
   kStatus,
   kOther
 };
-constexpr std::size_t kRequestTypes = 8;
+constexpr std::size_t kRequestTypes = static_cast<std::size_t>(RequestType::kOther) + 1;
 
 /// What a worker is doing. A worker that waits for the store is not stuck itself; the worker that
 /// holds the store is.

@@ -12,7 +12,7 @@ using ZELT::TokenManager::TextOf;
 
 namespace {
 
-// These keep a page to a few milliseconds, in which its worker serves nobody else.
+// These limit a page to a few milliseconds, in which its worker serves no other request.
 constexpr std::size_t kMostRows = 100;
 constexpr std::size_t kMostSeen = 1024;             // tokens
 constexpr std::size_t kMostTextBytes = 256U << 10;  // of the rows' records
@@ -88,7 +88,6 @@ Json::Value Row(const Entry& entry, bool alive) {
   const RecordHeader& header = entry.holding.header;
   Json::Value data;
   fromString(entry.text, data);
-  const Json::Value& grants = MemberOrNull(data, "payload");
   const auto age = std::chrono::duration_cast<std::chrono::seconds>(Age(header.issued));
   Json::Value row(Json::objectValue);
   row["id"] = Json::UInt64{header.id};
@@ -99,7 +98,7 @@ Json::Value Row(const Entry& entry, bool alive) {
   row["owner"] = alive ? ProcessName(header.owner_pid) : "";
   row["alive"] = alive;
   row["age"] = Json::Int64{age.count()};
-  row["grants"] = grants.isArray() ? grants.size() : 0;
+  row["grants"] = GrantCount(data);
   return row;
 }
 

@@ -17,10 +17,14 @@ constexpr std::chrono::seconds kRest{1};
 
 }  // namespace
 
+Json::ArrayIndex GrantCount(const Json::Value& data) {
+  const Json::Value& payload = MemberOrNull(data, "payload");
+  return payload.isArray() ? payload.size() : 1;
+}
+
 void ExpectSmallToken(const Json::Value& data, std::string_view text) {
-  const Json::Value& grants = MemberOrNull(data, "payload");
-  if (grants.isArray() && grants.size() > kMaxGrants) {
-    throw std::runtime_error("the token would hold " + std::to_string(grants.size()) +
+  if (GrantCount(data) > kMaxGrants) {
+    throw std::runtime_error("the token would hold " + std::to_string(GrantCount(data)) +
                              " grants, more than " + std::to_string(kMaxGrants));
   }
   if (text.size() > kMaxTextBytes) {

@@ -44,7 +44,7 @@ std::string ReadAll(int fd) {
 
 }  // namespace
 
-void RunInChild(const std::function<void()>& work) {
+void RunInChild(const std::string& subject, const std::function<void()>& work) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe");
@@ -59,6 +59,10 @@ void RunInChild(const std::function<void()>& work) {
   int status = 0;
   waitpid(child, &status, 0);
   if (!text.empty()) throw std::runtime_error(text);
-  if (WIFSIGNALED(status)) throw std::runtime_error(strsignal(WTERMSIG(status)));
-  if (WEXITSTATUS(status) != EXIT_SUCCESS) throw std::runtime_error("the process failed");
+  if (WIFSIGNALED(status)) {
+    throw std::runtime_error(subject + " cannot be used: " + strsignal(WTERMSIG(status)));
+  }
+  if (WEXITSTATUS(status) != EXIT_SUCCESS) {
+    throw std::runtime_error(subject + " cannot be used: the process failed");
+  }
 }

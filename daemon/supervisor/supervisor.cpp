@@ -28,11 +28,12 @@ using std::chrono::seconds;
 
 namespace {
 
-// Between checks of the workers. Until the first one serves, the service manager waits for it.
+// Between checks of the workers. The second applies until the first worker is ready, because the
+// service manager waits for it.
 constexpr milliseconds kCheckInterval{500};
 constexpr milliseconds kStartInterval{2};
 
-// Before the replacement of a worker that ended without having served anything.
+// Before the replacement of a worker that ended without serving a request.
 constexpr milliseconds kFirstDelay{10};
 constexpr milliseconds kLongestDelay{1000};
 
@@ -41,7 +42,7 @@ constexpr milliseconds kLongestDelay{1000};
 constexpr milliseconds kKillGrace{1000};
 constexpr std::size_t kMaxLingering = 16;
 
-// Longer than any answer may take.
+// Longer than any response may take.
 constexpr seconds kStopGrace{6};
 
 // If they were ignored, faults would recur at once or stay hidden, and children would leave no exit
@@ -156,7 +157,7 @@ void Supervisor::Run() {
 void Supervisor::StartWorkers() {
   for (std::size_t number = 0; number < workers.size(); ++number) {
     const Worker& worker = workers[number];
-    const bool is_due = worker.pid == 0 && worker.born <= Clock::now();
+    const bool is_due = worker.pid == 0 && worker.start <= Clock::now();
     if (is_due && !Start(number)) return;  // the others would fail too
   }
 }
@@ -167,7 +168,7 @@ bool Supervisor::Start(std::size_t number) {
   slot.activity = Activity::kIdle;
   slot.seen = Now().count();
   // Recorded before the worker can do anything.
-  Worker started = {.served_before = Served(slot), .born = Clock::now(), .delay = worker.delay};
+  Worker started = {.served_before = Served(slot), .start = Clock::now(), .delay = worker.delay};
   const pid_t pid = fork();
   if (pid == 0) Work(slot);
   if (pid < 0) {
@@ -203,7 +204,7 @@ void Supervisor::Work(WorkerSlot& slot) {
 int Supervisor::AwaitSignal() {
   auto next = ready ? next_check : Clock::now() + kStartInterval;
   for (const Worker& worker : workers) {
-    if (worker.pid == 0) next = std::min(next, worker.born);
+    if (worker.pid == 0) next = std::min(next, worker.start);
   }
   return TakeSignal(signals, next);
 }
@@ -228,20 +229,20 @@ void Supervisor::HandleDeath(std::size_t number, int status) {
   slot.pid = 0;
   worker.pid = 0;
   if (!WasToldToEnd(status)) Count(board.deaths);
-  ScheduleStart(worker,
-                Served(slot) != worker.served_before || Clock::now() - worker.born > kLongestDelay);
+  ScheduleStart(
+      worker, Served(slot) != worker.served_before || Clock::now() - worker.start > kLongestDelay);
 }
 
 void Supervisor::ScheduleStart(Worker& worker, bool has_worked) {
   worker.delay =
       has_worked ? milliseconds(0) : std::clamp(2 * worker.delay, kFirstDelay, kLongestDelay);
-  worker.born = Clock::now() + worker.delay;
+  worker.start = Clock::now() + worker.delay;
 }
 
 void Supervisor::AnnounceReadiness() {
   const auto serves = [this](const Worker& worker) {
     const WorkerSlot& slot = board.slots[static_cast<std::size_t>(&worker - workers.data())];
-    return worker.pid != 0 && nanoseconds(slot.seen) > worker.born.time_since_epoch();
+    return worker.pid != 0 && nanoseconds(slot.seen) > worker.start.time_since_epoch();
   };
   if (ready || std::none_of(workers.begin(), workers.end(), serves)) return;
   ready = true;
@@ -269,10 +270,22 @@ void Supervisor::CheckWorker(std::size_t number) {
     return;
   }
   if (TimeSinceSeen(slot) <= Patience(slot, settings.request_timeout)) return;
+  if (WaitsForAnother(slot)) return;
   Log(LOG_ERR, "worker %d has not responded for %.1f s, %s; killing it", worker.pid,
       std::chrono::duration<double>(TimeSinceSeen(slot)).count(), Doing(slot).c_str());
   kill(worker.pid, SIGKILL);
   worker.killed = Clock::now();
+}
+
+// Returns whether the worker waits for the store, but another one has waited for longer. That one
+// may have been stopped after it got the store, before it recorded so. Killing it lets the others
+// continue.
+bool Supervisor::WaitsForAnother(const WorkerSlot& slot) const {
+  const auto waits_longer = [&slot](const WorkerSlot& other) {
+    return other.pid != 0 && other.activity == Activity::kWaitingForStore && other.seen < slot.seen;
+  };
+  return slot.activity == Activity::kWaitingForStore &&
+         std::any_of(board.slots.begin(), board.slots.end(), waits_longer);
 }
 
 // The killed worker never runs again, so another one can use its slot.

@@ -60,7 +60,7 @@ class Supervisor {
   struct Worker {
     pid_t pid = 0;                       // 0: none
     std::uint64_t served_before = 0;     // requests that its predecessors have answered
-    Clock::time_point born{};            // start time or, without a process, when to start it
+    Clock::time_point start{};           // start time or, without a process, when to start it
     std::chrono::milliseconds delay{0};  // before it is started again
     std::optional<Clock::time_point> killed{};  // when it was killed for being stuck
   };
@@ -75,6 +75,7 @@ class Supervisor {
   void AnnounceReadiness();
   void CheckWorkers();
   void CheckWorker(std::size_t number);
+  bool WaitsForAnother(const WorkerSlot& slot) const;
   void Abandon(Worker& worker, WorkerSlot& slot);
   void NotifyWatchdog();
   void Stop();

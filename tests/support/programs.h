@@ -61,10 +61,8 @@ struct Daemon : Program {
 };
 
 constexpr const char* kSocket = "/tmp/zelttokenmgr.sock";
-constexpr const char* kSecondSocket = "/run/zelttokenmgr/socket";
 inline const std::string kStore = "/run/zelttokenmgr/tokens.mdb";
 constexpr const char* kRefused = "{'success':false}";
-constexpr const char* kDone = "{'success':true}";
 constexpr const char* kPermitted = "{'permitted':true,'success':true}";
 inline const std::string kGet = "[{'api':'Demo.Item','method':'get'}]";
 inline const std::string kRun = "{'api':'Demo.Item','method':'get','runner':'root'}";
@@ -85,18 +83,6 @@ struct ProgramsTest : PrivateFiles {
     WriteFile("/tmp/newline", "\n");
     WriteFile("/var/packages/root", "");
     WriteFile("/var/lib/zelttokenmgr/installed/root", Requoted("{'fastapi':" + kGet + "}"));
-  }
-
-  struct Expected {
-    int exit_code;
-    std::string output;  // all of it, with ' for "
-    std::string error;   // a part of it
-  };
-  static void CheckProgram(const std::string& command, const Expected& expected) {
-    Program program(command);
-    EXPECT_EQ(program.End(), expected.exit_code) << command << ": " << program.Errors();
-    EXPECT_EQ(Requoted(program.Output()), expected.output) << command;
-    EXPECT_NE(program.Errors().find(expected.error), std::string::npos) << program.Errors();
   }
 };
 

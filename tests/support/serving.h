@@ -19,7 +19,6 @@ struct Client : zeltdaemon::DomainSockConnection {
   bool Write(const std::string& bytes) const {
     return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
-  void EndStream() const { shutdown(fd, SHUT_WR); }
   std::string Answer() {
     std::string answer = "none";
     Recv(answer);
@@ -29,35 +28,30 @@ struct Client : zeltdaemon::DomainSockConnection {
 };
 
 /// Listens on a socket at a path, and serves it when told to.
-class TestServer {
- public:
+struct TestServer {
   explicit TestServer(const std::string& socket_path, const ServerLimits& server_limits = {})
       : path(socket_path), limits(server_limits), listener(ListenAt(path, limits.backlog)) {
     fs::permissions(path, fs::perms::all);
   }
 
-  /// Serves until a handler calls `Stop`.
+  /// Serves until a client sends "stop".
   void Run(const Server::Handler& handler, bool inherited = false,
            const std::function<void()>& on_idle = nullptr) {
     Server server({{.fd = listener.Get(), .inherited = inherited}}, limits, slot);
     server.OnIdle(on_idle);
-    server.Serve(handler);
+    server.Serve([&](const Peer& peer, const std::string& request) {
+      if (request == "stop") kill(getpid(), SIGTERM);
+      return handler(peer, request);
+    });
   }
-  static void Stop() { kill(getpid(), SIGTERM); }
 
   /// Serves on a thread of its own while `use` runs.
   void While(const Server::Handler& handler, const std::function<void()>& use) {
-    const std::jthread thread([&] {
-      Run([&](const Peer& peer, const std::string& request) {
-        if (request == "stop") Stop();
-        return handler(peer, request);
-      });
-    });
+    const std::jthread thread([&] { Run(handler); });
     use();
     Client(path, "stop\n");
   }
 
- private:
   const std::string path;
   const ServerLimits limits;
   const OwnedDescriptor listener;

@@ -32,10 +32,6 @@ inline std::string Requoted(std::string text) {
   return text;
 }
 
-inline std::string Repeated(const std::string& text, int times) {
-  return times == 0 ? "" : text + Repeated(text, times - 1);
-}
-
 /// Reads JSON that is written so, and writes it on one line, members in the order of their names.
 inline Json::Value Value(const std::string& text) {
   Json::Value value;
@@ -61,26 +57,6 @@ std::string Outcome(const Call& call) {
   }
 }
 
-/// One call with two JSON values. An outcome that begins with a digit is an error text less its
-/// source file, and "NN 'name' Type" is short for "NN invalid type of 'name', Type expected".
-struct Row {
-  const char* first;
-  const char* second;
-  const char* outcome;
-};
-
-template <typename Call>
-void CheckRows(const std::string& source, const Call& call, const std::vector<Row>& rows) {
-  static const std::regex short_form("(\\d+) ('\\w+') (\\w+)");
-  for (const Row& row : rows) {
-    const std::string file = *row.outcome >= '0' && *row.outcome <= '9' ? source + ":" : "";
-    EXPECT_EQ(
-        Outcome([&] { return call(Value(row.first), Value(row.second)); }),
-        file + std::regex_replace(row.outcome, short_form, "$1 invalid type of $2, $3 expected"))
-        << row.first << " with " << row.second;
-  }
-}
-
 inline void Check(int result, const std::string& what) {
   if (result != 0) throw std::system_error(errno, std::generic_category(), what);
 }
@@ -90,8 +66,13 @@ inline void MountEmpty(const std::string& directory, const std::string& options)
   Check(mount("tmpfs", directory.c_str(), "tmpfs", 0, options.c_str()), directory);
 }
 
-inline void Shell(const std::string& command) {
-  if (std::system(command.c_str()) != 0) throw std::runtime_error("failed: " + command);
+/// Runs a command of the shell and returns its output.
+inline std::string Shell(const std::string& command) {
+  std::string output;
+  FILE* const pipe = popen(command.c_str(), "r");
+  for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) output += static_cast<char>(c);
+  if (pclose(pipe) != 0) throw std::runtime_error("failed: " + command);
+  return output;
 }
 
 /// Mounts the file "image", in which an empty file system of the `type` is made the first time.

@@ -1,14 +1,8 @@
 // What the fuzz targets share.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-
-// The entry points that a fuzzer, or replay.cpp, calls (libFuzzer's FuzzerInterface.h).
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace ZELT::Fuzz {
 

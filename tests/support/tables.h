@@ -1,0 +1,77 @@
+// Tables of calls and their outcomes, as files in tests/tables/.
+#pragma once
+
+#include <fcntl.h>
+
+#include <string>
+#include <vector>
+
+#include "support/testing.h"
+
+namespace ZELT {
+
+/// Opened before a private machine may hide the folder.
+inline const int table_folder = open(ZELT_TABLES, O_PATH | O_DIRECTORY | O_CLOEXEC);
+
+/// The lines of a section of tests/tables/FILE, less comments and empty lines. A line "== TITLE"
+/// begins the section.
+inline std::vector<std::string> SectionLines(const std::string& file, const std::string& title) {
+  std::ifstream text("/proc/self/fd/" + std::to_string(table_folder) + "/" + file);
+  std::vector<std::string> lines;
+  bool found = false;
+  for (std::string line; std::getline(text, line);) {
+    if (line.starts_with("== ")) found = line == "== " + title;
+    if (line.empty() || line.starts_with("== ") || line.starts_with("# ")) continue;
+    if (found) lines.push_back(line);
+  }
+  EXPECT_FALSE(lines.empty()) << "no section " << title << " in " << file;
+  return lines;
+}
+
+/// The same as one text.
+inline std::string SectionText(const std::string& file, const std::string& title) {
+  std::string text;
+  for (const std::string& line : SectionLines(file, title)) text += line + "\n";
+  return text;
+}
+
+using Cells = std::vector<std::string>;
+
+/// The rows of a section: " | " stands between two cells of a line.
+inline std::vector<Cells> Section(const std::string& file, const std::string& title) {
+  std::vector<Cells> rows;
+  for (std::string line : SectionLines(file, title)) {
+    Cells& cells = rows.emplace_back();
+    for (std::size_t end = 0; (end = line.find(" | ")) != line.npos; line.erase(0, end + 3)) {
+      cells.push_back(line.substr(0, end));
+    }
+    cells.push_back(line);
+  }
+  return rows;
+}
+
+/// Calls `call` with the first two cells of each row, read as JSON. The last cell is the outcome.
+template <typename Call>
+void CheckSection(const std::string& file, const std::string& title, const Call& call) {
+  for (const Cells& row : Section(file, title)) {
+    const auto value = [](const std::string& cell) { return Value(Requoted(cell)); };
+    EXPECT_EQ(Requoted(Outcome([&] { return call(value(row.at(0)), value(row.at(1))); })),
+              row.back())
+        << title << ": " << row[0] << " | " << row[1];
+  }
+}
+
+/// Checks a token service with the sections "NAME issues" and "NAME validates" of services.txt:
+/// requests with privilege entries, and requests with the data of tokens.
+template <typename Service>
+void CheckService(const std::string& name) {
+  EXPECT_EQ(Service().GetName(), name);
+  CheckSection("services.txt", name + " issues", [](const auto& request, const auto& privilege) {
+    return Service().Issue(request, privilege);
+  });
+  CheckSection("services.txt", name + " validates", [](const auto& request, const auto& data) {
+    return Service().Validate(request, data);
+  });
+}
+
+}  // namespace ZELT
