@@ -236,6 +236,11 @@ TEST_F(ProgramsTest, TellsWhatIsWrongWithItsOptions) { CheckSessions("daemon.txt
 
 TEST_F(ProgramsTest, ChecksFiles) { CheckSessions("daemon.txt", "faults in files"); }
 
+TEST_F(ProgramsTest, NamesWhoElseMayWrite) {
+  if (chown("/tmp/get", 4001, 0) != 0) GTEST_SKIP() << "no other users";
+  CheckSessions("daemon.txt", "writers");
+}
+
 TEST_F(ProgramsTest, SaysWhatAUserWouldBeGranted) { CheckSessions("daemon.txt", "grants"); }
 
 }  // namespace ZELT::ProgramsTests
