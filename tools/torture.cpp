@@ -8,7 +8,7 @@
 #include <map>
 #include <optional>
 
-#include "support/clients.h"
+#include "clients.h"
 #include "support/serving.h"
 
 namespace ZELT::Torture {
@@ -86,13 +86,13 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::setbuf(stdout, nullptr);
     StartDaemon();
-    SeatAll();
+    StartClients();
     ASSERT_TRUE(Eventually([] { return board->counts[kAnswered] > 5000; })) << daemon->Errors();
     board->pause = kPause;
   }
 
   void TearDown() override {
-    UnseatAll();
+    EndClients();
     daemon.reset();
     umount2(kFolder.c_str(), MNT_DETACH);
   }
@@ -132,10 +132,10 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->cut = true;
     SignalClients(SIGKILL);
     EndDaemon(SIGKILL, true);
-    UnseatAll();
+    EndClients();
     board->cut = false;
     StartDaemon();
-    SeatAll();
+    StartClients();
   }
 
   // Stops a worker until the other one waits for a lock, and goes on waiting. Stops make a worker
@@ -156,12 +156,14 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   }
 
   static void StaySilent() {
-    const auto connect = [] {
-      std::list<Client> clients;
-      while (clients.size() < 1000) clients.emplace_back(kSocket);
-      return Pause(500000), 0;
-    };
-    EXPECT_EQ(Finish(Start(connect, 4666)), 0);
+    const pid_t silent = Start(
+        [] {
+          std::list<Client> clients;
+          while (clients.size() < 1000) clients.emplace_back(kSocket);
+          return Pause(500000), 0;
+        },
+        4666);
+    EXPECT_EQ(Finish(silent), 0);
   }
 
   static void SendHostile() {
@@ -194,35 +196,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->pause = kPause;
     board->mode = Mode::kUsual;
     Pause(200000);
-  }
-
-  // Damages a token on a disk that notices, and has workers read it.
-  void DamageBlock() {
-    SignalClients(SIGSTOP);
-    EndDaemon(SIGTERM);
-    // btrfs checks only what may be written to a new place, which the store asked it not to do.
-    Shell("cd " + kFolder + " && cp tokens.mdb x && mv x tokens.mdb");
-    StartDaemon();
-    const Record& victim = board->records.at(IssueNew());  // no other page has held it
-    const std::string token = victim.token.data();
-    const auto write = [&token](char first) {
-      Shell("for at in $(grep -abo -e '" + token.substr(1) + "' image | cut -d: -f1); do printf " +
-            first + " | dd of=image bs=1 conv=notrunc seek=$((at - 1)) status=none; done");
-    };
-    write('!');
-    kill(daemon->pid, SIGSTOP);
-    for (const pid_t worker : daemon->Children()) {  // what they have mapped stays in memory
-      const std::string maps = "/proc/" + std::to_string(worker) + "/maps";
-      kill(worker, SIGKILL);
-      EXPECT_TRUE(Eventually([&] { return ReadFile(maps).empty(); }));
-    }
-    Shell("dd of=" + kStore + " oflag=nocache conv=notrunc count=0 status=none");
-    kill(daemon->pid, SIGCONT);
-    for (int i = 0; i < 15; ++i) EXPECT_EQ(Send("validate", victim, kRun), Answer::kNone);
-    Audit(20);
-    write(token[0]);
-    AwaitService();
-    SignalClients(SIGCONT);
   }
 
   void CutPower() {
@@ -272,7 +245,7 @@ const Phase kPhases[] = {
     {"DaemonKilled", 0.10, 200, [](Torture& t) { t.EndDaemon(SIGKILL), t.StartDaemon(); }, kAny},
     {"AllKilled", 0.06, 50, [](Torture& t) { t.KillAll(); }, kAny},
     {"DaemonRestarted", 0.04, 50, [](Torture& t) { t.EndDaemon(SIGTERM), t.StartDaemon(); }, kAny},
-    {"ClientKilled", 0.03, 100, [](Torture&) { Seat(Below(kClients)); }},
+    {"ClientKilled", 0.03, 100, [](Torture&) { Restart(Below(kClients)); }},
     {"WorkerStopped", 0.06, 20, [](Torture& t) { t.Strike(SIGSTOP); }, 1, "tmpfs", kSoon},
     {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 4, "tmpfs", kSoon},
     {"Silent", 0.04, 20, [](Torture&) { Torture::StaySilent(); }},
@@ -281,7 +254,6 @@ const Phase kPhases[] = {
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
     {"FullBtrfs", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "btrfs"},
     {"FullStore", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "tmpfs", "--store-size 4M"},
-    {"DamagedBlock", 0.02, 10, [](Torture& t) { t.DamageBlock(); }, kAny, "btrfs"},
     {"NumberTaken", 0.02, 50, [](Torture&) { Torture::TakeNumber(); }},
     {"PowerCut", 0.10, 200, [](Torture& t) { t.CutPower(); }, kAny, "ext4"},
 };

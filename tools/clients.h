@@ -95,11 +95,11 @@ inline void Revoke(Record& record) {
 }
 
 // A transfer that is not answered leaves a token that is valid, whoever owns it.
-inline void Transfer(Record& record, const std::atomic<pid_t>& seat) {
+inline void Transfer(Record& record, const std::atomic<pid_t>& client) {
   const bool must_work = board->mode == Mode::kUsual;
-  const pid_t heir = seat;
+  const pid_t heir = client;
   const Answer answer = Send("transfer", record, std::to_string(heir));
-  if (answer == Answer::kNo && must_work && heir != 0 && seat == heir) ++board->counts[kWrong];
+  if (answer == Answer::kNo && must_work && heir != 0 && client == heir) ++board->counts[kWrong];
   const bool tries = answer == Answer::kYes && Below(4) == 0;  // what it may no longer do
   if (tries && Send("revoke", record) == Answer::kYes) ++board->counts[kTwoOwners];
   if (answer != Answer::kNo) record.owner = answer == Answer::kYes ? heir : 0;
@@ -167,23 +167,24 @@ inline std::uint64_t Wrongs() {
   return counts[kLost] + counts[kHonoured] + counts[kTwoOwners] + counts[kWrong];
 }
 
-inline void Unseat(std::size_t client) {
-  const pid_t process = board->clients.at(client).exchange(0);
-  if (process != 0 && kill(process, SIGKILL) == 0) Finish(process);
-}
-inline void Seat(std::size_t client) {
-  Unseat(client);
-  Start([client]() -> int { Live(client); }, kUsers.at(client % kUsers.size()));
-  EXPECT_TRUE(Eventually([&] { return board->clients.at(client) != 0; }));
-}
-inline void SeatAll() {
-  for (std::size_t client = 0; client < kClients; ++client) Seat(client);
-}
-inline void UnseatAll() {
-  for (std::size_t client = 0; client < kClients; ++client) Unseat(client);
-}
 inline void SignalClients(int signal) {
   for (const pid_t client : board->clients) client != 0 ? kill(client, signal) : 0;
+}
+inline void End(std::atomic<pid_t>& client) {
+  const pid_t process = client.exchange(0);
+  if (process != 0 && kill(process, SIGKILL) == 0) Finish(process);
+}
+inline void EndClients() { std::for_each(board->clients.begin(), board->clients.end(), End); }
+
+/// Ends the client with this number, if there is one, and starts it anew.
+inline void Restart(std::size_t number) {
+  std::atomic<pid_t>& client = board->clients.at(number);
+  End(client);
+  Start([number]() -> int { Live(number); }, kUsers.at(number % kUsers.size()));
+  EXPECT_TRUE(Eventually([&] { return client != 0; }));
+}
+inline void StartClients() {
+  for (std::size_t number = 0; number < kClients; ++number) Restart(number);
 }
 
 // Validates some of the tokens that clients work on, and the newest.
