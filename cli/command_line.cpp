@@ -12,7 +12,7 @@
 namespace {
 
 constexpr const char* kOwnership =
-    "Only the process that asked for a token may revoke it; --owner transfers it.\n";
+    "Only the process that owns a token may revoke it; --owner transfers it.\n";
 
 // CLI11's own conversion reads "010" as 8.
 template <typename Number>
@@ -27,7 +27,7 @@ Number ParseNumber(const std::string& name, const std::string& text) {
 // An empty filter would match everything.
 std::string CheckFilter(const std::string& text) { return text.empty() ? "is empty" : ""; }
 
-// Rejects an option in the place of a token: "revoke fastapi --json".
+// Rejects an option in place of a token: "revoke fastapi --json".
 std::string CheckToken(const std::string& text) {
   const bool is_option =
       text.size() > 1 && text.starts_with('-') && !ZELT::TokenManager::IsTokenShaped(text);
@@ -43,7 +43,7 @@ class Parser {
     app.fallthrough();
     app.footer(
         std::string("A TOKEN or PAYLOAD is the value itself, @FILE or - (standard input).\n") +
-        kOwnership + R"(Exit codes: 0, 1 refused or not permitted, 64 bad usage, 69 no daemon.
+        kOwnership + R"(Exit status: 1 refused or not permitted, 64 bad usage, 69 no daemon.
 Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
          "method":"get","runner":"alice"}')");
     AddIssue();
@@ -62,7 +62,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   void Parse(std::vector<std::string> words) {
     std::reverse(words.begin(), words.end());  // CLI11 expects the last word first
     app.parse(words);
-    // CLI11 leaves the words that follow the operands.
+    // CLI11 leaves the words after the operands.
     if (!words.empty()) after.parse(words);
   }
 
@@ -120,10 +120,10 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     command->add_option("--user", arguments.user, "Only tokens that this user requested")
         ->check(CheckFilter)
         ->type_name("USER");
-    command->add_option("--service", arguments.service, "Only tokens of this service")
+    command->add_option("--service", arguments.service, "Only tokens for this service")
         ->check(CheckFilter)
         ->type_name("SERVICE");
-    command->add_flag("--orphans", arguments.orphans, "Only tokens whose owner is gone");
+    command->add_flag("--orphans", arguments.orphans, "Only tokens whose owner has ended");
   }
 
   void AddIssue() {
@@ -138,7 +138,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddValidate() {
-    CLI::App* validate = Add("validate", "Check whether a token permits a request",
+    CLI::App* validate = Add("validate", "Check whether a token permits an operation",
                              R"(zelttoken validate taskmanager @token
          '{"action":"read","args":{"task":"backup_1","owner":"alice"}}')",
                              Validate);
@@ -160,8 +160,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     AddProcess(transfer, "PID", arguments.pid, "The new owner")->required();
   }
 
-  // CLI11 does not parse the words after "--", since it would read some of them as lists or
-  // options.
+  // CLI11 must not parse the words after "--", because it would read some as lists or options.
   void AddRun() {
     CLI::App* run = Add("run",
                         "Run a command with a token, then revoke the token:\n"
@@ -172,7 +171,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     AddService(run);
     AddPayload(run);
     const auto read = [this](const std::string& word) { arguments.command.push_back(word); };
-    run->add_option_function<std::string>("COMMAND", read, "What follows --, with its arguments")
+    run->add_option_function<std::string>("COMMAND", read, "A command and its arguments, after --")
         ->required();
     run->callback([this, run] {
       const std::vector<std::string> rest = run->remaining();
@@ -188,8 +187,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddDrop() {
-    CLI::App* drop =
-        Add("drop", "End tokens, whoever owns them", "zelttoken drop --user alice", Drop);
+    CLI::App* drop = Add("drop", "Drop tokens of any owner", "zelttoken drop --user alice", Drop);
     const auto read = [this](const std::vector<std::string>& ids) {
       for (const std::string& id : ids)
         arguments.ids.push_back(ParseNumber<std::uint64_t>("ID", id));
@@ -209,7 +207,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddStatus() {
-    CLI::App* status = Add("status", "Show the daemon's counters and its store",
+    CLI::App* status = Add("status", "Show the daemon's counters and store",
                            "zelttoken status --prometheus", Status);
     status->add_flag("--prometheus", arguments.prometheus, "Print metrics for Prometheus")
         ->excludes(app.get_option("--json"));

@@ -14,7 +14,7 @@ using namespace ZELT::TokenManager;
 
 namespace {
 
-// The library's failures differ only in their texts.
+// Only their texts distinguish the library's errors.
 Failure Explain(const std::string& error) {
   const auto is = [&error](std::string_view where) { return error.starts_with(where); };
   const std::string cause = " (" + error + ")";
@@ -119,7 +119,7 @@ Result Transfer(const Arguments& arguments) {
 }
 
 Result Run(const Arguments& arguments) {
-  Runner runner;  // blocks signals first: dying of one would leave a token behind
+  Runner runner;  // blocks signals first: if one ended the process, the token would remain
   const std::string token = IssueToken(arguments);
   Result result;
   try {

@@ -25,7 +25,7 @@ struct Arguments {
 /// The output of a command, and its exit code.
 struct Result {
   std::string text;   ///< for people; nothing is printed if it is empty
-  Json::Value value;  ///< for programs, to which "success" is added
+  Json::Value value;  ///< for programs; "success" is added to it
   int exit_code = 0;
 };
 

@@ -9,7 +9,7 @@
 
 constexpr const char* kReasonInLog = "; its log says why (journalctl -u zelttokenmgrd)";
 
-/// Each returns a failure that names `cause` and what to do about it.
+/// Each returns a failure whose text includes `cause` and what to do about it.
 Failure Unreachable(const std::string& cause);
 Failure BrokenExchange(const std::string& cause);
 

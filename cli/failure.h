@@ -6,7 +6,7 @@
 
 constexpr int kRefused = 1;       ///< also: not permitted
 constexpr int kUsage = 64;        ///< EX_USAGE, sysexits.h(3head)
-constexpr int kUnavailable = 69;  ///< EX_UNAVAILABLE: no daemon, or a broken exchange
+constexpr int kUnavailable = 69;  ///< EX_UNAVAILABLE: no daemon, or the exchange failed
 
 class Failure : public std::runtime_error {
  public:

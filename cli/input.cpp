@@ -44,7 +44,7 @@ std::string Resolve(const std::string& argument) {
 
 std::string ReadToken(const std::string& argument) {
   std::string token = Resolve(argument);
-  // Files end with a newline; an argument is taken as it is.
+  // Files usually end with a newline; an argument is used as given.
   if (token != argument && token.ends_with('\n')) token.pop_back();
   if (token.empty()) throw Failure(kUsage, "the token is empty");
   return token;

@@ -1,6 +1,6 @@
-// TOKEN and PAYLOAD arguments: the value itself, "@FILE" for what a file holds, or "-" for standard
-// input, so that a token need not appear in the list of processes. Only one of them can be standard
-// input.
+// TOKEN and PAYLOAD arguments: the value itself, "@FILE" to read a file, or "-" to read standard
+// input. A token in a file does not appear in the list of processes. Only one of the two can be
+// standard input.
 #pragma once
 
 #include <json/value.h>

@@ -22,7 +22,7 @@ void Print(const Invocation& invocation, const Result& result) {
   if (!std::cout.flush()) throw Failure(kRefused, "cannot write to standard output");
 }
 
-// An argument that is quoted in an error may hold bytes that JSON cannot express.
+// An argument quoted in an error may contain bytes that JSON cannot express.
 std::string Printable(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
@@ -40,7 +40,7 @@ void PrintError(const Invocation& invocation, const std::string& error) {
 }
 
 int Execute(const Invocation& invocation) {
-  // A token that cannot be printed is given back, which the end of a pipe must not prevent.
+  // A token that cannot be printed is revoked. A closed pipe must not end the process before that.
   if (invocation.command == Issue) std::signal(SIGPIPE, SIG_IGN);
   const Result result = invocation.command(invocation.arguments);
   try {

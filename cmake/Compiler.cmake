@@ -1,4 +1,4 @@
-# How everything here is compiled.
+# Compiler settings for all targets.
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()

@@ -1,5 +1,5 @@
-# The manual pages, where scdoc is at hand, and the reference of the library's interface: target
-# "docs", where Doxygen is.
+# The manual pages, if scdoc is installed, and the reference of the library's interface (target
+# "docs"), if Doxygen is installed.
 find_program(SCDOC scdoc)
 find_program(GZIP gzip)
 if(SCDOC AND GZIP)
@@ -7,8 +7,8 @@ if(SCDOC AND GZIP)
     string(REGEX MATCH "[0-9]$" section ${page})
     set(source ${PROJECT_SOURCE_DIR}/docs/man/${page}.scd)
     set(example ${PROJECT_SOURCE_DIR}/examples/package.cpp)
-    # The line @EXAMPLE@ stands for the example's text, so that the two never differ. scdoc takes
-    # a backslash for its own.
+    # The line @EXAMPLE@ is replaced by the example's text, so that the two never differ. scdoc
+    # treats a backslash as an escape.
     add_custom_command(OUTPUT ${page}.gz
       COMMAND sed "s/\\\\/&&/g" ${example} |
         sed -e "/^@EXAMPLE@/r /dev/stdin" -e "/^@EXAMPLE@/d" ${source} | ${SCDOC} > ${page}

@@ -1,4 +1,4 @@
-# What is installed, in three components: the library, what is needed to build against it, and the
+# Installation in three components: the library, the files needed to build programs with it, and the
 # daemon with its command line.
 include(CMakePackageConfigHelpers)
 
@@ -11,7 +11,7 @@ install(TARGETS zelttokenmanager EXPORT zelttokenmanagerTargets
 install(TARGETS zelttoken RUNTIME COMPONENT daemon)
 install(TARGETS zelttokenmgrd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
 
-# For those who build against the library.
+# For programs that use the library.
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zelttokenmanager)
 configure_package_config_file(cmake/zelttokenmanagerConfig.cmake.in
   zelttokenmanagerConfig.cmake INSTALL_DESTINATION ${config_dir})

@@ -19,7 +19,7 @@ bool IsPackagedUser(uid_t user) {
 
 bool IsDaemonUser(uid_t user) {
   return user == 0 || user == geteuid() ||
-         IsPackagedUser(user);  // the look-up comes last: it costs most
+         IsPackagedUser(user);  // the lookup comes last because it costs most
 }
 
 std::optional<uid_t> ForeignOwner(const char* path) {

@@ -50,7 +50,7 @@ void TryStore(const StoreOptions& options, const StoreLock& lock) {
 }
 
 void Serve(const Options& options) {
-  // The store comes first: a daemon that cannot have it leaves the socket to the one that has it.
+  // Locked first: a daemon that cannot have the store leaves the sockets to the one that has it.
   const StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
   const Listeners listeners = OpenListeners(options.limits.backlog);

@@ -21,7 +21,7 @@ constexpr const char* kTextStore = "/run/zelttokenmgr/text/tokens";
 constexpr std::uint64_t kSmallestStore = 4U << 20;
 constexpr std::uint64_t kLargestStore = std::uint64_t{1} << 40;
 
-// Idle workers show that they are alive once a second.
+// Idle workers report that they are alive once a second.
 constexpr std::uint64_t kShortestTimeout = 2;  // seconds
 constexpr std::uint64_t kLongestDuration = std::uint64_t{100} * 365 * 24 * 3600;
 
@@ -49,13 +49,13 @@ CLI::Option* AddDuration(CLI::App& app, const std::string& name, std::uint64_t& 
 }
 
 void DescribeStore(CLI::App& app, Options& options, RawOptions& raw) {
-  app.add_option("--store", raw.store, "File that keeps the tokens")
+  app.add_option("--store", raw.store, "File that contains the tokens")
       ->default_str(std::string(kIndexedStore) + " or " + kTextStore)
       ->type_name("FILE");
   app.add_option("--store-format", raw.store_format, "\"text\" for a human-readable store")
       ->check(CLI::IsMember({"indexed", "text"}))
       ->type_name("FORMAT");
-  app.add_option("--store-size", options.store.bytes, "Room for tokens in an indexed store")
+  app.add_option("--store-size", options.store.bytes, "Space for tokens in an indexed store")
       ->transform(CLI::AsSizeValue(false))
       ->check(CLI::Range(kSmallestStore, kLargestStore))
       ->type_name("BYTES[K|M|G]");
@@ -75,21 +75,20 @@ void AddLimit(CLI::App& app, const std::string& name, Number& value, const std::
 void DescribeLimits(CLI::App& app, Options& options, RawOptions& raw) {
   AddLimit(app, "--workers", options.workers, "Worker processes; default: one per processor",
            unsigned{kMaxWorkers});
-  AddLimit(app, "--max-waiting", options.limits.waiting,
-           "Connections per worker, accepted and not yet answered");
+  AddLimit(app, "--max-waiting", options.limits.waiting, "Maximum waiting connections per worker");
   AddLimit(app, "--max-waiting-per-user", options.limits.waiting_per_user, "The same, per user");
-  AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user, "Tokens of one user",
-           std::uint64_t{std::numeric_limits<std::uint32_t>::max()});
-  AddDuration(app, "--max-age", raw.max_age, 1, "Drop tokens that are older");
+  AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user,
+           "Maximum tokens of one user", std::uint64_t{std::numeric_limits<std::uint32_t>::max()});
+  AddDuration(app, "--max-age", raw.max_age, 1, "Drop tokens older than this");
   AddDuration(app, "--drop-orphans-after", raw.drop_orphans_after, 1,
-              "Drop tokens whose owner has been gone for this long");
+              "Drop tokens whose owner ended this long ago");
   AddDuration(app, "--request-timeout", raw.request_timeout, kShortestTimeout,
-              "Replace a worker that is busy for longer");
+              "Replace a worker that is busy for longer than this");
 }
 
 void DescribeCheck(CLI::App& app, RawOptions& raw) {
   CLI::Option* check = app.add_flag("--check", raw.check,
-                                    "Only check the files of packages, or print what "
+                                    "Check the files of packages and exit, or print what "
                                     "USER would be granted");
   CLI::Option* user = app.add_option("USER", raw.check_options.user)->needs(check);
   CLI::Option* service = app.add_option("SERVICE", raw.check_options.service);
@@ -119,7 +118,7 @@ void Complete(const CLI::App& app, Options& options, const RawOptions& raw) {
   StoreOptions& store = options.store;
   store.format = is_text ? StoreFormat::kText : StoreFormat::kIndexed;
   const std::string path = !raw.store.empty() ? raw.store : is_text ? kTextStore : kIndexedStore;
-  // The directory that is checked is then the one that is used.
+  // Normalized, so that the directory that is checked is the one that is used.
   store.path = std::filesystem::absolute(path).lexically_normal();
   store.cache_bytes = static_cast<unsigned int>(raw.cache_bytes);
   store.max_age = std::chrono::seconds(raw.max_age);

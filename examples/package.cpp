@@ -1,4 +1,4 @@
-// A package that takes a token, uses it at a service, and gives it back.
+// A package that requests a token, uses it at a service, and revokes it.
 // Usage: package SOCKET, where service.cpp listens on SOCKET.
 #include <zelttokenmanager/utils.h>
 
@@ -10,7 +10,7 @@
 using boost::asio::local::stream_protocol;
 using namespace ZELT::TokenManager;
 
-// A token that is given back at the end of the scope, in whatever way the scope ends.
+// A token that is revoked at the end of the scope, even after an exception.
 class Token {
  public:
   explicit Token(const Json::Value& wanted) : text(SendIssueRequest("fastapi", wanted)) {}
@@ -18,7 +18,7 @@ class Token {
     try {
       SendRevokeRequest("fastapi", text);
     } catch (const std::exception& error) {
-      std::cerr << "cannot give the token back: " << error.what() << '\n';
+      std::cerr << "cannot revoke the token: " << error.what() << '\n';
     }
   }
   Token(const Token&) = delete;
@@ -37,7 +37,7 @@ int main(int argc, char** argv) try {
   stream_protocol::iostream service{stream_protocol::endpoint(argv[1])};
   service << token.text << std::endl;
   std::string answer;
-  if (!std::getline(service, answer)) throw std::runtime_error("the service does not answer");
+  if (!std::getline(service, answer)) throw std::runtime_error("the service does not respond");
   std::cout << answer << '\n';
   return 0;
 } catch (const std::exception& error) {

@@ -1,4 +1,4 @@
-// A service of one's own, "printing": tokens that grant the use of printers.
+// An example service, "printing": tokens that grant the use of printers.
 #pragma once
 
 #include <stdexcept>
@@ -15,19 +15,20 @@ class Printing : public TokenService {
  public:
   std::string GetName() override { return "printing"; }
 
-  /// Request: {"payload": the printer's name}. Returns the package's grant of that printer.
+  /// Request: {"payload": the printer's name}. Returns the package's grant for that printer.
   Json::Value Issue(const Json::Value& request, const Json::Value& privilege) override {
-    const std::string_view printer = StringMember(request, "payload", "printing:");
-    ExpectArray(privilege, "printing:");
+    const std::string_view printer = StringMember(request, "payload", "printing: request:");
+    ExpectArray(privilege, "printing: grants:");
     for (const Json::Value& grant : privilege) {
-      if (StringMember(grant, "printer", "printing:") == printer) return grant;
+      if (StringMember(grant, "printer", "printing: grant:") == printer) return grant;
     }
     throw std::runtime_error("printing: " + std::string(printer) + " is not granted");
   }
 
-  /// Request: {"payload": the user who prints}. `data` holds what Issue returned.
+  /// Request: {"payload": the user who prints}. `data["payload"]` is what Issue returned.
   bool Validate(const Json::Value& request, const Json::Value& data) override {
-    return IsAdmitted(StringMember(request, "payload", "printing:"), data["payload"], "user", data);
+    return IsAdmitted(StringMember(request, "payload", "printing: request:"), data["payload"],
+                      "user", data);
   }
 };
 

@@ -1,5 +1,5 @@
-// A service that hands out an item to whoever shows a token that permits it.
-// Usage: service SOCKET. A client sends the token as one line, and gets one line back.
+// A service that returns an item to clients whose token permits it.
+// Usage: service SOCKET. A client sends the token as one line, and receives one line.
 #include <pwd.h>
 #include <unistd.h>
 #include <zelttokenmanager/utils.h>
@@ -13,7 +13,7 @@
 using boost::asio::local::stream_protocol;
 using namespace ZELT::TokenManager;
 
-// The client's user, as the kernel knows it: a client must not be asked who it is.
+// Asks the kernel, because a client could lie about its user.
 std::string UserOf(int connection) {
   const passwd* user = getpwuid(GetPeerCredential(connection).uid);
   if (user == nullptr) throw std::runtime_error("unknown user");
@@ -29,7 +29,7 @@ void Serve(stream_protocol::iostream& client) try {
   use["runner"] = UserOf(client.socket().native_handle());
   const bool permitted = SendValidateRequest("fastapi", token, use);
   client << (permitted ? "the item" : "not permitted") << std::endl;
-} catch (const std::exception& error) {  // a token that nobody can vouch for permits nothing
+} catch (const std::exception& error) {  // an invalid token permits nothing
   std::cerr << "service: " << error.what() << '\n';
   client << "not permitted" << std::endl;
 }
@@ -42,7 +42,7 @@ int main(int argc, char** argv) try {
   for (;;) {
     stream_protocol::iostream client;
     acceptor.accept(client.socket());
-    client.expires_after(std::chrono::seconds(5));  // for a client that says nothing
+    client.expires_after(std::chrono::seconds(5));  // for a client that sends nothing
     Serve(client);
   }
 } catch (const std::exception& error) {

@@ -9,8 +9,8 @@
 
 namespace ZELT::TokenManager {
 
-/// If a thread makes another one while it has one, both share the first one's result. None outlives
-/// a request, so a change of groups counts from the next request on.
+/// If a thread has several of these objects, they share the result of the first one. None outlives
+/// a request, so a change of groups takes effect with the next request.
 class GroupLookup {
  public:
   using Groups = std::set<std::string, std::less<>>;
@@ -21,13 +21,13 @@ class GroupLookup {
   GroupLookup& operator=(const GroupLookup&) = delete;
 
   /// Returns the names of the groups of a user or, for "@" and a name, that name alone. The result
-  /// is valid until another identity is asked for. Throws `std::runtime_error` when the groups of a
-  /// user cannot be looked up.
+  /// is valid until the next call with another identity. Throws `std::runtime_error` when the
+  /// groups of a user cannot be looked up.
   const Groups& Of(const std::string& identity);
 
  private:
   GroupLookup& first;
-  std::optional<std::pair<std::string, Groups>> result;  // of the identity asked for last
+  std::optional<std::pair<std::string, Groups>> result;  // of the last identity
 };
 
 }  // namespace ZELT::TokenManager

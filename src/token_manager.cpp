@@ -28,8 +28,8 @@ std::string UserName(uid_t uid) {
   return user->name;
 }
 
-// The user whom the package in `directory` runs as. If the privilege file is missing, too large,
-// unreadable or names nobody, that is the user of the package's own name.
+// Returns the user that the package in `directory` runs as. This is the user with the package's
+// name if the privilege file is missing, too large, unreadable, or does not name a user.
 std::string PackageUser(const boost::filesystem::path& directory, const std::string& package) {
   Json::Value privilege;
   fromFile((directory / kPrivilegeFile).native(), privilege, kMaxPrivilegeBytes);

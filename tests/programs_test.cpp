@@ -137,6 +137,17 @@ TEST_F(ProgramsTest, ReplacesAKilledWorkerAlone) {
 }
 
 // A limit of the user's processes does not bind root.
+// Reading the map of a file behind its end is as bad as an unreadable block (mmap(2)).
+TEST_F(ProgramsTest, AStoreThatCannotBeReadEndsOnlyWorkers) {
+  const Daemon daemon("--workers 2", "ASAN_OPTIONS=handle_sigbus=0");
+  const std::string token = Issue();
+  Shell("cp " + kStore + " copy; truncate -s 8192 " + kStore);
+  for (int worker = 0; worker < 2; ++worker) EXPECT_EQ(Validate(token), "none");
+  EXPECT_TRUE(daemon.Logs("was killed by signal 7"));
+  Shell("cat copy >" + kStore);
+  EXPECT_TRUE(Eventually([&] { return Validate(token) == kPermitted; })) << daemon.Errors();
+}
+
 TEST_F(ProgramsTest, ServesOnWhileItCannotFork) {
   const Program daemon(R"sh(
     chmod 1777 /tmp && install -d -o 4001 /run/zelttokenmgr &&

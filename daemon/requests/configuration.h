@@ -30,7 +30,7 @@ std::string ReadConfiguration(const std::string& path, Json::Value& configuratio
 std::vector<std::string> ListFiles(const std::string& directory);
 
 /// Returns who, other than root and the daemon's user, may write to `path`: `it is writable by user
-/// "alice"`. Empty if there is nobody, or no such file.
+/// "alice"`. Empty if there is no such writer or no such file.
 std::string ForeignWriter(const std::string& path);
 
 /// Why an issue request was refused, for an administrator.

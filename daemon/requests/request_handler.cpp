@@ -43,7 +43,7 @@ std::atomic<std::uint64_t>& CounterOf(RequestType type, auto& counters) {
 }
 
 // The text store ends a token at a space and a line at a newline. Its cache ends a token at a NUL
-// byte. With one of them in it, a text would be one token to the store and another to the cache.
+// byte. A text with one of them would be one token to the store and another to the cache.
 void ExpectWholeToken(const Json::Value& request) {
   const std::string_view token = StringView(request["token"]);
   if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
@@ -52,14 +52,14 @@ void ExpectWholeToken(const Json::Value& request) {
   }
 }
 
-// A service copies a grant for each thing that is asked for, before the store refuses the token.
-void ExpectFewThings(const Json::Value& payload) {
+// Checked early, because a service copies all requested grants before the store refuses the token.
+void ExpectFewGrants(const Json::Value& payload) {
   if (payload.isArray() && payload.size() > kMaxGrants) {
-    throw std::runtime_error("the request asks for more than 256 things");
+    throw std::runtime_error("the request asks for more than 256 grants");
   }
   if (!payload.isObject()) return;
   for (const Json::Value& member : payload) {
-    if (member.isArray()) ExpectFewThings(member);
+    if (member.isArray()) ExpectFewGrants(member);
   }
 }
 
@@ -159,7 +159,7 @@ void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Val
   slot.type = operation.type;
   ExpectSender(operation.sender, peer);
   ExpectWholeToken(request);
-  if (operation.type == RequestType::kIssue) ExpectFewThings(request["payload"]);
+  if (operation.type == RequestType::kIssue) ExpectFewGrants(request["payload"]);
   (this->*operation.run)(peer, request, response);
   response["success"] = true;
 }

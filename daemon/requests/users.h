@@ -5,8 +5,8 @@
 
 #include <string>
 
-/// Returns the id of the user with this name, or with this decimal id, which nobody needs to have.
-/// Throws `std::runtime_error` for anything else.
+/// Returns the id of the user with this name, or the decimal id `user`, even if there is no such
+/// user. Throws `std::runtime_error` for any other text.
 uid_t UserId(const std::string& user);
 
 /// Returns the user's name, or the decimal id if there is none.

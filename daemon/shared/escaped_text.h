@@ -1,4 +1,4 @@
-// Text of others that a terminal or a log shows.
+// Untrusted text for a terminal or a log.
 #pragma once
 
 #include <string>

@@ -114,7 +114,7 @@ void Log(int priority, const char* format, ...) {
   std::array<char, kLongestLine> text{};
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(text.data(), text.size(), format, arguments);  // NOLINT(*-valist*): it is started
+  std::vsnprintf(text.data(), text.size(), format, arguments);  // NOLINT(*-valist*): started above
   va_end(arguments);
   const std::string line = Escaped(text.data());
   syslog_sink.Put(priority, line);

@@ -25,7 +25,7 @@ constexpr std::uint64_t kForChange = 64;
 constexpr std::uint64_t kForEach = 6;          // additional token in the same change
 constexpr std::uint64_t kLeftForOthers = 256;  // kept for revocations when a token is added
 
-// Longer than it takes until a stopped reader is killed.
+// Longer than the supervisor takes to kill a stopped reader.
 constexpr std::chrono::seconds kPatience{12};
 constexpr std::chrono::milliseconds kPause{2};
 
@@ -68,7 +68,7 @@ void IndexedStore::BeginWrite(std::size_t tokens_changed) {
   slot.activity = Activity::kServing;
 }
 
-// Others have to wait from the first use of the store on, not while files of packages are read.
+// Begins the transaction on first use, so that others do not wait while package files are read.
 MDB_txn* IndexedStore::Write() {
   if (!write) {
     if (!changing) throw std::logic_error("no change has begun");
@@ -79,7 +79,7 @@ MDB_txn* IndexedStore::Write() {
   return write.get();
 }
 
-// If a large record finds no row of free pages and the file cannot grow, LMDB reports a short
+// If a large record finds no consecutive free pages and the file cannot grow, LMDB reports a short
 // write, which looks like a failing disk.
 void IndexedStore::CommitWrite() {
   try {
@@ -111,7 +111,7 @@ void IndexedStore::Insert(const std::string& token, const Json::Value& data) {
 void IndexedStore::Issue(const std::string& token, const Json::Value& data,
                          const std::string& text) {
   ExpectSmallToken(data, text);
-  Write();  // which identifies the peer's process
+  Write();  // identifies the peer's process
   if (!changing_process || !HadStarted(*changing_process, changer.accepted)) {
     throw std::runtime_error("the process that asked for the token is gone");
   }
@@ -143,7 +143,7 @@ bool IndexedStore::Fits(std::uint64_t bytes) {
          total.bytes + bytes <= options.bytes / options.users_share;
 }
 
-// Drops orphans of the user until `bytes` more are within the limits.
+// Drops orphans of the user until `bytes` more fit within the limits.
 void IndexedStore::MakeRoom(std::uint64_t bytes) {
   if (Fits(bytes)) return;
   write.reset();  // nothing has changed yet, and the search is slow

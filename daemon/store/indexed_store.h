@@ -86,5 +86,5 @@ class IndexedStore : public TokenStore {
   std::optional<ProcessIdentity> changing_process;
   std::optional<Holding> removed;  // carried out by `Commit`, unless the token is inserted again
   std::uint64_t changed_id = 0;
-  std::uint64_t last_examined = 0;  // the id up to which `KeepHouse` has come
+  std::uint64_t last_examined = 0;  // the last id that `KeepHouse` examined
 };

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::size_t kExamined = 4096;       // tokens examined per call
-constexpr std::size_t kExaminedAtOnce = 256;  // tokens examined before it checks the time
+constexpr std::size_t kExaminedAtOnce = 256;  // tokens examined between looks at the clock
 
 }  // namespace
 

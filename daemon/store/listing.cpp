@@ -12,7 +12,7 @@ using ZELT::TokenManager::TextOf;
 
 namespace {
 
-// These keep a page to a few milliseconds, in which its worker serves nobody else.
+// These limit a page to a few milliseconds, in which its worker serves no other request.
 constexpr std::size_t kMostRows = 100;
 constexpr std::size_t kMostSeen = 1024;             // tokens
 constexpr std::size_t kMostTextBytes = 256U << 10;  // of the rows' records

@@ -53,7 +53,7 @@ std::uint64_t NumberField(std::string_view status, int number) {
   return value;
 }
 
-// A process whose first thread has ended has the state of a zombie while other threads run.
+// A process whose first thread has ended has a zombie's state even while other threads run.
 bool IsZombie(std::string_view status) {
   const std::string_view state = Field(status, 3);
   return (state == "Z" || state == "X") && NumberField(status, 20) <= 1;
@@ -123,7 +123,7 @@ std::string ProcessName(pid_t pid) {
   const std::size_t end = status.rfind(')');
   if (end == status.npos) return "";
   std::string name = status.substr(begin + 1, end - begin - 1);
-  // A process gives itself any name, and what is not UTF-8 is not JSON either.
+  // A process can choose any name, even one that is not UTF-8 and cannot be written as JSON.
   std::replace_if(
       name.begin(), name.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
   return name;

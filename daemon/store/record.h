@@ -33,7 +33,7 @@ struct RecordHeader {
   std::uint32_t text_size = 0;
   BootId owner_boot{};
   Moment issued;
-  Moment orphaned;  ///< when the owner was first seen dead
+  Moment orphaned;  ///< when the owner was first found dead
 
   ProcessIdentity Owner() const { return {owner_pid, owner_start, owner_boot}; }
   void SetOwner(const ProcessIdentity& owner);

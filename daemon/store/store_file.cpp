@@ -91,8 +91,8 @@ fs::path DirectoryOf(const std::string& path) {
   return fs::absolute(path).lexically_normal().parent_path();
 }
 
-// JsonFileStorage gives its directory this mode. A directory of this user that has the mode already
-// was made by it; the mode of any other directory would be changed.
+// JsonFileStorage sets its directory to this mode. A directory of this user that already has the
+// mode was created by it. The mode of any other directory would be changed, so it is refused.
 void PrepareTextDirectory(const fs::path& directory) {
   constexpr mode_t kMode = S_IWUSR | S_IXUSR;
   const auto status = StatusOf(directory);

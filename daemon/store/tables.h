@@ -21,7 +21,7 @@ struct UserTotal {
 ///   ids      id -> token
 ///   users    uid, id -> nothing
 ///   usage    uid, name of the service -> UserTotal
-///   meta     "format" -> text, "last id" -> the greatest id that was ever given
+///   meta     "format" -> text, "last id" -> the greatest id ever assigned
 ///
 /// Errors are `std::runtime_error`. After an error, a write transaction can only be aborted.
 class Tables {

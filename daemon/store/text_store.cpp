@@ -21,7 +21,7 @@ namespace {
 
 void EndLastLine(const std::string& path) {
   const OwnedDescriptor file(open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC));
-  if (!file.IsOpen()) return;  // there is no store yet, or the next use says what is wrong
+  if (!file.IsOpen()) return;  // there is no store yet, or the next use reports the error
   const off_t size = lseek(file.Get(), 0, SEEK_END);
   char last = '\n';
   if (size <= 0 || pread(file.Get(), &last, 1, size - 1) != 1 || last == '\n') return;

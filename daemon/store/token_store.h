@@ -12,14 +12,14 @@
 #include "peer.h"
 #include "zelttokenmanager/token_storage.h"
 
-/// Grants of one token. Each validation goes through them.
+/// Maximum grants of one token. Each validation searches them.
 constexpr unsigned int kMaxGrants = 256;
 
-/// Which tokens an administrator means: those that meet every condition that is given.
+/// Selects tokens for an administrator: those that meet all conditions.
 struct TokenFilter {
   std::optional<uid_t> user{};       ///< who requested the token
   std::string service{};             ///< empty: any
-  bool orphans = false;              ///< only those whose owner is gone
+  bool orphans = false;              ///< only those whose owner has ended
   std::vector<std::uint64_t> ids{};  ///< empty: any
 };
 
@@ -34,9 +34,9 @@ struct Page {
 /// Processes: each worker creates its own object, after fork(2). Threads: one.
 class TokenStore : public ZELT::TokenManager::TokenStorage {
  public:
-  /// Begins a change on behalf of `peer`. From its first use of the store until `Commit`, nobody
-  /// else changes anything, and nobody sees what this one has changed. `Insert` and `Remove` may
-  /// only be called in between.
+  /// Begins a change on behalf of `peer`. From its first use of the store until `Commit`, there are
+  /// no other changes, and others do not see this one. `Insert` and `Remove` may only be called in
+  /// between.
   virtual void Begin(const Peer& peer) = 0;
 
   /// Commits the change. If it throws, nothing was changed.

@@ -44,7 +44,7 @@ class Judge {
  public:
   bool IsOrphan(const RecordHeader& header);
 
-  /// Returns whether the kernel was asked about so many owners that some milliseconds have passed.
+  /// Returns whether so many owners were looked up that some milliseconds have passed.
   bool IsTired() const { return asked >= kMostQuestions; }
 
  private:
@@ -55,7 +55,7 @@ class Judge {
 };
 
 /// Finds tokens to drop when a user is at a limit. Call it outside of changes, since it may take
-/// some milliseconds. After a search without result, it does not search again for a second.
+/// some milliseconds. After a search that finds nothing, it does not search again for a second.
 class OrphanSearch {
  public:
   explicit OrphanSearch(const StoreOptions& store_options) : options(store_options) {}
@@ -66,7 +66,7 @@ class OrphanSearch {
  private:
   using Clock = std::chrono::steady_clock;
   struct Progress {
-    std::uint64_t after = 0;   // the tokens up to this id have living owners
+    std::uint64_t after = 0;   // tokens up to this id have living owners
     Clock::time_point next{};  // when to begin again
   };
 

@@ -28,11 +28,12 @@ using std::chrono::seconds;
 
 namespace {
 
-// Between checks of the workers. Until the first one serves, the service manager waits for it.
+// Between checks of the workers. The second applies until the first worker is ready, because the
+// service manager waits for it.
 constexpr milliseconds kCheckInterval{500};
 constexpr milliseconds kStartInterval{2};
 
-// Before the replacement of a worker that ended without having served anything.
+// Before the replacement of a worker that ended without serving a request.
 constexpr milliseconds kFirstDelay{10};
 constexpr milliseconds kLongestDelay{1000};
 
@@ -41,7 +42,7 @@ constexpr milliseconds kLongestDelay{1000};
 constexpr milliseconds kKillGrace{1000};
 constexpr std::size_t kMaxLingering = 16;
 
-// Longer than any answer may take.
+// Longer than any response may take.
 constexpr seconds kStopGrace{6};
 
 // If they were ignored, faults would recur at once or stay hidden, and children would leave no exit
@@ -276,8 +277,9 @@ void Supervisor::CheckWorker(std::size_t number) {
   worker.killed = Clock::now();
 }
 
-// Whether the worker waits for the store, and another one for longer. That one may have been
-// stopped after it got the store and before it noted so; once it has ended, the others go on.
+// Returns whether the worker waits for the store, but another one has waited for longer. That one
+// may have been stopped after it got the store, before it recorded so. Killing it lets the others
+// continue.
 bool Supervisor::WaitsForAnother(const WorkerSlot& slot) const {
   const auto waits_longer = [&slot](const WorkerSlot& other) {
     return other.pid != 0 && other.activity == Activity::kWaitingForStore && other.seen < slot.seen;

@@ -13,21 +13,21 @@
 
 namespace ZELT::TokenManager {
 
-/// What a token daemon does with requests. It has a persistent store, an optional cache in front of
-/// it, and one policy object for each service.
+/// Carries out the requests to a token daemon. It uses a persistent store, an optional cache in
+/// front of it, and one policy object for each service.
 ///
-/// The four request operations take the credential of the peer that asks, as the kernel reported
-/// it (`SO_PEERCRED`, unix(7)), the request as it came, and the response to fill. They set the
-/// response's "success" to false first and to true last. Every failure is an exception, mostly a
+/// The four request operations take the credential of the peer, as reported by the kernel
+/// (`SO_PEERCRED`, unix(7)), the request as received, and the response to fill in. They set the
+/// response's "success" to false first and to true last. Every failure is an exception, usually a
 /// `std::runtime_error`; the exceptions of services, store and cache pass through unchanged.
 ///
 /// A token's associated data is an object of exactly five members: "service" and "requester"
-/// (strings: the service's name and the local user who asked), "pid" (integer: the owning process),
-/// "created_at" (integer: nanoseconds of the monotonic clock, meaningless after a reboot) and
-/// "payload" (made by the service).
+/// (strings: the names of the service and of the local user who requested the token), "pid"
+/// (integer: the owning process), "created_at" (integer: nanoseconds of the monotonic clock,
+/// meaningless after a reboot) and "payload" (from the service).
 ///
 /// Threads: the manager takes no lock. Services may be added and removed only while no request
-/// runs. Requests may run concurrently as far as the store and the cache allow it.
+/// runs. Requests may run concurrently as far as the store and the cache allow.
 class [[gnu::visibility("default")]] TokenManager {
  public:
   /// `config_directory` holds one JSON file for each installed package, with the package's name.
@@ -49,7 +49,7 @@ class [[gnu::visibility("default")]] TokenManager {
   /// `std::runtime_error` when the source of randomness fails.
   std::string GenerateToken() const;
 
-  /// Reads through the cache: a value that the store had to supply is put into the cache.
+  /// Reads from the cache or else from the store, and adds a value from the store to the cache.
   Json::Value GetAssociatedData(const std::string& token) const;
 
   /// Writes to the store, then to the cache.
@@ -58,17 +58,17 @@ class [[gnu::visibility("default")]] TokenManager {
   /// Removes from the cache, then from the store.
   void RemoveTokenInformation(const std::string& token) const;
 
-  /// Makes a token for the peer's process.
+  /// Creates a token for the peer's process.
   ///
   /// Request: {"service": string, ...}; the service reads the rest. Response: "success", "token".
   /// An installed package must run as the peer's user: the first entry of "/var/packages" whose
   /// "conf/privilege" (of at most 64 KiB) names the user, or whose own name is the user's.
   void IssueToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
-  /// Asks the service whether the request is permitted under the token. Any process may ask.
+  /// Asks the service whether the token permits the request. Any process may validate a token.
   ///
-  /// Request: {"service": string, "token": string, ...}. Response: "success", "permitted". A
-  /// service that refuses gives "success" true with "permitted" false.
+  /// Request: {"service": string, "token": string, ...}. Response: "success", "permitted". If the
+  /// token does not permit the request, "success" is true and "permitted" is false.
   void ValidateToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
   /// Deletes the token, which the peer's process must own.
@@ -77,11 +77,11 @@ class [[gnu::visibility("default")]] TokenManager {
   void RevokeToken(const ucred& credential, const Json::Value& request, Json::Value& response)
       const;
 
-  /// Hands the token, which the peer's process must own, to another living process.
+  /// Transfers the token, which the peer's process must own, to another living process.
   ///
   /// Request: {"service": string, "token": string, "payload": integer}, the payload being the new
-  /// owner's process id. Response: "success". Only "pid" of the record changes. A store that fails
-  /// after the old record was removed loses the token.
+  /// owner's process id. Response: "success". Only "pid" of the record changes. If the store fails
+  /// after removing the old record, the token is lost.
   void TransferToken(const ucred& credential, const Json::Value& request, Json::Value& response)
       const;
 

@@ -9,8 +9,8 @@ namespace ZELT::TokenManager {
 
 /// Decides what a token for one service grants and what it permits.
 ///
-/// Threads: a manager calls its services from the thread that runs the request. Both operations get
-/// JSON from outside, check its shape, and throw when it is malformed.
+/// Threads: a manager calls its services from the thread that runs the request. Both operations
+/// receive JSON from outside, check its shape, and throw when it is malformed.
 class [[gnu::visibility("default")]] TokenService {
  public:
   virtual ~TokenService();
@@ -23,7 +23,7 @@ class [[gnu::visibility("default")]] TokenService {
   /// none). Throws to refuse.
   virtual Json::Value Issue(const Json::Value& request, const Json::Value& privilege) = 0;
 
-  /// Returns whether the whole validate `request` is permitted under the token's associated `data`.
+  /// Returns whether the token with the associated `data` permits the whole validate `request`.
   virtual bool Validate(const Json::Value& request, const Json::Value& data) = 0;
 };
 

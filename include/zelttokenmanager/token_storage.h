@@ -1,5 +1,5 @@
-// Where tokens and their data are kept: the interfaces of stores and caches, the exception for a
-// cache miss, and the lock that serialises processes on one store.
+// Storage of tokens and their data: the interfaces of stores and caches, the exception for a cache
+// miss, and the lock that serialises processes on one store.
 #pragma once
 
 #include <json/value.h>
@@ -15,8 +15,8 @@ class [[gnu::visibility("default")]] cache_miss : public std::exception{};
 
 /// A map from a token to its associated data.
 ///
-/// Threads and processes: each implementation says who may call it at the same time. Errors are
-/// exceptions, and each implementation says which.
+/// Each implementation documents which threads and processes may use it concurrently, and which
+/// exceptions it throws.
 class [[gnu::visibility("default")]] TokenStorage {
  public:
   virtual ~TokenStorage();

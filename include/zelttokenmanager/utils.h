@@ -8,23 +8,23 @@
 
 namespace ZELT::TokenManager {
 
-// Each call below is one exchange with the daemon: connect, one request, one response, close. The
-// calls try "/tmp/zelttokenmgr.sock" first and then "/run/zelttokenmgr/socket". They send nothing
-// unless the listening process belongs to root, the caller's own user or the user zelttokenmgr;
-// anybody else does not count as the daemon.
+// Each Send function makes one exchange with the daemon: connect, one request, one response, close.
+// It tries "/tmp/zelttokenmgr.sock" first and then "/run/zelttokenmgr/socket". It accepts a process
+// of root, of the caller's own user or of the user zelttokenmgr as the daemon, and sends nothing to
+// processes of other users.
 //
-// The calls share no state. Any number of threads may make them, in exit handlers and static
-// destructors too. They throw `std::runtime_error` when the daemon cannot be reached, when the
+// The functions share no state. Any number of threads may call them, also in exit handlers and
+// static destructors. They throw `std::runtime_error` when the daemon cannot be reached, when the
 // request cannot be written as JSON or sent (a message is at most 1 MiB), and when no valid
-// response arrives within 30 seconds. The reason of a refusal is only in the daemon's log.
+// response arrives within 30 seconds. The reason for a refusal is only in the daemon's log.
 
 /// Returns a new token of `service`, owned by this process. The service decides what `payload`
 /// holds. Throws `std::runtime_error` when the daemon refuses.
 [[gnu::visibility("default")]] std::string SendIssueRequest(const std::string& service,
                                                             const Json::Value& payload);
 
-/// Returns whether `token` permits what `payload` asks. Throws `std::runtime_error` when the daemon
-/// cannot tell: an unknown token, another service's token, a malformed payload.
+/// Returns whether `token` permits the operation in `payload`. Throws `std::runtime_error` when the
+/// daemon cannot tell: an unknown token, another service's token, a malformed payload.
 [[gnu::visibility("default")]] bool SendValidateRequest(const std::string& service,
                                                         const std::string& token,
                                                         const Json::Value& payload);
@@ -33,8 +33,8 @@ namespace ZELT::TokenManager {
 [[gnu::visibility("default")]] bool SendRevokeRequest(const std::string& service,
                                                       const std::string& token);
 
-/// Hands `token`, which this process must own, to the living process `pid`. Returns false when the
-/// daemon refuses.
+/// Transfers `token`, which this process must own, to the living process `pid`. Returns false when
+/// the daemon refuses.
 [[gnu::visibility("default")]] bool SendTransferRequest(const std::string& service,
                                                         const std::string& token, int pid);
 
@@ -49,8 +49,8 @@ namespace ZELT::TokenManager {
 /// name of a group, whose members it admits. An array admits the requester only by name, and "any"
 /// in it is an ordinary user's name.
 ///
-/// Throws `std::runtime_error` for any other shape, as far as the search has to look, and when
-/// `permitted` is an array and the groups of the user `identity` cannot be looked up.
+/// Throws `std::runtime_error` for any other shape that the search encounters, and when `permitted`
+/// is an array and the groups of the user `identity` cannot be looked up.
 [[gnu::visibility("default")]] bool IsIdentityInPermittedList(const std::string& identity,
                                                               const Json::Value& permitted,
                                                               const std::string& requester);

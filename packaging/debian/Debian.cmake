@@ -20,7 +20,7 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/trigger
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "access tokens between local processes (library)
-A token says what the package of the requesting process was granted. This
+A token states what the package of the requesting process is granted. This
 library requests, validates, transfers and revokes tokens through the token
 manager's daemon, which is in the package zelttokenmgr.")
 
@@ -29,9 +29,9 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "${library} (= ${version}), libboost-dev (>= 1.74), libjsoncpp-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "access tokens between local processes (development)
-A token says what the package of the requesting process was granted. This
-package holds what is needed to build against the token manager's library:
-headers, files for CMake and pkg-config, a manual page and examples.")
+A token states what the package of the requesting process is granted. This
+package contains the files needed to build programs with the token manager's
+library: headers, files for CMake and pkg-config, a manual page and examples.")
 
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME zelttokenmgr)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION admin)
@@ -44,9 +44,9 @@ set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_LIST_DIR}/postinst ${CMAKE_CURRENT_LIST_DIR}/prerm
   ${CMAKE_CURRENT_LIST_DIR}/postrm)
 set(CPACK_COMPONENT_DAEMON_DESCRIPTION "access tokens between local processes (daemon)
-A token says what the package of the requesting process was granted. This
-package holds the daemon that issues, validates, revokes and transfers tokens,
-and the command line zelttoken.")
+A token states what the package of the requesting process is granted. This
+package contains the daemon, which issues, validates, revokes and transfers
+tokens, and the command zelttoken.")
 
 # string(TIMESTAMP) uses SOURCE_DATE_EPOCH if it is set.
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)

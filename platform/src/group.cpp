@@ -48,7 +48,7 @@ bool GroupIds(const char* user_name, std::vector<gid_t>& ids) {
   return false;
 }
 
-// Adds the name of a group. Skips a group without a name. Returns false when the look-up failed.
+// Adds the name of a group. Skips a group without a name. Returns false when the lookup failed.
 bool AddName(gid_t id, std::deque<std::string>& names) {
   group entry{};
   group* found = nullptr;

@@ -1,4 +1,4 @@
-// Memory for the reentrant look-ups of users and groups (getpwnam_r(3)), which fail with ERANGE
+// Memory for the reentrant lookups of users and groups (getpwnam_r(3)), which fail with ERANGE
 // when it is too small.
 #pragma once
 

@@ -1,6 +1,6 @@
 #!/usr/bin/perl
-# Sends the daemon half a request with TCP sockets whose closing takes long (SO_LINGER, socket(7)),
-# over and over, on kernels that allow it. It uses the system call numbers of x86-64.
+# Repeatedly sends the daemon half a request with TCP sockets that take long to close (SO_LINGER,
+# socket(7)), on kernels that allow it. Uses the system call numbers of x86-64.
 use strict;
 use warnings;
 use IO::Handle;

@@ -1,8 +1,8 @@
 #!/usr/bin/perl
-# Asks the daemon for all four operations without pause until SIGTERM, then prints how many requests
-# were made, and how many got a wrong answer or none.
-# Usage: system_load.pl JOURNAL          writes down what was answered, past every cache
-#        system_load.pl --check JOURNAL  holds what was written down against the daemon
+# Sends requests of all four types to the daemon continuously until SIGTERM, then prints how many
+# were sent, and how many got a wrong response or none.
+# Usage: system_load.pl JOURNAL          records the responses, bypassing all caches
+#        system_load.pl --check JOURNAL  compares the recorded responses with the daemon
 use strict;
 use warnings;
 use Fcntl;
@@ -22,7 +22,7 @@ sub ask {
   return scalar(<$socket>) // 'no answer';
 }
 
-# Returns the pattern's capture, or 1, if the answer matches.
+# Returns the pattern's capture, or 1, if the response matches.
 sub fits {
   my ($pattern, @request) = @_;
   my $answer = ask(@request);

@@ -40,7 +40,7 @@ is_new() { [ "$(main_pid)" != "$1" ] && systemctl -q is-active $service; }
 all_workers() { [ "$(workers | wc -l)" = "$(nproc)" ]; }
 none_of() { ! workers | grep -qxF "$1"; }
 
-# Takes a token through its whole life in one process of the user demo.
+# Takes a token through all operations in one process of the user demo.
 # shellcheck disable=SC2016 # the other shell's parameters
 life_of_a_token() {
   as demo bash -ec 'token=$(zelttoken issue fastapi "$grant" --owner $$)
@@ -75,13 +75,13 @@ under_load() {
   failed=$(grep -c 'zelttoken fails' load.errors || true)
   while read -r made wrong; do asked=$((asked + made)) failed=$((failed + wrong)); done < <(cat load.[1-4])
   echo "    $failed of $asked requests failed"
-  ((asked > 100)) || fail "hardly any load"
+  ((asked > 100)) || fail "too little load"
   ((failed <= $1)) || fail "$(sort load.errors | uniq -c | sort -rn | head -5)"
 }
 
 # -- the steps, in their order ------------------------------------------------------------------
 
-# Files that others left at the socket's path before the installation do no harm.
+# Files that other users created at the socket's path before the installation do no harm.
 install() {
   useradd -m mallory
   useradd -m demo
@@ -96,7 +96,7 @@ install() {
   expect 0 'zelttokenmgr 600' stat -c '%U %a' $store
   expect 0 '' systemctl list-units --failed --no-legend
   expect 0 '' journalctl -q --no-pager -u $service -p warning
-  rmdir $socket.??????/full || fail "what was at the path was not left alone"
+  rmdir $socket.??????/full || fail "the file at the path was changed"
   rmdir $socket.??????
   mkdir -p /var/packages/notes/conf
   echo '{"username": "demo"}' >/var/packages/notes/conf/privilege
@@ -152,7 +152,7 @@ reload_all() {
     systemctl reload $service
     systemctl kill --signal=HUP $service # the workers too
   done
-  [ "$before" = "$(main_pid) $(workers)" ] || fail "somebody was replaced"
+  [ "$before" = "$(main_pid) $(workers)" ] || fail "a process was replaced"
 }
 
 reload() { under_load 0 reload_all; }
@@ -205,7 +205,7 @@ ended_daemon() {
   under_load $((2 * $(nproc))) end_daemon
 }
 
-# Tries all the time to occupy the socket's path.
+# Repeatedly tries to occupy the socket's path.
 # shellcheck disable=SC2016 # perl's parameters
 squat() {
   as mallory perl -MIO::Socket::UNIX -e 'my $path = shift;
@@ -266,14 +266,14 @@ hardened_clients() {
   expect 0 permitted as_service -p DynamicUser=yes zelttoken validate fastapi "$token" "$use"
 }
 
-# When old files are removed from /tmp, the socket stays, even while nobody serves it.
+# When old files are removed from /tmp, the socket is kept, even while no daemon serves it.
 cleaning() {
   systemctl stop $sockets $service
   echo 'q /tmp 1777 root root 0' >/etc/tmpfiles.d/tmp.conf
   touch /tmp/old
   systemd-tmpfiles --clean
   rm /etc/tmpfiles.d/tmp.conf
-  [ ! -e /tmp/old ] || fail "nothing was cleaned"
+  [ ! -e /tmp/old ] || fail "the old file was not removed"
   expect 0 '*' ls $socket $second $store
   systemctl start $sockets $service
   life_of_a_token
@@ -346,14 +346,14 @@ left_behind() {
 purge() {
   (as zelttokenmgr sleep infinity &) 2>/dev/null
   dpkg -P zelttokenmgr >/dev/null 2>purge.log || fail "$(cat purge.log)"
-  grep -q 'user zelttokenmgr was not removed' purge.log || fail "nothing is said of the user"
+  grep -q 'user zelttokenmgr was not removed' purge.log || fail "the user is not mentioned"
   expect 3 $'inactive\ninactive' systemctl is-active $service $sockets
   pkill -u zelttokenmgr
-  getent passwd zelttokenmgr >/dev/null || fail "the user is gone"
+  getent passwd zelttokenmgr >/dev/null || fail "the user was removed"
 
   dpkg -i ./*.deb >/dev/null # over a user that is there
   dpkg -P zelttokenmgr >/dev/null
-  getent passwd zelttokenmgr >/dev/null || fail "a user is gone that the package did not make"
+  getent passwd zelttokenmgr >/dev/null || fail "a user that the package did not create was removed"
   userdel zelttokenmgr
 
   dpkg -i ./*.deb >/dev/null
@@ -366,12 +366,12 @@ purge() {
 
 readonly on_disk=$state/tokens.mdb kept=/var/lib/test-system
 
-# This kernel lets descriptors through. However long closing them takes, other clients are served.
+# This kernel passes descriptors on. Other clients are served however long closing them takes.
 descriptors() {
   for _ in {1..4}; do (as mallory perl system_descriptors.pl &) 2>/dev/null; done
   export -f life_of_a_token as
-  timeout 120 bash -ec 'for _ in {1..20}; do life_of_a_token; done' || fail "others are not served"
-  pkill -u mallory || fail "nobody sent descriptors"
+  timeout 120 bash -ec 'for _ in {1..20}; do life_of_a_token; done' || fail "other clients are not served"
+  pkill -u mallory || fail "no descriptors were sent"
 }
 
 # Leaves one token in a store that survives a reboot, and one in a store that does not.
@@ -408,7 +408,7 @@ with_number() {
 after_reboot() {
   local owner token
   owner=$(cat $kept/owner) token=$(cat $kept/token)
-  [ ! -e "/proc/$owner" ] || fail "the number is taken"
+  [ ! -e "/proc/$owner" ] || fail "the process id is in use"
   expect 1 '*' zelttoken validate fastapi "@$kept/lost" "$use"
   expect 1 '*refused*' with_number "$owner" zelttoken revoke fastapi "$token"
   expect 1 '*refused*' with_number "$owner" zelttoken transfer fastapi "$token" $$

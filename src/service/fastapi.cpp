@@ -10,7 +10,7 @@
 namespace ZELT::TokenManager {
 namespace {
 
-// The search checks each grant when it reaches it: malformed grants behind the match do no harm.
+// Checks each grant when the search reaches it, so malformed grants after the match do no harm.
 const Json::Value& FindGrant(const Json::Value& privilege, std::string_view api,
                              std::string_view method) {
   for (const Json::Value& grant : privilege) {

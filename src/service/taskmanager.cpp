@@ -26,7 +26,7 @@ ActionTable MakeActionTable(const TaskManager& tasks) {
           {"list", bind(&TaskManager::CheckTaskPrefixAndOwner)}};
 }
 
-// The search checks each grant when it reaches it: malformed grants behind the match do no harm.
+// Checks each grant when the search reaches it, so malformed grants after the match do no harm.
 const Json::Value& FindGrant(const Json::Value& privilege, std::string_view prefix) {
   for (const Json::Value& grant : privilege) {
     if (StringMember(grant, "prefix", "service/taskmanager.cpp:38") == prefix) return grant;

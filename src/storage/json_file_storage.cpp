@@ -34,7 +34,7 @@ class MappedFile {
   char* Begin() const { return static_cast<char*>(region.get_address()); }
   char* End() const { return Begin() + region.get_size(); }
 
-  // Ends the mapping and cuts the file off at `size` bytes.
+  // Unmaps the file and truncates it to `size` bytes.
   void Truncate(std::size_t size) {
     ipc::mapped_region().swap(region);
     if (ftruncate(file.get_mapping_handle().handle, static_cast<off_t>(size)) != 0) {
@@ -112,7 +112,7 @@ std::size_t Append(int file, std::string_view text) {
   return written;
 }
 
-// If the path names no directory, nothing is done to the current one.
+// Does not change the current directory if the path names none.
 void PrepareDirectory(const fs::path& directory) {
   if (directory.empty()) return;
   if (!fs::is_directory(directory)) fs::create_directories(directory);  // which refuses "."
@@ -124,7 +124,7 @@ void PrepareDirectory(const fs::path& directory) {
 JsonFileStorage::JsonFileStorage(const std::string& path)
     : storage_path(path), lock_path(path + ".lock") {
   PrepareDirectory(fs::path(path).parent_path());
-  boost::system::error_code ignored;  // a file that cannot be looked at counts as missing
+  boost::system::error_code ignored;  // a file that cannot be examined is treated as missing
   if (QLIBCFileTouch(lock_path.c_str()) != 0 && !fs::is_regular_file(lock_path, ignored)) {
     throw std::runtime_error("storage/json_file_storage.cpp:34 failed to create lock file");
   }
@@ -138,7 +138,7 @@ void JsonFileStorage::Insert(const std::string& token, const Json::Value& data) 
   const OwnedDescriptor file = OpenToAppend(storage_path);
   const std::size_t written = Append(file.Get(), record);
   if (written == record.size()) return;
-  // Without this the next record would become a part of the torn line.
+  // Otherwise the next record would become part of the incomplete line.
   const off_t old_size = lseek(file.Get(), 0, SEEK_END) - static_cast<off_t>(written);
   [[maybe_unused]] const int ignored = ftruncate(file.Get(), old_size);
   throw std::runtime_error("storage/json_file_storage.cpp:55 failed to update storage");

@@ -11,7 +11,7 @@
 
 // What holds whenever the mutex is free:
 // - The index and the recency list have the same number of elements. Each entry of the index maps
-//   a token to its element in the list. No token is there twice.
+//   a token to its element in the list. No token occurs twice.
 // - The most recently used record is at the front of the list, the least recently used at its back.
 // - A value is the text that toString returned for the data.
 
@@ -120,7 +120,7 @@ void LRUCacheStorage::Admit(const std::string& token, const Json::Value& data) {
 }
 
 LRUCacheStorage::ShmString LRUCacheStorage::ToShm(const char* text, std::size_t length) {
-  // For a text longer than the whole segment the string would throw length_error, not bad_alloc.
+  // For a text longer than the whole segment, the string would throw length_error, not bad_alloc.
   if (length >= segment.get_size()) throw ipc::bad_alloc();
   return {text, length, allocator};
 }

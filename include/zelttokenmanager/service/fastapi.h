@@ -9,14 +9,14 @@
 
 namespace ZELT::TokenManager {
 
-/// Grants and permits calls of named API methods.
+/// Grants and permits calls to named API methods.
 ///
 /// A grant is {"api": string, "method": string, "runner": permitted list}, where "runner" says who
 /// may run the method (see `IsIdentityInPermittedList`) and is "requester" when absent. Names are
 /// compared byte for byte. Other members of a grant are carried along unchanged.
 ///
 /// Objects are stateless, and any number of threads may call them. Malformed input is a
-/// `std::runtime_error`; grants are checked as far as the search has to look.
+/// `std::runtime_error`; grants after the one that decides are not checked.
 class [[gnu::visibility("default")]] FastAPI : public TokenService {
  public:
   /// Returns "fastapi".

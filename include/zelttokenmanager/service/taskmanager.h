@@ -16,7 +16,7 @@ namespace ZELT::TokenManager {
 /// a grant are carried along unchanged.
 ///
 /// Objects are stateless, and any number of threads may call them. Malformed input is a
-/// `std::runtime_error`; grants are checked as far as the search has to look.
+/// `std::runtime_error`; grants after the one that decides are not checked.
 class [[gnu::visibility("default")]] TaskManager : public TokenService {
  public:
   /// Returns "taskmanager".
@@ -28,8 +28,8 @@ class [[gnu::visibility("default")]] TaskManager : public TokenService {
   Json::Value Issue(const Json::Value& request, const Json::Value& privilege) override;
 
   /// Request: {"payload": {"action": string, "args": object}}, the action being "create", "remove",
-  /// "update", "read" or "list". True when some stored grant admits it by the check below; throws
-  /// `std::runtime_error` for any other action.
+  /// "update", "read" or "list". Returns whether any stored grant passes the action's check below.
+  /// Throws `std::runtime_error` for any other action.
   bool Validate(const Json::Value& request, const Json::Value& data) override;
 
   // The checks. Each takes the request's "args", one stored grant and the token's associated data.

@@ -29,8 +29,8 @@ class [[gnu::visibility("default")]] JsonFileStorage : public TokenStorage {
   explicit JsonFileStorage(const std::string& path);
   ~JsonFileStorage() override;
 
-  /// Appends a record. If not all of it can be written, the file is cut back to its former size, as
-  /// far as the system allows. Data that JSON text cannot express changes nothing.
+  /// Appends a record. If not all of it can be written, the file is truncated to its former size if
+  /// possible. Data that cannot be written as JSON changes nothing.
   void Insert(const std::string& token, const Json::Value& data) override;
 
   /// Deletes the first record of `token`, if there is one.

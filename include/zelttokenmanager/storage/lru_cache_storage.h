@@ -23,7 +23,7 @@
 
 namespace ZELT::TokenManager {
 
-/// Counters in the shared block. When one overflows, all start again at 0.
+/// Counters in the shared block. When one overflows, all are reset to 0.
 struct _ShmCacheStats {
   std::uint64_t hit = 0;    ///< lookups that found their token
   std::uint64_t miss = 0;   ///< lookups that did not
@@ -34,12 +34,12 @@ struct _ShmCacheStats {
 /// fails, the least recently used records are dropped, one at a time and each with a warning in
 /// syslog, until it succeeds.
 ///
-/// Processes: the process that constructs the cache and those forked from it later share it; nobody
-/// else can reach it. A mutex in the block serialises all their threads. It is not robust: if a
-/// process is killed while it holds the mutex, the mutex stays locked for ever.
+/// Processes: the cache is shared by the process that constructs it and those forked from it later;
+/// other processes cannot access it. A mutex in the block serialises all their threads. It is not
+/// robust: if a process is killed while it holds the mutex, the mutex stays locked forever.
 ///
-/// A record is admitted once: inserting a token that is already cached changes nothing. A token
-/// counts up to its first NUL character.
+/// Inserting a token that is already cached changes nothing. Only the part of a token before its
+/// first NUL character is significant.
 class [[gnu::visibility("default")]] LRUCacheStorage : public CacheStorage {
  public:
   /// Maps `size` bytes of shared memory. Throws `boost::interprocess::interprocess_exception` when
@@ -47,7 +47,7 @@ class [[gnu::visibility("default")]] LRUCacheStorage : public CacheStorage {
   /// `boost::interprocess::bad_alloc` when it is too small for the empty cache.
   explicit LRUCacheStorage(unsigned int size);
 
-  /// Unmaps the block, which lives on while another process maps it.
+  /// Unmaps the block, which continues to exist while another process maps it.
   ~LRUCacheStorage() override;
 
   /// Admits the record, or logs that it could not. Throws only

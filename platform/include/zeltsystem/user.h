@@ -4,7 +4,7 @@
 #include <sys/types.h>
 
 struct ZELTUser {
-  char* name;  ///< zero-terminated
+  char* name;  ///< null-terminated
 };
 
 /// Finds the local user with the id `uid` and stores a newly allocated record in `*user`. Returns 0
