@@ -11,6 +11,7 @@ namespace ZELT::ProgramsTests {
 using zeltdaemon::DomainSockConnection;
 
 constexpr const char* kSecondSocket = "/run/zelttokenmgr/socket";
+const std::string kStore = "/run/zelttokenmgr/tokens.mdb";
 
 void ExpectFailure(const std::string& command, const std::string& error) {
   Program program(command);
@@ -136,7 +137,6 @@ TEST_F(ProgramsTest, ReplacesAKilledWorkerAlone) {
   EXPECT_TRUE(Eventually([] { return !Issue().empty(); })) << "it never gives up";
 }
 
-// A limit of the user's processes does not bind root.
 // Reading the map of a file behind its end is as bad as an unreadable block (mmap(2)).
 TEST_F(ProgramsTest, AStoreThatCannotBeReadEndsOnlyWorkers) {
   const Daemon daemon("--workers 2", "ASAN_OPTIONS=handle_sigbus=0");
@@ -148,6 +148,7 @@ TEST_F(ProgramsTest, AStoreThatCannotBeReadEndsOnlyWorkers) {
   EXPECT_TRUE(Eventually([&] { return Validate(token) == kPermitted; })) << daemon.Errors();
 }
 
+// A limit of the user's processes does not bind root.
 TEST_F(ProgramsTest, ServesOnWhileItCannotFork) {
   const Program daemon(R"sh(
     chmod 1777 /tmp && install -d -o 4001 /run/zelttokenmgr &&
