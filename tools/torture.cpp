@@ -4,7 +4,6 @@
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 
-#include <list>
 #include <map>
 #include <optional>
 
@@ -155,17 +154,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     AwaitService(workers.at(0));
   }
 
-  static void StaySilent() {
-    const pid_t silent = Start(
-        [] {
-          std::list<Client> clients;
-          while (clients.size() < 1000) clients.emplace_back(kSocket);
-          return Pause(500000), 0;
-        },
-        4666);
-    EXPECT_EQ(Finish(silent), 0);
-  }
-
   static void SendHostile() {
     std::vector<pid_t> processes;
     for (unsigned int i = 0; i < 8; ++i)
@@ -248,7 +236,6 @@ const Phase kPhases[] = {
     {"ClientKilled", 0.03, 100, [](Torture&) { Restart(Below(kClients)); }},
     {"WorkerStopped", 0.06, 20, [](Torture& t) { t.Strike(SIGSTOP); }, 1, "tmpfs", kSoon},
     {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 4, "tmpfs", kSoon},
-    {"Silent", 0.04, 20, [](Torture&) { Torture::StaySilent(); }},
     {"Hostile", 0.08, 20, [](Torture&) { Torture::SendHostile(); }},
     {"FullTmpfs", 0.03, 10, [](Torture&) { Torture::Fill(); }},
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
