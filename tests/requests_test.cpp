@@ -226,17 +226,6 @@ TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
   }
 }
 
-TEST_F(WorkerTest, NamesWhoElseMayWrite) {
-  WriteFile("/tmp/file", "");
-  for (const Cells& row : Rows("writers")) {
-    const int chowned = chown("/tmp/file", static_cast<uid_t>(std::stoul(row[0])),
-                              static_cast<gid_t>(std::stoul(row[1])));
-    if (chowned != 0) GTEST_SKIP() << "no other users";
-    fs::permissions("/tmp/file", fs::perms(std::stoul(row[2], nullptr, 8)));
-    EXPECT_EQ(ForeignWriter("/tmp/file"), row[3] == "nobody" ? "" : row[3]);
-  }
-}
-
 // The example in the documentation.
 TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
   CheckService<TokenManager::Printing>("printing");

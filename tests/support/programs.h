@@ -61,7 +61,6 @@ struct Daemon : Program {
 };
 
 constexpr const char* kSocket = "/tmp/zelttokenmgr.sock";
-inline const std::string kStore = "/run/zelttokenmgr/tokens.mdb";
 constexpr const char* kRefused = "{'success':false}";
 constexpr const char* kPermitted = "{'permitted':true,'success':true}";
 inline const std::string kGet = "[{'api':'Demo.Item','method':'get'}]";
