@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-enum class Sender { kAnybody, kOwner, kAdministrator };
+enum class Sender { kAnybody, kProcess, kAdministrator };
 
 // Maximum values in a request, which may name thousands of API methods or tasks. A message of
 // maximum length could hold half a million, and block other requests while it is parsed and copied.
@@ -66,7 +66,7 @@ void ExpectFewGrants(const Json::Value& payload) {
 void ExpectSender(Sender expected, const Peer& peer) {
   // All processes outside this pid namespace have this id (pid_namespaces(7)), so it cannot
   // identify an owner.
-  if (expected == Sender::kOwner && peer.credential.pid == 0) {
+  if (expected == Sender::kProcess && peer.credential.pid == 0) {
     throw std::runtime_error("the peer has no process id in the daemon's pid namespace");
   }
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
@@ -132,10 +132,10 @@ const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request
   using Manager = ZELT::TokenManager::TokenManager;
   using This = RequestHandler;
   static constexpr std::array kOperations = {
-      Operation{RequestType::kIssue, Sender::kOwner, &This::Change<&Manager::IssueToken>},
+      Operation{RequestType::kIssue, Sender::kProcess, &This::Change<&Manager::IssueToken>},
       Operation{RequestType::kValidate, Sender::kAnybody, &This::Ask<&Manager::ValidateToken>},
-      Operation{RequestType::kRevoke, Sender::kOwner, &This::Change<&Manager::RevokeToken>},
-      Operation{RequestType::kTransfer, Sender::kOwner, &This::Change<&Manager::TransferToken>},
+      Operation{RequestType::kRevoke, Sender::kProcess, &This::Change<&Manager::RevokeToken>},
+      Operation{RequestType::kTransfer, Sender::kProcess, &This::Change<&Manager::TransferToken>},
       Operation{RequestType::kList, Sender::kAdministrator,
                 &This::Administer<&Administration::List>},
       Operation{RequestType::kDrop, Sender::kAdministrator, &This::Drop},
