@@ -7,9 +7,9 @@
 #include "expect.h"
 #include "indexed_store.h"
 #include "log.h"
-#include "record.h"
 #include "request_handler.h"
 #include "store_file.h"
+#include "support/peers.h"
 #include "support/testing.h"
 
 namespace {
@@ -28,11 +28,6 @@ const std::string kForeignToken = "fastapi-token-of-some-other-process";
 constexpr const char* kGrants =
     "{'fastapi':[{'api':'A','method':'m'},{'api':'A','method':'n','runner':['@root','x']}],"
     "'taskmanager':[{'prefix':'p-'},{'prefix':'q','owner':'any'},{'prefix':'r','owner':[1]}]}";
-
-Peer From(pid_t process) {
-  return {.credential = {.pid = process, .uid = 0, .gid = 0},
-          .accepted = std::chrono::nanoseconds(Now().boot_time)};
-}
 
 class Worker {
  public:
@@ -58,7 +53,7 @@ class Worker {
 
  private:
   Json::Value Answer(const std::string& request) {
-    const std::string answer = handler.Answer(From(getpid()), request);
+    const std::string answer = handler.Answer(From(0), request);
     const std::string log = TakeLog();
     for (const std::string& token : tokens) {
       Expect(answer.find(token) == answer.npos, "no token is answered but a new one");
@@ -75,7 +70,7 @@ class Worker {
     data["service"] = service;
     data["pid"] = owner;
     data["payload"] = Value(kGrants)[service];
-    const Peer peer = From(owner);
+    const Peer peer = From(0, owner);
     Change change(store, peer);
     store.Insert(token, data);
     change.Commit();

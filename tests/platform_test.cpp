@@ -1,4 +1,3 @@
-#include <climits>
 #include <set>
 
 #include "message.h"
@@ -36,7 +35,7 @@ TEST_F(PlatformTest, MessagesEndAtANewlineOrAtTheEndOfTheStream) {
     }
     Client client(kPath);
     EXPECT_TRUE(client.Send(kLongest) && client.Answer() == kLongest);
-    EXPECT_FALSE(client.Send(kLongest + "x"));
+    EXPECT_FALSE(Client(kPath).Send(kLongest + "x"));
   });
 }
 
@@ -52,9 +51,6 @@ TEST(RandomTest, DrawsEveryNumberAndEveryCharacter) {
   std::set<int> numbers;
   for (int i = 0; i < 2000; ++i) numbers.insert(generator.random(-1, 2));
   EXPECT_EQ(numbers, (std::set<int>{-1, 0, 1, 2}));
-  std::set<bool> signs;
-  for (int i = 0; i < 100; ++i) signs.insert(generator.random(INT_MIN, INT_MAX) < 0);
-  EXPECT_EQ(signs.size(), 2U);
   std::string text;
   EXPECT_TRUE(generator.getString(RANDOM::POOL_URL_FRIENDLY, 10000, text));
   EXPECT_EQ(text.size(), 10000U);

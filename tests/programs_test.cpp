@@ -114,7 +114,8 @@ TEST_F(ProgramsTest, TellsItsServiceManagerHowItDoes) {
         return size > 0 && state == std::string(message.data(), static_cast<std::size_t>(size));
       });
     };
-    Program daemon("NOTIFY_SOCKET=" + name + " WATCHDOG_USEC=1000 exec zelttokenmgrd");
+    Program daemon("WATCHDOG_USEC=1000 WATCHDOG_PID=$$ NOTIFY_SOCKET=" + name +
+                   " exec zelttokenmgrd");
     for (const char* state : {"READY=1", "WATCHDOG=1", "WATCHDOG=1"}) EXPECT_TRUE(hears(state));
     kill(daemon.pid, SIGTERM);
     EXPECT_TRUE(hears("STOPPING=1"));

@@ -3,10 +3,10 @@
 
 #include "indexed_store.h"
 #include "printing.h"
-#include "record.h"
 #include "request_handler.h"
 #include "store_file.h"
 #include "support/logged.h"
+#include "support/peers.h"
 #include "support/tables.h"
 
 namespace ZELT::RequestsTests {
@@ -24,11 +24,6 @@ std::string Lines(const std::string& section) { return SectionText("requests.txt
 
 std::string With(const std::string& value, const std::string& name, const std::string& text) {
   return std::regex_replace(text, std::regex(name), value);
-}
-
-Peer From(uid_t user, pid_t process = getpid()) {
-  return {.credential = {.pid = process, .uid = user, .gid = 0},
-          .accepted = std::chrono::nanoseconds(Now().boot_time)};
 }
 
 struct Worker {

@@ -8,8 +8,9 @@
 #include "database.h"
 #include "open_store.h"
 #include "process.h"
-#include "record.h"
+#include "support/peers.h"
 #include "support/tables.h"
+#include "user_limits.h"
 
 namespace ZELT::StoreTests {
 
@@ -23,11 +24,6 @@ const StoreOptions kOptions{.path = kPath};
 constexpr const char* kUnknown = "the store has no such token";
 constexpr const char* kStranger =
     "the peer has the process id of the owner, but is another process";
-
-Peer PeerOf(uid_t uid, pid_t pid = getpid()) {
-  return {.credential = {.pid = pid, .uid = uid, .gid = 4100},
-          .accepted = std::chrono::nanoseconds(Now().boot_time)};
-}
 
 /// A daemon of one worker, with what a token manager does with its store.
 struct Daemon {
@@ -44,7 +40,7 @@ struct Daemon {
     });
   }
 
-  std::string Issue(const std::string& token, const Peer& peer = PeerOf(kAlice),
+  std::string Issue(const std::string& token, const Peer& peer = From(kAlice),
                     const std::string& payload = "[]") const {
     const std::string data =
         "{'requester':'alice','service':'fastapi','pid':" + std::to_string(peer.credential.pid) +
@@ -53,7 +49,7 @@ struct Daemon {
   }
 
   // Revokes it, or transfers it to an heir.
-  std::string Revoke(const std::string& token, const Peer& peer = PeerOf(kAlice),
+  std::string Revoke(const std::string& token, const Peer& peer = From(kAlice),
                      std::optional<pid_t> heir = {}) const {
     return InChange(peer, [&](TokenStore& store) {
       Json::Value data = store.GetAssociatedData(token);
@@ -63,7 +59,7 @@ struct Daemon {
     });
   }
   std::string Transfer(const std::string& token, pid_t heir) const {
-    return Revoke(token, PeerOf(kAlice), heir);
+    return Revoke(token, From(kAlice), heir);
   }
 
   std::string Pid(const std::string& token) const {
@@ -105,7 +101,7 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
     TokenStore& store = *daemon.opened.store;
     EXPECT_EQ(store.ChangedId(), 3U);
     for (const bool reinserted : {false, true}) {
-      const Change change(store, PeerOf(kAlice));
+      const Change change(store, From(kAlice));
       Json::Value data = store.GetAssociatedData("a");
       data["pid"] = getppid();
       store.Remove("a");
@@ -137,12 +133,12 @@ TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
   for (const pid_t pid : {0, -1, thread_number.load(), zombie, 1 << 22}) {
     EXPECT_THAT(daemon.Transfer("a", pid), StartsWith("no living process has the id"));
     if (pid == thread_number) continue;  // never a peer's id
-    EXPECT_THAT(daemon.Issue("b", PeerOf(kAlice, pid)), HasSubstr("is gone"));
+    EXPECT_THAT(daemon.Issue("b", From(kAlice, pid)), HasSubstr("is gone"));
   }
-  EXPECT_EQ(daemon.Revoke("a", PeerOf(kAlice, other)), kStranger);
+  EXPECT_EQ(daemon.Revoke("a", From(kAlice, other)), kStranger);
 
   // Whoever connected before the owner had started is not the owner, though the number be the same.
-  Peer early = PeerOf(kAlice, other);
+  Peer early = From(kAlice, other);
   early.accepted = std::chrono::nanoseconds(1);
   EXPECT_THAT(daemon.Issue("b", early), HasSubstr("is gone"));
   EXPECT_EQ(daemon.Transfer("a", other), "done");
@@ -158,9 +154,14 @@ TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
 
 TEST_F(StoreTest, TellsWhichProcessesLive) {
   const ProcessIdentity self = *IdentifyProcess(getpid());
-  EXPECT_TRUE(IsAlive(self));
-  EXPECT_FALSE(IsAlive({.pid = self.pid, .start = self.start + 1, .boot = self.boot}));
+  RecordHeader header;
+  header.SetOwner(self);
+  Judge judge;
+  EXPECT_FALSE(judge.IsOrphan(header));
+  ++header.owner_start;
+  EXPECT_TRUE(judge.IsOrphan(header)) << "another process had the same number";
   EXPECT_FALSE(IsAlive({.pid = self.pid, .start = self.start}));  // of another boot
+  EXPECT_GT(Age({}), std::chrono::hours(24 * 365)) << "from a boot in 1970";
   // The first thread may end before the process does.
   const pid_t process = Start([] {
     std::thread([] { pause(); }).detach();
@@ -179,27 +180,29 @@ TEST_F(StoreTest, TellsWhichProcessesLive) {
 TEST_F(StoreTest, LimitsUsersAndDropsTheirOrphansFirst) {
   const Daemon daemon({.path = kPath, .tokens_per_user = 5});
   const pid_t dead = StartSleeper();
-  for (const char* token : {"a", "b", "c"}) daemon.Issue(token, PeerOf(kAlice, dead));
+  for (const char* token : {"a", "b", "c"}) daemon.Issue(token, From(kAlice, dead));
   for (const char* token : {"d", "e"}) EXPECT_EQ(daemon.Issue(token), "done");
   EXPECT_THAT(daemon.Issue("f"), HasSubstr("user 4001 holds 5 of at most 5 tokens"));
-  EXPECT_EQ(daemon.Issue("g", PeerOf(kBob, dead)), "done");
+  EXPECT_EQ(daemon.Issue("g", From(kBob, dead)), "done");
   EndProcess(dead);
   EXPECT_TRUE(Eventually([&] { return daemon.Issue("f") == "done"; })) << "when it looks again";
   EXPECT_EQ(daemon.Ids(), "2,3,4,5,6,7,");
   for (const char* token : {"h", "i"}) EXPECT_EQ(daemon.Issue(token), "done");
   EXPECT_THAT(daemon.Issue("j"), HasSubstr("no orphans were found"));
   EXPECT_EQ(daemon.Ids(), "4,5,6,7,8,9,");
+  for (uid_t user = 0; user <= 1000; ++user) daemon.Issue(std::to_string(user), From(user));
+  EXPECT_EQ(daemon.opened.store->Usage(0).next, 1000U) << "who is on the next page";
 }
 
 TEST_F(StoreTest, LimitsTokensAndEachUsersShare) {
   const Daemon daemon({.path = kPath, .bytes = 2U << 20});
   const std::string large = "'" + std::string(60'000, 'x') + "'";
-  EXPECT_THAT(daemon.Issue("b", PeerOf(kAlice), "[" + large + "," + large + "]"),
+  EXPECT_THAT(daemon.Issue("b", From(kAlice), "[" + large + "," + large + "]"),
               HasSubstr("more than 65536"));
   std::string token = "t";
-  while (token.size() < 100 && daemon.Issue(token, PeerOf(kAlice), large) == "done") token += "t";
+  while (token.size() < 100 && daemon.Issue(token, From(kAlice), large) == "done") token += "t";
   EXPECT_EQ(token.size(), 9U);  // after 8 of 15 pages each, in a quarter of 512 pages
-  EXPECT_EQ(daemon.Issue("c", PeerOf(kBob), large), "done");
+  EXPECT_EQ(daemon.Issue("c", From(kBob), large), "done");
   EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0]["grants"], 1U);
 }
 
@@ -209,7 +212,7 @@ TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
     const pid_t dead = StartSleeper();
     const Daemon daemon({.path = kPath, .drop_orphans_after = soon});
     daemon.Issue("a");
-    daemon.Issue("b", PeerOf(kAlice, dead));
+    daemon.Issue("b", From(kAlice, dead));
     EndProcess(dead);
     EXPECT_NE(daemon.Pid("b"), kUnknown);  // an orphan that nobody has noted yet
     daemon.opened.store->KeepHouse();
@@ -236,7 +239,7 @@ void FillAndEmpty(const Cells& row) {
     int tokens = -1;
     do {
       const std::string payload = "'" + std::string(++tokens % 3000, 'x') + "'";
-      outcome = daemon.Issue(std::to_string(tokens), PeerOf(kAlice), payload);
+      outcome = daemon.Issue(std::to_string(tokens), From(kAlice), payload);
     } while (outcome == "done");
     EXPECT_EQ(fnmatch(row[3].c_str(), outcome.c_str(), 0), 0) << outcome;
     EXPECT_GT(tokens, 500);
