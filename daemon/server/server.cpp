@@ -40,7 +40,7 @@ std::chrono::nanoseconds SinceBoot() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// Returns how long this process has waited for a processor in total, the second number in its
+// Returns how long this thread has waited for a processor in total, the second number in its
 // schedstat file; 0 if the kernel does not report it.
 std::chrono::nanoseconds TimeWithoutProcessor(int schedstat) {
   std::array<char, 64> text{};
@@ -78,7 +78,7 @@ Server::Server(const std::vector<Listener>& listeners, const ServerLimits& serve
       base(MakeBase()),
       descriptors_refused(limits.refuse_descriptors && AllRefuseDescriptors(listeners)),
       queues(limits),
-      schedstat(open("/proc/self/schedstat", O_RDONLY | O_CLOEXEC)),
+      schedstat(open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC)),
       backlog(base, listeners) {
   const auto set = [](evutil_socket_t, short, void* flag) { *static_cast<bool*>(flag) = true; };
   tick = MakeEvent(base, -1, EV_PERSIST, set, &second_passed);
