@@ -28,23 +28,17 @@ class Writer {
         text += value.asBool() ? "true" : "false";
         break;
       case Json::intValue:
-        WriteInteger(value.asInt64());
-        break;
+        return WriteInteger(value.asInt64());
       case Json::uintValue:
-        WriteInteger(value.asUInt64());
-        break;
+        return WriteInteger(value.asUInt64());
       case Json::realValue:
-        WriteDouble(value.asDouble());
-        break;
+        return WriteDouble(value.asDouble());
       case Json::stringValue:
-        WriteString(StringView(value));
-        break;
+        return WriteString(StringView(value));
       case Json::arrayValue:
-        WriteArray(value, room);
-        break;
+        return WriteArray(value, room);
       case Json::objectValue:
-        WriteObject(value, room);
-        break;
+        return WriteObject(value, room);
     }
   }
 

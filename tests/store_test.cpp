@@ -236,16 +236,17 @@ void FillAndEmpty(const Cells& row) {
   const Daemon daemon({.path = kPath, .bytes = std::stoul(row[2]), .users_share = 1});
   for (int round = 0; round < 3; ++round) {
     std::string outcome;
-    int tokens = -1;
-    do {
-      const std::string payload = "'" + std::string(++tokens % 3000, 'x') + "'";
+    std::size_t tokens = 0;
+    for (;; ++tokens) {
+      const std::string payload = "'" + std::string(tokens % 3000, 'x') + "'";
       outcome = daemon.Issue(std::to_string(tokens), From(kAlice), payload);
-    } while (outcome == "done");
+      if (outcome != "done") break;
+    }
     EXPECT_EQ(fnmatch(row[3].c_str(), outcome.c_str(), 0), 0) << outcome;
-    EXPECT_GT(tokens, 500);
-    for (int i = 0; i < tokens; ++i)
+    EXPECT_GT(tokens, 500U);
+    for (std::size_t i = 0; i < tokens; ++i)
       EXPECT_EQ(daemon.Transfer(std::to_string(i), getpid()), "done");
-    for (int i = 0; i < tokens; ++i) EXPECT_EQ(daemon.Revoke(std::to_string(i)), "done");
+    for (std::size_t i = 0; i < tokens; ++i) EXPECT_EQ(daemon.Revoke(std::to_string(i)), "done");
   }
 }
 

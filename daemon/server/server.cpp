@@ -40,7 +40,7 @@ std::chrono::nanoseconds SinceBoot() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// Returns how long this process has waited for a processor in total, the second number in its
+// Returns how long this thread has waited for a processor in total, the second number in its
 // schedstat file; 0 if the kernel does not report it.
 std::chrono::nanoseconds TimeWithoutProcessor(int schedstat) {
   std::array<char, 64> text{};

@@ -165,8 +165,10 @@ void IndexedStore::MakeRoom(std::uint64_t bytes) {
 }
 
 void IndexedStore::ExpectRoomForToken() {
-  const std::uint64_t used = tables.UsedPages(Write());
-  if (used >= options.bytes / database.PageBytes()) {
+  const std::uint64_t limit = options.bytes / database.PageBytes();
+  // A file that never had so many pages need not be asked how many of them are in use.
+  const std::uint64_t used = database.LastPage() + 1 < limit ? 0 : tables.UsedPages(Write());
+  if (used >= limit) {
     throw std::runtime_error("the store is full: " + std::to_string(used * database.PageBytes()) +
                              " of " + std::to_string(options.bytes) + " bytes are used");
   }

@@ -161,19 +161,23 @@ bool Lock(int file, std::chrono::milliseconds patience) {
   return true;
 }
 
-}  // namespace
-
-StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds patience) {
-  const fs::path directory = DirectoryOf(options.path);
-  const bool text = options.format == StoreFormat::kText;
+void PrepareDirectory(const fs::path& directory, const StoreOptions& options) {
   ExpectSafeDirectory(directory);
-  if (text) {
+  if (options.format == StoreFormat::kText) {
     PrepareTextDirectory(directory);
   } else {
     const bool is_public = directory == options.public_directory;
     MakeDirectory(directory, is_public ? S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH : S_IRWXU);
   }
   ExpectSafeDirectory(directory);
+}
+
+}  // namespace
+
+StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds patience) {
+  const fs::path directory = DirectoryOf(options.path);
+  const bool text = options.format == StoreFormat::kText;
+  PrepareDirectory(directory, options);
   // Only its owner can enter the text store's directory, so there the file's mode does not matter.
   const auto status = StatusOf(options.path);
   if (status) ExpectOwnFile(options.path, *status, text ? 0 : S_IRWXG | S_IRWXO);

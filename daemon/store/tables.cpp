@@ -209,16 +209,12 @@ void Tables::Erase(MDB_txn* transaction, const std::string& token) const {
 // than that.
 void Tables::Check(MDB_txn* transaction) const {
   const std::uint64_t count = CountTokens(transaction);
-  const std::uint64_t last_id = LastId(transaction);
   std::map<std::string, UserTotal> totals;
   std::string last_token;
   std::uint64_t seen = 0;
   VisitEntries(transaction, tokens, {}, [&](std::string_view token, std::string_view bytes) {
     const Record record = DecodeRecord(bytes);
-    const std::uint64_t id = record.header.id;
-    if (++seen > count || token <= last_token || id > last_id || record.text.empty() ||
-        Get(transaction, ids, BigEndian(id)) != token ||
-        !Get(transaction, users, UserKey(record.header.uid, id))) {
+    if (++seen > count || token <= last_token || !HasEntries(transaction, token, record)) {
       throw std::runtime_error("its tables are inconsistent");
     }
     UserTotal& total = totals[BigEndian(record.header.uid).append(record.service)];
@@ -228,12 +224,18 @@ void Tables::Check(MDB_txn* transaction) const {
     return true;
   });
   for (const auto& [key, total] : totals) {
-    if (Get(transaction, usage, key) != Encode(total)) {
-      throw std::runtime_error("its totals are wrong");
-    }
+    if (Get(transaction, usage, key) == Encode(total)) continue;
+    throw std::runtime_error("its totals are wrong");
   }
   if (seen != count || StatOf(transaction, users).ms_entries != count ||
       StatOf(transaction, usage).ms_entries != totals.size()) {
     throw std::runtime_error("its tables have different lengths");
   }
+}
+
+bool Tables::HasEntries(MDB_txn* transaction, std::string_view token, const Record& record) const {
+  const std::uint64_t id = record.header.id;
+  return id <= LastId(transaction) && !record.text.empty() &&
+         Get(transaction, ids, BigEndian(id)) == token &&
+         Get(transaction, users, UserKey(record.header.uid, id));
 }

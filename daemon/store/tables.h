@@ -66,6 +66,7 @@ class Tables {
   void AddUsage(MDB_txn* transaction, std::string_view token, const Record& record,
                 bool added) const;
   std::uint64_t LastId(MDB_txn* transaction) const;
+  bool HasEntries(MDB_txn* transaction, std::string_view token, const Record& record) const;
 
   MDB_dbi tokens = 0;
   MDB_dbi ids = 0;
