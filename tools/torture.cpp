@@ -35,8 +35,6 @@ const struct {
     {"random bytes", Times(4000, "") + "\n", 0, kRefused},
     {"too long", Times(2 << 20, "a"), 0, "none"},
     {"too deep", Times(1 << 20, "[") + "\n", 0, kRefused},
-    {"NUL bytes", "{\"type\":\"" + Times(100000, "\\u0000") + "\"}\n", 0, kRefused},
-    {"many values", "[" + Times(90000, "0,") + "0]\n", 0, kRefused},
     {"one byte at a time", kUnknown, 1000, kRefused},
     {"gone before the answer", kUnknown, 0, nullptr},
     {"half a request", kUnknown.substr(0, 20), 0, nullptr},
@@ -204,8 +202,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
   static void TakeNumber() {
     std::atomic<std::uint32_t>& slot = board->slots.back();
     slot = 0;
-    const auto issue = [&slot] { return slot = IssueNew(), pause(); };
-    const pid_t owner = Start(issue, kUsers[0]);
+    const pid_t owner = Start([&slot] { return slot = IssueNew(), pause(); }, kUsers[0]);
     EXPECT_TRUE(Eventually([&] { return slot != 0; }));
     kill(owner, SIGKILL);
     Finish(owner);
