@@ -53,7 +53,7 @@ void IndexedStore::BeginWrite(std::size_t tokens_changed) {
   const std::uint64_t pages = kForChange + tokens_changed * kForEach;
   if (write) throw std::logic_error("a change is already in progress");
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  slot.activity = Activity::kWaitingForStore;
+  Set(slot.activity, Activity::kWaitingForStore);
   for (bool held = true;; std::this_thread::sleep_for(kPause)) {
     write = database.BeginWrite();
     if (room.Has(pages)) break;
@@ -64,8 +64,8 @@ void IndexedStore::BeginWrite(std::size_t tokens_changed) {
     held = room.ReadersHoldPages();
     database.ClearDeadReaders();
   }
-  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
-  slot.activity = Activity::kServing;
+  Set(slot.seen, std::chrono::steady_clock::now().time_since_epoch().count());
+  Set(slot.activity, Activity::kServing);
 }
 
 // Begins the transaction on first use, so that others do not wait while package files are read.
