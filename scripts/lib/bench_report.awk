@@ -46,6 +46,7 @@ END {
   row("memory of the daemon and one worker at rest", median("memory"), " MiB", 9, 0)
   table("requests", "Requests per second, by connections at once", "echo ours memcached", "1 8 64 128")
   table("growth", "One request at a time, in µs, by tokens in the store", "issue validate transfer revoke", "1000 10000 100000 1000000")
+  table("varied", "Operations per second; `hundred` is one request with 100 checks", "validate issue hundred", "workers-2 workers-64 clients-8 clients-300 clients-1500 list-none list-users list-groups packages-5 packages-100 packages-1000")
   printf "\nThe store's file takes %.0f bytes for each of 1,000,000 tokens.\n", median("file") / 1e6
   if (missing) { print "missing:" missing >"/dev/stderr"; exit 1 }
 }
