@@ -210,17 +210,6 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
   EXPECT_EQ(TokenManager::toString(status) + "\n", Lines("status"));
 }
 
-TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
-  fs::permissions(kInstalled + "/mail", fs::perms::all);
-  for (const std::size_t slot : {0U, 1U}) {
-    Worker worker(false, slot);
-    const std::string log = Logged([&] {
-      for (int turn = 0; turn < 100; ++turn) worker.handler.OnIdle();  // it looks twice
-    });
-    EXPECT_EQ(log, slot == 0 ? "/var/installed/mail: it is writable by everybody\n" : "");
-  }
-}
-
 // The example in the documentation.
 TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
   CheckService<TokenManager::Printing>("printing");

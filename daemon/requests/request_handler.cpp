@@ -28,8 +28,6 @@ constexpr std::size_t kMaxValues = 10000;
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
 
-constexpr unsigned int kTurnsBetweenLooks = 60;  // a minute: each look reads a directory
-
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
   return text.size() > kMaxValues &&
@@ -94,8 +92,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
       slot(worker_slot),
       settings(std::move(request_settings)),
       manager(settings.installed_config, {std::shared_ptr<void>(), &token_store}, std::move(cache)),
-      administration(token_store, shared_board, settings.version),
-      watch(settings.installed_config) {
+      administration(token_store, shared_board, settings.version) {
   AddServices(manager);
 }
 
@@ -125,7 +122,6 @@ void RequestHandler::OnIdle() {
   board.refusals.LogHeldBack(Seconds());
   if (&slot != board.slots.data()) return;
   store.KeepHouse();
-  if (idle_turns++ % kTurnsBetweenLooks == 0) watch.Look();
 }
 
 const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request) {

@@ -62,6 +62,4 @@ class RequestHandler {
   const RequestSettings settings;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
-  WriterWatch watch;
-  unsigned int idle_turns = 0;
 };
