@@ -58,6 +58,9 @@ foreach(directory /etc/zelttokenmgr/installed /var/packages)
   install(DIRECTORY DESTINATION ${directory} COMPONENT daemon)
 endforeach()
 
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
+  DESTINATION share/lintian/overrides RENAME zelttokenmgr COMPONENT daemon)
+
 foreach(component LIBRARY DEVELOPMENT DAEMON)
   string(TOLOWER ${component} name)
   install(FILES ${PROJECT_BINARY_DIR}/changelog.Debian.gz
