@@ -389,7 +389,8 @@ purge() {
   expect 0 '*lib/zelttokenmgr holds other files*' cat purge.log
   expect 3 $'inactive\ninactive' systemctl is-active $service $sockets
   expect 0 other ls $state
-  expect 0 '' dpkg -V notes passwd base-passwd
+  expect 0 '' dpkg -V notes
+  expect 0 'root:*' getent passwd root
   rm -r $state
   expect 0 '' left_behind
 }
