@@ -11,6 +11,7 @@
 #include "json_text.h"
 #include "request_log.h"
 #include "services.h"
+#include "strict_json.h"
 #include "token_shape.h"
 
 using namespace ZELT::TokenManager;
@@ -152,7 +153,7 @@ const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request
 void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
                             Json::Value& response) {
   if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
-  if (!fromString(text, request) || !request.isObject()) {
+  if (!ReadStrictJson(text, request) || !request.isObject()) {
     throw std::runtime_error("not a JSON object");
   }
   const Operation& operation = Find(request);

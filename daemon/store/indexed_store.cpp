@@ -9,6 +9,7 @@
 #include "json_member.h"
 #include "json_text.h"
 #include "store_file.h"
+#include "strict_json.h"
 
 using ZELT::TokenManager::fromString;
 using ZELT::TokenManager::MemberOrNull;
@@ -200,7 +201,8 @@ Json::Value IndexedStore::GetAssociatedData(const std::string& token) {
   const std::string text =
       changing ? Text(Write(), token) : Text(Database::ReadScope(database).Get(), token);
   Json::Value data;
-  if (!fromString(text, data)) throw std::runtime_error("the record of the token is damaged");
+  // What administrators wrote into a grant may be valid only for the library.
+  if (!ReadStrictJson(text, data) && !fromString(text, data)) throw std::runtime_error("the record of the token is damaged");
   return data;
 }
 
