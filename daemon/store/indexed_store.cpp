@@ -17,8 +17,6 @@ using ZELT::TokenManager::toString;
 
 namespace {
 
-constexpr const char* kUnknown = "the store has no such token";
-
 // Pages. A change rewrites the path from the root of each table. With merges and lists of free
 // pages this takes about 30 pages, and the pages that it frees can be reused two commits later.
 constexpr std::uint64_t kForChange = 64;
@@ -191,7 +189,7 @@ void IndexedStore::Remove(const std::string& token) {
 std::string IndexedStore::Text(MDB_txn* transaction, const std::string& token) const {
   const auto record = tables.Find(transaction, token);
   if (!record || (removed && removed->token == token) || IsGone(record->header, options)) {
-    throw std::runtime_error(kUnknown);
+    throw std::runtime_error(kUnknownToken);
   }
   return std::string(record->text);
 }
