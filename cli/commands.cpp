@@ -132,3 +132,13 @@ Result Run(const Arguments& arguments) {
   result.value["exit"] = result.exit_code;
   return result;
 }
+
+Result Exec(const Arguments& arguments) {
+  const std::string token = IssueToken(arguments);
+  try {
+    Become(arguments.command, token);
+  } catch (...) {
+    RevokePatiently(arguments.service, token);
+    throw;
+  }
+}

@@ -36,6 +36,7 @@ Result Validate(const Arguments& arguments);
 Result Revoke(const Arguments& arguments);
 Result Transfer(const Arguments& arguments);
 Result Run(const Arguments& arguments);
+Result Exec(const Arguments& arguments);
 
 // Only root and the daemon's user may use these.
 Result List(const Arguments& arguments);

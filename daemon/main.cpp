@@ -14,6 +14,7 @@
 #include "log.h"
 #include "open_store.h"
 #include "options.h"
+#include "start_error.h"
 #include "supervisor.h"
 #include "worker.h"
 
@@ -64,6 +65,12 @@ void Serve(const Options& options) {
   supervisor.Run();
 }
 
+int Report(const std::exception& error, int status, const Options& options) {
+  Log(LOG_ERR, "%s", error.what());
+  if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error.what() << '\n';
+  return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -74,9 +81,9 @@ int main(int argc, char** argv) {
     Serve(options);
     Log(LOG_NOTICE, "stopped");
     return EXIT_SUCCESS;
+  } catch (const StartError& error) {
+    return Report(error, error.status, options);
   } catch (const std::exception& error) {
-    Log(LOG_ERR, "%s", error.what());
-    if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error.what() << '\n';
-    return EXIT_FAILURE;
+    return Report(error, EXIT_FAILURE, options);
   }
 }

@@ -1,5 +1,6 @@
 // The daemon as processes, on a private machine.
 #include <sys/socket.h>
+#include <sysexits.h>
 
 #include <list>
 
@@ -13,9 +14,9 @@ using zeltdaemon::DomainSockConnection;
 constexpr const char* kSecondSocket = "/run/zelttokenmgr/socket";
 const std::string kStore = "/run/zelttokenmgr/tokens.mdb";
 
-void ExpectFailure(const std::string& command, const std::string& error) {
+void ExpectFailure(const std::string& command, const std::string& error, int status = 1) {
   Program program(command);
-  EXPECT_EQ(program.End(), 1) << command;
+  EXPECT_EQ(program.End(), status) << command;
   EXPECT_TRUE(program.Logs(error)) << command << program.Errors();
 }
 
@@ -37,7 +38,7 @@ int Bound(const std::string& name, int type) {
 TEST_F(ProgramsTest, OnlyOneServesAndItStopsClean) {
   Daemon daemon("--workers 2 --audit");
   ExpectFailure("exec zelttokenmgrd --store /run/other/tokens.mdb",
-                "zelttokenmgrd: another daemon serves /tmp/zelttokenmgr.sock\n");
+                "zelttokenmgrd: another daemon serves /tmp/zelttokenmgr.sock\n", EX_UNAVAILABLE);
   const std::string token = Issue();
   for (const char* path : {kSocket, kSecondSocket}) {
     EXPECT_EQ(fs::status(path).permissions(), fs::perms(0666));
@@ -100,7 +101,8 @@ TEST_F(ProgramsTest, ServesSocketsThatWerePassedOn) {
     EXPECT_EQ(daemon.End(SIGTERM), 0);
   }
   // They were passed to somebody else, and so somebody else serves.
-  ExpectFailure("LISTEN_PID=1 LISTEN_FDS=2 exec zelttokenmgrd" + redirect, "another daemon");
+  ExpectFailure("LISTEN_PID=1 LISTEN_FDS=2 exec zelttokenmgrd" + redirect, "another daemon",
+                EX_UNAVAILABLE);
   for (const int fd : {first, other}) close(fd);
 }
 

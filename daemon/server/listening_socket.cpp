@@ -21,6 +21,7 @@
 
 #include "environment.h"
 #include "owned_descriptor.h"
+#include "start_error.h"
 #include "unix_address.h"
 
 using ZELT::TokenManager::OwnedDescriptor;
@@ -66,7 +67,7 @@ void AwaitEndOfService(const std::string& path) {
   const auto deadline = std::chrono::steady_clock::now() + kDyingGrace;
   while (IsServed(path)) {
     if (std::chrono::steady_clock::now() > deadline) {
-      throw std::runtime_error("another daemon serves " + path);
+      throw StartError(EX_UNAVAILABLE, "another daemon serves " + path);
     }
     std::this_thread::sleep_for(kPollInterval);
   }

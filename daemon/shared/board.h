@@ -13,20 +13,7 @@
 #include <type_traits>
 
 #include "refusals.h"
-
-/// The kinds of requests, in the order of the counters. `kOther` is for requests without a valid
-/// "type".
-enum class RequestType : std::uint8_t {
-  kIssue,
-  kValidate,
-  kRevoke,
-  kTransfer,
-  kList,
-  kDrop,
-  kStatus,
-  kOther
-};
-constexpr std::size_t kRequestTypes = static_cast<std::size_t>(RequestType::kOther) + 1;
+#include "request_type.h"
 
 /// What a worker is doing. A worker that waits for the store is not stuck itself; the worker that
 /// holds the store is.
@@ -73,10 +60,6 @@ void Set(std::atomic<T>& value, std::type_identity_t<T> now) {
 inline void Count(std::atomic<std::uint64_t>& counter) {
   Set(counter, counter.load(std::memory_order_relaxed) + 1);
 }
-
-/// The names of the kinds of requests, in the order of the counters.
-constexpr std::array<const char*, kRequestTypes> kRequestTypeNames = {
-    "issue", "validate", "revoke", "transfer", "list", "drop", "status", "other"};
 
 /// A worker serves one request at a time; more workers would only use memory.
 constexpr std::size_t kMaxWorkers = 256;

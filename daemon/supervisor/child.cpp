@@ -15,19 +15,28 @@
 #include <system_error>
 
 #include "owned_descriptor.h"
+#include "start_error.h"
 
 using ZELT::TokenManager::OwnedDescriptor;
 
 namespace {
 
-[[noreturn]] void Run(const std::function<void()>& work, int report) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+int Report(int report, const char* error, int status) {
+  [[maybe_unused]] const ssize_t ignored = write(report, error, std::strlen(error));
+  return status;
+}
+
+// Returns the exit status, whatever is thrown: the child must not go on as its parent.
+int Run(const std::function<void()>& work, int report) {
   try {
     work();
-    _exit(EXIT_SUCCESS);
+    return EXIT_SUCCESS;
+  } catch (const StartError& error) {
+    return Report(report, error.what(), error.status);
   } catch (const std::exception& error) {
-    [[maybe_unused]] const ssize_t ignored = write(report, error.what(), std::strlen(error.what()));
-    _exit(EXIT_FAILURE);
+    return Report(report, error.what(), EXIT_FAILURE);
+  } catch (...) {
+    return EXIT_FAILURE;
   }
 }
 
@@ -52,17 +61,21 @@ void RunInChild(const std::string& subject, const std::function<void()>& work) {
   const OwnedDescriptor result(ends[0]);
   OwnedDescriptor report(ends[1]);
   const pid_t child = fork();
-  if (child == 0) Run(work, report.Get());
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    _exit(Run(work, report.Get()));
+  }
   if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
   report.Close();
   const std::string text = ReadAll(result.Get());
   int status = 0;
   waitpid(child, &status, 0);
-  if (!text.empty()) throw std::runtime_error(text);
   if (WIFSIGNALED(status)) {
-    throw std::runtime_error(subject + " cannot be used: " + strsignal(WTERMSIG(status)));
+    const int number = WTERMSIG(status);
+    throw StartError(number == SIGKILL ? EXIT_FAILURE : EX_DATAERR,
+                     subject + " cannot be used: " + strsignal(number));
   }
-  if (WEXITSTATUS(status) != EXIT_SUCCESS) {
-    throw std::runtime_error(subject + " cannot be used: the process failed");
-  }
+  if (WEXITSTATUS(status) == EXIT_SUCCESS) return;
+  throw StartError(WEXITSTATUS(status),
+                   text.empty() ? subject + " cannot be used: the process failed" : text);
 }

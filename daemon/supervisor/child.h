@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-/// Runs `work` in a forked child and waits for it. Throws `std::runtime_error` with the text of the
-/// exception that `work` threw, or with `subject`, what the work uses, and the name of the signal
-/// that killed the child.
+/// Runs `work` in a forked child and waits for it. Throws `StartError` with the text and status of
+/// the exception that `work` threw, status 1 if that was another one. If a signal killed the child,
+/// the text has `subject`, what the work uses, and the name of the signal.
 void RunInChild(const std::string& subject, const std::function<void()>& work);

@@ -15,12 +15,12 @@
 namespace {
 
 // Names this process as the client, because no client is to blame if it hangs.
-void KeepHouse(RequestHandler& handler, WorkerSlot& slot) {
+void EverySecond(RequestHandler& handler, WorkerSlot& slot) {
   slot.type = RequestType::kOther;
   slot.client_process = getpid();
   slot.client_user = geteuid();
   try {
-    handler.OnIdle();
+    handler.EverySecond();
   } catch (const std::exception& error) {
     Log(LOG_WARNING, "housekeeping failed: %s", error.what());
   }
@@ -38,7 +38,7 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                           .audit = options.audit},
                          opened.cache);
   Server server(context.listeners, options.limits, slot);
-  server.OnIdle([&] { KeepHouse(handler, slot); });
+  server.OnIdle([&] { EverySecond(handler, slot); });
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
   server.Serve([&handler](const Peer& peer, const std::string& request) {
     return handler.Answer(peer, request);
