@@ -181,7 +181,7 @@ class RealDaemon(unittest.TestCase):
             self.assertTrue(line, "the daemon ended")
 
     def stop(self):
-        self.daemon.kill()
+        self.daemon.terminate()
         self.daemon.wait()
         self.daemon.stderr.close()
 
