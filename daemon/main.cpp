@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <cstdlib>
-#include <exception>
 #include <iostream>
 
 #include "check.h"
@@ -14,7 +12,7 @@
 #include "log.h"
 #include "open_store.h"
 #include "options.h"
-#include "start_error.h"
+#include "standard_descriptors.h"
 #include "supervisor.h"
 #include "worker.h"
 
@@ -65,25 +63,19 @@ void Serve(const Options& options) {
   supervisor.Run();
 }
 
-int Report(const std::exception& error, int status, const Options& options) {
-  Log(LOG_ERR, "%s", error.what());
-  if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error.what() << '\n';
-  return status;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
+  ZELT::TokenManager::OpenStandardDescriptors();
   const Options options = ParseOptions(argc, argv);
   if (options.check) return Check(options);
   PrepareProcess(options);
-  try {
+  const auto serve = [&] {
     Serve(options);
     Log(LOG_NOTICE, "stopped");
-    return EXIT_SUCCESS;
-  } catch (const StartError& error) {
-    return Report(error, error.status, options);
-  } catch (const std::exception& error) {
-    return Report(error, EXIT_FAILURE, options);
-  }
+  };
+  return ExitStatusOf(serve, [&](const char* error) {
+    Log(LOG_ERR, "%s", error);
+    if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error << '\n';
+  });
 }
