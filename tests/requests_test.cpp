@@ -74,6 +74,12 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
     const auto ask = [&] { EXPECT_EQ(Requoted(worker.handler.Answer(peer, request)), kRefused); };
     EXPECT_EQ(Logged(ask), row[3] + "\n") << request;
   }
+  std::string nuls;
+  while (nuls.size() < 252) nuls += "\\u0000";  // as much as fits into 256 bytes
+  const std::string hidden = "{'type':'" + nuls + nuls + "','service':'" + nuls + nuls + "'}";
+  EXPECT_EQ(Logged([&] { worker.Ask(kAlice, hidden, 77); }),
+            "refused pid=77 uid=4001 type=\"" + nuls + "\" service=\"" + nuls +
+                "\" reason=\"unknown type of request\"\n");
   const std::string many(10001, '[');
   EXPECT_NE(Logged([&] { worker.Ask(kAlice, many); }).find("too many values"), many.npos);
   EXPECT_EQ(worker.AskFor("validate", token), "{'permitted':null,'success':false}");
