@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "json_member.h"
+#include "json_text.h"
 
 using namespace ZELT::TokenManager;
 
@@ -25,6 +26,10 @@ std::string Printable(std::string text) {
 
 std::string Cell(const Json::Value& row, const char* name) {
   return Printable(TextOf(MemberOrNull(row, name)));
+}
+
+std::string State(const Json::Value& token) {
+  return TruthOf(MemberOrNull(token, "alive")) ? "alive" : "orphan";
 }
 
 std::string Padded(std::string text, std::size_t width) {
@@ -174,12 +179,27 @@ void AddUsage(Metrics& metrics, const Json::Value& usage, const char* member, co
 }  // namespace
 
 std::string TokenTable(const Json::Value& tokens) {
-  std::vector<Line> lines{{"ID", "SERVICE", "USER", "PID", "OWNER", "STATE", "AGE", "GRANTS"}};
+  std::vector<Line> lines{
+      {"ID", "SERVICE", "USER", "UID", "PID", "OWNER", "STATE", "AGE", "GRANTS"}};
   for (const Json::Value& token : tokens) {
     lines.push_back({Cell(token, "id"), Cell(token, "service"), Cell(token, "requester"),
-                     Cell(token, "pid"), Cell(token, "owner"),
-                     TruthOf(MemberOrNull(token, "alive")) ? "alive" : "orphan",
+                     Cell(token, "uid"), Cell(token, "pid"), Cell(token, "owner"), State(token),
                      Duration(MemberOrNull(token, "age")), Cell(token, "grants")});
+  }
+  return Table(lines);
+}
+
+std::string TokenReport(const Json::Value& token) {
+  std::vector<Line> lines{{"id", Cell(token, "id")},
+                          {"service", Cell(token, "service")},
+                          {"user", Cell(token, "requester") + " (uid " + Cell(token, "uid") + ")"},
+                          {"owner", Cell(token, "pid") + " " + Cell(token, "owner")},
+                          {"state", State(token)},
+                          {"age", Duration(MemberOrNull(token, "age"))}};
+  const Json::Value& payload = MemberOrNull(token, "payload");
+  if (!payload.isArray()) lines.push_back({"grant", Printable(toString(payload))});
+  for (Json::ArrayIndex i = 0; payload.isArray() && i < payload.size(); ++i) {
+    lines.push_back({"grant", Printable(toString(payload[i]))});
   }
   return Table(lines);
 }

@@ -8,6 +8,9 @@
 /// Returns a table with a line for each of the `tokens` of a "list" response.
 std::string TokenTable(const Json::Value& tokens);
 
+/// Returns the token of a "show" response as a table, with a line for each of its grants.
+std::string TokenReport(const Json::Value& token);
+
 /// Returns a "status" response as tables.
 std::string StatusReport(const Json::Value& status);
 

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "daemon_socket.h"
 #include "json_member.h"
 #include "json_text.h"
 #include "log.h"
@@ -79,6 +80,7 @@ Sender SenderOf(RequestType type) {
     case RequestType::kTransfer:
       return Sender::kProcess;
     case RequestType::kList:
+    case RequestType::kShow:
     case RequestType::kDrop:
     case RequestType::kStatus:
       return Sender::kAdministrator;
@@ -95,6 +97,9 @@ void ExpectSender(Sender expected, const Peer& peer) {
   if (expected == Sender::kProcess && peer.credential.pid == 0) {
     throw std::runtime_error("the peer has no process id in the daemon's pid namespace");
   }
+  if (expected == Sender::kProcess && IsUnmapped(peer.credential.uid)) {
+    throw std::runtime_error("the peer's user id is not mapped in the daemon's user namespace");
+  }
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
     throw std::runtime_error("only root and the daemon's user may ask for this");
   }
@@ -106,6 +111,20 @@ std::string Success(Json::Value& response) {
   std::string text = toString(response);
   text.reserve(text.size() + 1);
   return text;
+}
+
+// Administrators are told the reason, and others that they are none. Other requests have it only in
+// the log, because it may say what tokens and grants there are.
+std::string Refused(RequestType type, const Json::Value& response, const char* reason) try {
+  if (SenderOf(type) != Sender::kAdministrator) {
+    return response.isMember("permitted") ? kCannotTell : kRefused;
+  }
+  Json::Value refusal;
+  refusal["success"] = false;
+  refusal["reason"] = reason;
+  return toString(refusal);
+} catch (const std::exception&) {
+  return kRefused;
 }
 
 std::chrono::seconds Seconds() {
@@ -139,7 +158,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     answer = Handle(peer, text, request, response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    answer = response.isMember("permitted") ? kCannotTell : kRefused;
+    answer = Refused(slot.type, response, refusal.what());
     Refuse(peer, request, refusal.what());
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
@@ -175,6 +194,9 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
     case RequestType::kList:
       administration.List(request, response);
       break;
+    case RequestType::kShow:
+      administration.Show(request, response);
+      break;
     case RequestType::kStatus:
       administration.Status(request, response);
       break;
@@ -203,6 +225,7 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
     case RequestType::kIssue:
       ExpectFewGrants(request["payload"]);
       manager.IssueToken(peer.credential, request, response);
+      if (settings.audit) details = GrantsOf(response["token"].asString());
       break;
     case RequestType::kTransfer:
       manager.TransferToken(peer.credential, request, response);
@@ -215,6 +238,11 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   }
   if (!settings.audit) return {};
   return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
+}
+
+// Returns the grants of a new token for the audit.
+std::string RequestHandler::GrantsOf(const std::string& token) const {
+  return " grants=" + QuotedGrants(toString(manager.GetAssociatedData(token)["payload"]));
 }
 
 std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,

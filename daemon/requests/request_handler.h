@@ -44,6 +44,7 @@ class RequestHandler {
   std::string Change(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,
                                     Json::Value& response);
+  std::string GrantsOf(const std::string& token) const;
   std::vector<std::string> AuditDrop(const Peer& peer, const std::vector<TokenRow>& dropped) const;
 
   void Refuse(const Peer& peer, const Json::Value& request, const std::string& reason);
