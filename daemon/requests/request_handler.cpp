@@ -134,6 +134,7 @@ const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request
   static constexpr std::array kOperations = {
       Operation{RequestType::kIssue, Sender::kProcess, &This::Change<&Manager::IssueToken>},
       Operation{RequestType::kValidate, Sender::kAnybody, &This::Ask<&Manager::ValidateToken>},
+      Operation{RequestType::kValidateMany, Sender::kAnybody, &This::Ask<&Manager::ValidateMany>},
       Operation{RequestType::kRevoke, Sender::kProcess, &This::Change<&Manager::RevokeToken>},
       Operation{RequestType::kTransfer, Sender::kProcess, &This::Change<&Manager::TransferToken>},
       Operation{RequestType::kList, Sender::kAdministrator,
