@@ -20,7 +20,7 @@ void EverySecond(RequestHandler& handler, WorkerSlot& slot) {
   slot.client_process = getpid();
   slot.client_user = geteuid();
   try {
-    handler.OnIdle();
+    handler.EverySecond();
   } catch (const std::exception& error) {
     Log(LOG_WARNING, "housekeeping failed: %s", error.what());
   }

@@ -48,7 +48,7 @@ std::string UserName(uid_t uid) {
 // name if the privilege file is missing, too large, unreadable, or does not name a user.
 std::string PackageUser(const boost::filesystem::path& directory, const std::string& package) {
   Json::Value privilege;
-  fromFile((directory / kPrivilegeFile).native(), privilege, kMaxPrivilegeBytes);
+  fromFile((directory / kPrivilegeFile).native(), privilege);
   std::string username = TextOf(MemberOrNull(privilege, "username"));
   return username.empty() ? package : username;
 }

@@ -13,19 +13,10 @@ namespace {
 
 constexpr char kGroupMark = '@';
 
-// Returns false also for a request that JSON text cannot express.
-bool Send(DaemonConnection& connection, const Json::Value& request) {
-  try {
-    return connection.Send(toString(request));
-  } catch (const std::runtime_error&) {
-    return false;
-  }
-}
-
 Json::Value SendRequest(const Json::Value& request) {
   const auto connection = ConnectToDaemon();
   if (!connection) throw std::runtime_error("utils.cpp:62 failed to access domain socket");
-  if (!Send(*connection, request)) {
+  if (!connection->Send(toString(request))) {
     throw std::runtime_error("utils.cpp:65 failed to send request");
   }
   std::string text;

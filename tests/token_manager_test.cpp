@@ -90,7 +90,7 @@ TEST_F(TokenManagerTest, MeetsTheChecksOfRequestsInOrder) {
 TEST_F(TokenManagerTest, MeetsTheChecksOfAnIssueInOrder) {
   for (const char* package : {"alice", "bob", "any"}) fs::create_directory(kPackages / package);
   WriteFile("/tmp/installed/alice", "{}");
-  WriteFile("/tmp/installed/any", "{} trailing");
+  WriteFile("/tmp/installed/any", "{");
   const auto issue = [](const Json::Value& request, const Json::Value& user) {
     return World().Call(&TokenManager::IssueToken, request, {41, user.asUInt(), 0});
   };
@@ -118,7 +118,7 @@ TEST_F(TokenManagerTest, FindsThePackageThatRunsAsTheUser) {
   for (const Cells& row : Section("token_manager.txt", "packages")) {
     EXPECT_EQ(PackageOfAlice(row.at(0), row.at(1)), row.at(2)) << row[0] << row[1];
   }
-  const std::string long_text = R"({"username":"bob"})" + std::string(64 << 10, ' ');
+  const std::string long_text = R"({"username":"bob"})" + std::string(kMaxFileBytes, ' ');
   EXPECT_EQ(PackageOfAlice("alice/conf/privilege", long_text), R"("alice")");
 }
 

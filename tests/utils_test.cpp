@@ -37,10 +37,8 @@ TEST_F(UtilsTest, NeedADaemonARequestThatCanBeSentAndASocket) {
   const long descriptors = OpenDescriptors();
   EXPECT_EQ(Send("issue"), "utils.cpp:62 failed to access domain socket");
   const OwnedDescriptor daemon = ListenAt(kSecondSocketPath);
-  for (const std::string& token : {std::string(2 << 20, 'x'), std::string("\xff")}) {
-    EXPECT_EQ(Outcome([&] { SendRevokeRequest("s", token); }),
-              "utils.cpp:65 failed to send request");
-  }
+  EXPECT_EQ(Outcome([] { SendRevokeRequest("s", std::string(2 << 20, 'x')); }),
+            "utils.cpp:65 failed to send request");
   EXPECT_EQ(Outcome([] { GetPeerCredential(-1); }), "utils.cpp:149 failed to get peer credential");
   EXPECT_EQ(OpenDescriptors(), descriptors + 1);
 }

@@ -15,6 +15,7 @@
 #include "json_text.h"
 #include "packages.h"
 #include "services.h"
+#include "strict_json.h"
 #include "user_limits.h"
 #include "users.h"
 #include "zelttokenmanager/utils.h"
@@ -197,7 +198,7 @@ int CheckIssue(const std::string& installed_config, const std::string& user,
                const std::string& service, const std::string& payload, std::ostream& output) {
   Json::Value request;
   request["service"] = service;
-  if (!fromString(payload, request["payload"])) {
+  if (!ReadStrictJson(payload, request["payload"])) {
     output << "the payload is not JSON\n";
     return EX_USAGE;
   }

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "daemon_socket.h"
 #include "json_member.h"
@@ -29,22 +30,20 @@ constexpr std::size_t kNamedCauses = 3;  // more would only make the line longer
 std::string SystemText(int error) { return std::generic_category().message(error); }
 
 // Returns why the library cannot read the file at `path`; empty if it can.
-std::string FileProblem(const std::string& path, std::size_t max_bytes) {
+std::string FileProblem(const std::string& path) {
   // Without O_NONBLOCK, opening a FIFO waits for a writer (fifo(7)).
   const OwnedDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status {};
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return SystemText(errno);
   if (!S_ISREG(status.st_mode)) return "not a regular file";
-  if (static_cast<std::size_t>(status.st_size) > max_bytes) {
-    return "larger than " + std::to_string(max_bytes >> 10U) + " KiB";
-  }
+  if (std::cmp_greater(status.st_size, kMaxFileBytes)) return "larger than 4 MiB";
   char byte = 0;
   return read(file.Get(), &byte, 1) < 0 ? SystemText(errno) : "";
 }
 
-std::string ReadJsonFile(const std::string& path, std::size_t max_bytes, Json::Value& value) {
-  std::string problem = FileProblem(path, max_bytes);
-  if (problem.empty() && !fromFile(path, value, max_bytes)) problem = "not JSON";
+std::string ReadJsonFile(const std::string& path, Json::Value& value) {
+  std::string problem = FileProblem(path);
+  if (problem.empty() && !fromFile(path, value)) problem = "not JSON";
   if (problem.empty() && !value.isObject()) problem = "not a JSON object";
   return problem;
 }
@@ -54,7 +53,7 @@ void ReadPrivilege(Package& package) {
   std::error_code ignored;
   if (!fs::exists(fs::symlink_status(package.privilege, ignored))) return;
   Json::Value privilege;
-  package.problem = ReadJsonFile(package.privilege, kMaxPrivilegeBytes, privilege);
+  package.problem = ReadJsonFile(package.privilege, privilege);
   if (!package.problem.empty() || !privilege.isMember("username")) return;
   const std::string user = TextOf(privilege["username"]);
   if (user.empty()) {
@@ -115,7 +114,7 @@ std::vector<Package> ReadPackages() {
 }
 
 std::string ReadConfiguration(const std::string& path, Json::Value& configuration) {
-  return ReadJsonFile(path, kMaxFileBytes, configuration);
+  return ReadJsonFile(path, configuration);
 }
 
 std::vector<std::string> ListFiles(const std::string& directory) {

@@ -54,8 +54,9 @@ void LogRefusal(const Peer& peer, const Json::Value& request, const Refusal& ref
       peer.credential.pid, peer.credential.uid, Loggable(refusal.reason).c_str(), cause.c_str());
 }
 
-void LogChange(const Peer& peer, const char* what, std::uint64_t id, const std::string& service,
-               const std::string& details) {
-  Log(LOG_INFO, "audit %s id=%ju service=%s pid=%d uid=%u%s", what, std::uintmax_t{id},
-      Loggable(service).c_str(), peer.credential.pid, peer.credential.uid, details.c_str());
+std::string AuditLine(const Peer& peer, const char* what, std::uint64_t id,
+                      const std::string& service, const std::string& details) {
+  return std::string("audit ") + what + " id=" + std::to_string(id) +
+         " service=" + Loggable(service) + " pid=" + std::to_string(peer.credential.pid) +
+         " uid=" + std::to_string(peer.credential.uid) + details;
 }

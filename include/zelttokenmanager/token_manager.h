@@ -62,7 +62,7 @@ class [[gnu::visibility("default")]] TokenManager {
   ///
   /// Request: {"service": string, ...}; the service reads the rest. Response: "success", "token".
   /// An installed package must run as the peer's user: the first entry of "/var/packages" whose
-  /// "conf/privilege" (of at most 64 KiB) names the user, or whose own name is the user's.
+  /// "conf/privilege" (of at most 4 MiB) names the user, or whose own name is the user's.
   void IssueToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
   /// Asks the service whether the token permits the request. Any process may validate a token.
