@@ -10,7 +10,7 @@ cd "$1"
 # syslog(3) are written out as they will appear. Help texts are not included.
 # shellcheck disable=SC2016 # Perl's variables
 literals() {
-  find src common daemon cli -name '*.cpp' -o -name '*.h' | LC_ALL=C sort | xargs perl -0777 -ne '
+  find src common daemon cli c -name '*.cpp' -o -name '*.h' | LC_ALL=C sort | xargs perl -0777 -ne '
     (my $file = $ARGV) =~ s{^src/}{};
     my $holds_help = $file =~ /(options|command_line|report)\.cpp$/;
     s{(?<!:)//[^\n]*|^\#.*$}{}gm;

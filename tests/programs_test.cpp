@@ -213,6 +213,12 @@ TEST_F(ProgramsTest, KeepsATextStore) {
   EXPECT_EQ(Validate(token), kPermitted);
   daemon.End(SIGTERM);
   EXPECT_EQ(ReadFile("/run/zelttokenmgr/text/tokens").find(token), 0U);
+  Daemon small("--store-format text --cache-size 64K");
+  EXPECT_TRUE(Eventually([&] {
+    Issue();
+    return small.Errors().find("]: storage/lru_cache_storage.cpp:182 ") != std::string::npos;
+  })) << "what the library gives to syslog(3) is in the daemon's log";
+  small.End(SIGTERM);
   const Daemon next("--store-format text --cache-size 0");
   EXPECT_EQ(Validate(token), kPermitted);
   EXPECT_EQ(Ask("revoke", token, "null"), "{'success':true}");

@@ -74,6 +74,12 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
     const auto ask = [&] { EXPECT_EQ(Requoted(worker.handler.Answer(peer, request)), kRefused); };
     EXPECT_EQ(Logged(ask), row[3] + "\n") << request;
   }
+  std::string nuls;
+  while (nuls.size() < 252) nuls += "\\u0000";  // as much as fits into 256 bytes
+  const std::string hidden = "{'type':'" + nuls + nuls + "','service':'" + nuls + nuls + "'}";
+  EXPECT_EQ(Logged([&] { worker.Ask(kAlice, hidden, 77); }),
+            "refused pid=77 uid=4001 type=\"" + nuls + "\" service=\"" + nuls +
+                "\" reason=\"unknown type of request\"\n");
   const std::string many(10001, '[');
   EXPECT_NE(Logged([&] { worker.Ask(kAlice, many); }).find("too many values"), many.npos);
   EXPECT_EQ(worker.AskFor("validate", token), "{'permitted':null,'success':false}");
@@ -206,17 +212,6 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
   EXPECT_GT(std::exchange(status["store"]["used"], 0).asInt64(), 0);
   for (Json::Value& row : status["usage"]) EXPECT_GT(std::exchange(row["bytes"], 0).asInt(), 0);
   EXPECT_EQ(TokenManager::toString(status) + "\n", Lines("status"));
-}
-
-TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
-  fs::permissions(kInstalled + "/mail", fs::perms::all);
-  for (const std::size_t slot : {0U, 1U}) {
-    Worker worker(false, slot);
-    const std::string log = Logged([&] {
-      for (int turn = 0; turn < 100; ++turn) worker.handler.EverySecond();  // it looks twice
-    });
-    EXPECT_EQ(log, slot == 0 ? "/var/installed/mail: it is writable by everybody\n" : "");
-  }
 }
 
 // The example in the documentation.

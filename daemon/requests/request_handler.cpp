@@ -32,8 +32,6 @@ constexpr std::size_t kMaxValues = 10000;
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
-constexpr unsigned int kBetweenLooks = 60;  // seconds: each look reads a directory
-
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
   return text.size() > kMaxValues &&
@@ -133,8 +131,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
       slot(worker_slot),
       settings(std::move(request_settings)),
       manager(settings.installed_config, {std::shared_ptr<void>(), &token_store}, std::move(cache)),
-      administration(token_store, shared_board, settings.version),
-      watch(settings.installed_config) {
+      administration(token_store, shared_board, settings.version) {
   AddServices(manager);
 }
 
@@ -163,7 +160,6 @@ void RequestHandler::EverySecond() {
   board.refusals.LogHeldBack(Seconds());
   if (&slot != board.slots.data()) return;
   store.EverySecond();
-  if (seconds++ % kBetweenLooks == 0) watch.Look();
 }
 
 std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
