@@ -45,7 +45,7 @@ TEST_F(ProgramsTest, OnlyOneServesAndItStopsClean) {
     EXPECT_EQ(Ask("[]", path), kRefused);
   }
   kill(daemon.pid, SIGUSR1);
-  EXPECT_TRUE(daemon.Logs("deaths=0, requests done/refused: issue=1/0 validate=0/0 revoke=0/0 tr"));
+  EXPECT_TRUE(daemon.Logs("deaths=0, requests done/refused: issue=1/0 validate=0/0 v"));
   EXPECT_TRUE(daemon.Logs("audit issue id=1"));
   EXPECT_EQ(daemon.End(SIGTERM), 0);
   EXPECT_TRUE(fs::exists(kSocket)) << "or anybody could bind its path";

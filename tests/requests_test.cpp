@@ -194,7 +194,7 @@ TEST(BoardTest, SortsTimesByPowersOfTwo) {
 TEST_F(WorkerTest, CountsWhatWorkersDo) {
   Worker worker;
   worker.board.slots[0].pid = worker.board.slots[3].pid = 1;
-  worker.board.slots[3].refused[7] = 40;
+  worker.board.slots[3].refused.back() = 40;
   worker.board.deaths = 5;
   for (const User user : {kAlice, kBob, kCarol}) worker.Issue(user);
   worker.Validate("x");
