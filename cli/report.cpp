@@ -190,17 +190,23 @@ std::string TokenTable(const Json::Value& tokens) {
 }
 
 std::string TokenReport(const Json::Value& token) {
-  std::vector<Line> lines{{"id", Cell(token, "id")},
-                          {"service", Cell(token, "service")},
-                          {"user", Cell(token, "requester") + " (uid " + Cell(token, "uid") + ")"},
-                          {"owner", Cell(token, "pid") + " " + Cell(token, "owner")},
-                          {"state", State(token)},
-                          {"age", Duration(MemberOrNull(token, "age"))}};
-  const Json::Value& payload = MemberOrNull(token, "payload");
-  if (!payload.isArray()) lines.push_back({"grant", Printable(toString(payload))});
-  for (Json::ArrayIndex i = 0; payload.isArray() && i < payload.size(); ++i) {
-    lines.push_back({"grant", Printable(toString(payload[i]))});
+  const Json::Value& expires_in = MemberOrNull(token, "expires_in");
+  std::vector<Line> lines;
+  for (const char* name : {"id", "service", "requester", "uid", "pid"}) {
+    if (token.isMember(name)) lines.push_back({name, Cell(token, name)});
   }
+  lines.insert(lines.end(),
+               {
+                   {"owner", TruthOf(MemberOrNull(token, "alive")) ? "alive" : "ended"},
+                   {"age", Duration(MemberOrNull(token, "age"))},
+                   {"expires", expires_in.isNull() ? "never" : "in " + Duration(expires_in)},
+               });
+  const auto add = [&lines](const Json::Value& grant) {
+    lines.push_back({"grant", Printable(toString(grant))});
+  };
+  const Json::Value& payload = MemberOrNull(token, "payload");
+  if (!payload.isArray()) add(payload);
+  if (payload.isArray()) std::for_each(payload.begin(), payload.end(), add);
   return Table(lines);
 }
 
