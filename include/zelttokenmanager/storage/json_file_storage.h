@@ -22,10 +22,10 @@ namespace ZELT::TokenManager {
 /// (mmap(2)), so reading and removing throw it too when the last record has been removed.
 class [[gnu::visibility("default")]] JsonFileStorage : public TokenStorage {
  public:
-  /// Creates the directory that `path` names if it is missing, sets its mode to 0300 in any case,
-  /// and creates the lock file. For a path without a "/" the current directory does not change. The
-  /// first `Insert` creates the store file. Throws `boost::filesystem::filesystem_error` for the
-  /// directory.
+  /// Creates the directory of `path` if it is missing, sets its mode to 0300 in any case, and
+  /// creates the lock file, which must be writable if it exists. The first `Insert` creates the store
+  /// file. Throws `boost::filesystem::filesystem_error` for the directory, also when `path` names
+  /// none; use "./NAME" for a file in the current directory.
   explicit JsonFileStorage(const std::string& path);
   ~JsonFileStorage() override;
 
