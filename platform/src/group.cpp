@@ -33,7 +33,7 @@ bool IsGroupFileReadable() {
 
 // getgrgid_r(3) lists several other errors that mean "no such group".
 bool IsFailure(int error) {
-  return error == ERANGE || error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM;
+  return error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
 bool PrimaryGroup(const char* user_name, gid_t& group) {
@@ -74,7 +74,7 @@ bool AddName(gid_t id, std::vector<std::string>& names) {
     error = getgrgid_r(id, &entry, buffer.Data(), buffer.Size(), &found);
   } while (error == ERANGE && buffer.Grow());
   if (found != nullptr) names.emplace_back(found->gr_name);
-  return !IsFailure(error);
+  return error != ERANGE && !IsFailure(error);
 }
 
 // Returns null when the lookup fails.
