@@ -175,12 +175,20 @@ class RealDaemon(unittest.TestCase):
             self.assertIs(call("validate", "fastapi", text, USE), True)
             self.assertIs(call("validate", "fastapi", text, PUT), False)
             self.assertEqual(outcome(call, "validate", "taskmanager", text, 1), "Refused")
+            self.assertEqual(outcome(call, "validate", "fastapi", text, 1), "Malformed")
+            checks = call("validate_many", "fastapi", text, [USE, 1, PUT])
+            self.assertEqual(checks, [True, None, False])
+            inspection = call("inspect", "fastapi", text)
+            self.assertEqual((inspection.requester, inspection.alive), ("root", True))
+            self.assertEqual(inspection.payload[0]["api"], "Demo.Item")
             self.assertIsNone(call("transfer", "fastapi", text, self.daemon.pid))
             self.assertEqual(outcome(call, "revoke", "fastapi", text), "Refused")
 
     def test_tokens_are_revoked(self):
         with Token.issue("fastapi", GRANTS) as revoked:
             self.assertNotIn(str(revoked), repr(revoked))
+            self.assertEqual(revoked.validate_many([USE]), [True])
+            self.assertEqual(revoked.inspect().requester, "root")
         with self.assertRaises(KeyError), Token.issue("fastapi", GRANTS) as revoked_too:
             raise KeyError
         with Token.issue("fastapi", GRANTS) as transferred:
@@ -197,6 +205,8 @@ class RealDaemon(unittest.TestCase):
             async with await aio.Token.issue("fastapi", GRANTS) as token:
                 checks = (token.validate(USE) for _ in range(50))
                 self.assertEqual(await asyncio.gather(*checks), [True] * 50)
+                self.assertEqual(await token.validate_many([USE]), [True])
+                self.assertEqual((await token.inspect()).requester, "root")
             return str(token)
 
         self.assertEqual(outcome(call_sync, "validate", "fastapi", asyncio.run(use()), USE), "Refused")
