@@ -147,7 +147,7 @@ std::string Refused(RequestType type, const Json::Value& response,
   Json::Value answer;
   answer["success"] = false;
   answer["reason"] = refusal.what();
-  return toString(answer);
+  return WriteJson(answer);
 } catch (const std::exception&) {
   return kRefused;
 }
@@ -273,7 +273,7 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
 
 // Returns the grants of a new token for the audit.
 std::string RequestHandler::GrantsOf(const std::string& token) const {
-  return " grants=" + QuotedGrants(toString(manager.GetAssociatedData(token)["payload"]));
+  return " grants=" + QuotedGrants(WriteJson(manager.GetAssociatedData(token)["payload"]));
 }
 
 std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
