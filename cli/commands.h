@@ -12,6 +12,7 @@ struct Arguments {
   std::string service;
   std::string token;
   std::string payload;
+  std::vector<std::string> payloads;  ///< of validate
   int pid = 0;
   int owner = 0;  ///< 0: not given
   std::vector<std::string> command;

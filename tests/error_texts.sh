@@ -38,7 +38,7 @@ rows() {
     tr -d '`' | sed -E 's/<[^>]+>/<>/g' | LC_ALL=C sort -u
 }
 
-raised=$(literals | grep -vxF -e 'last id' -e 'Zelt token store 1' -e 'not permitted' -e after)
+raised=$(literals | grep -vxF -e 'last id' -e 'Zelt token store 1' -e 'not permitted' -e 'malformed payload' -e after)
 documented=$(rows)
 undocumented=$(while read -r text; do
   grep -qF -- "$text" <<<"$documented" || echo "$text"

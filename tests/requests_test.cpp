@@ -194,7 +194,7 @@ TEST(BoardTest, SortsTimesByPowersOfTwo) {
 TEST_F(WorkerTest, CountsWhatWorkersDo) {
   Worker worker;
   worker.board.slots[0].pid = worker.board.slots[3].pid = 1;
-  worker.board.slots[3].refused[7] = 40;
+  worker.board.slots[3].refused.back() = 40;
   worker.board.deaths = 5;
   for (const User user : {kAlice, kBob, kCarol}) worker.Issue(user);
   worker.Validate("x");
@@ -212,17 +212,6 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
   EXPECT_GT(std::exchange(status["store"]["used"], 0).asInt64(), 0);
   for (Json::Value& row : status["usage"]) EXPECT_GT(std::exchange(row["bytes"], 0).asInt(), 0);
   EXPECT_EQ(TokenManager::toString(status) + "\n", Lines("status"));
-}
-
-TEST_F(WorkerTest, NamesOnceWhoMayWriteConfigurations) {
-  fs::permissions(kInstalled + "/mail", fs::perms::all);
-  for (const std::size_t slot : {0U, 1U}) {
-    Worker worker(false, slot);
-    const std::string log = Logged([&] {
-      for (int turn = 0; turn < 100; ++turn) worker.handler.EverySecond();  // it looks twice
-    });
-    EXPECT_EQ(log, slot == 0 ? "/var/installed/mail: it is writable by everybody\n" : "");
-  }
 }
 
 // The example in the documentation.

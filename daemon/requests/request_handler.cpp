@@ -30,9 +30,7 @@ constexpr std::size_t kMaxValues = 10000;
 
 // Refusals contain nothing else, even if the operation had begun its response.
 constexpr const char* kRefused = R"({"success":false})";
-constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
-
-constexpr unsigned int kBetweenLooks = 60;  // seconds: each look reads a directory
+constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
@@ -85,6 +83,7 @@ Sender SenderOf(RequestType type) {
     case RequestType::kStatus:
       return Sender::kAdministrator;
     case RequestType::kValidate:
+    case RequestType::kValidateMany:
     case RequestType::kOther:
       break;
   }
@@ -100,6 +99,14 @@ void ExpectSender(Sender expected, const Peer& peer) {
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
     throw std::runtime_error("only root and the daemon's user may ask for this");
   }
+}
+
+// Whether the token's service was asked and threw. This is a promise to clients, so other errors
+// after the manager had begun its response are not included: its own, and the lack of memory.
+bool IsUnjudged(const Json::Value& response, const std::exception& refusal) {
+  return response.isMember("permitted") && response["permitted"].isNull() &&
+         dynamic_cast<const std::runtime_error*>(&refusal) != nullptr &&
+         !std::string_view(refusal.what()).starts_with("token_manager.cpp:");
 }
 
 // Leaves room for the newline that the server appends.
@@ -124,8 +131,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
       slot(worker_slot),
       settings(std::move(request_settings)),
       manager(settings.installed_config, {std::shared_ptr<void>(), &token_store}, std::move(cache)),
-      administration(token_store, shared_board, settings.version),
-      watch(settings.installed_config) {
+      administration(token_store, shared_board, settings.version) {
   AddServices(manager);
 }
 
@@ -142,7 +148,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     answer = Handle(peer, text, request, response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    answer = response.isMember("permitted") ? kCannotTell : kRefused;
+    answer = IsUnjudged(response, refusal) ? kUnjudged : kRefused;
     Refuse(peer, request, refusal.what());
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
@@ -154,7 +160,6 @@ void RequestHandler::EverySecond() {
   board.refusals.LogHeldBack(Seconds());
   if (&slot != board.slots.data()) return;
   store.EverySecond();
-  if (seconds++ % kBetweenLooks == 0) watch.Look();
 }
 
 std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
@@ -175,6 +180,9 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
       return Change(peer, request, response);
     case RequestType::kValidate:
       manager.ValidateToken(peer.credential, request, response);
+      break;
+    case RequestType::kValidateMany:
+      manager.ValidateMany(peer.credential, request, response);
       break;
     case RequestType::kList:
       administration.List(request, response);

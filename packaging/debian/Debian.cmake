@@ -55,6 +55,15 @@ string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog.in changelog.Debian @ONLY)
 execute_process(COMMAND gzip -n9 -f ${PROJECT_BINARY_DIR}/changelog.Debian
   COMMAND_ERROR_IS_FATAL ANY)
+
+# Owned by root, and empty until somebody grants something.
+foreach(directory /etc/zelttokenmgr/installed /var/packages)
+  install(DIRECTORY DESTINATION ${directory} COMPONENT daemon)
+endforeach()
+
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
+  DESTINATION share/lintian/overrides RENAME zelttokenmgr COMPONENT daemon)
+
 foreach(component LIBRARY DEVELOPMENT DAEMON C_LIBRARY C_DEVELOPMENT PYTHON)
   string(TOLOWER ${component} name)
   install(FILES ${PROJECT_BINARY_DIR}/changelog.Debian.gz
