@@ -48,6 +48,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
          "method":"get","runner":"alice"}')");
     AddIssue();
     AddValidate();
+    AddInspect();
     AddRevoke();
     AddTransfer();
     AddCommand("run", "Run a command with a token, then revoke the token:", Run);
@@ -154,6 +155,11 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     for (; !words.empty() && !words.back().starts_with("--"); words.pop_back()) {
       arguments.payloads.push_back(words.back());
     }
+  }
+
+  void AddInspect() {
+    AddToken(
+        Add("inspect", "Show what a token permits", "zelttoken inspect fastapi @token", Inspect));
   }
 
   void AddRevoke() {

@@ -9,6 +9,8 @@
 
 #include "daemon.h"
 #include "input.h"
+#include "json_member.h"
+#include "report.h"
 #include "run.h"
 #include "zelttokenmanager/utils.h"
 
@@ -139,6 +141,16 @@ Result Validate(const Arguments& arguments) {
   const std::string token = ReadToken(arguments.token);
   return payloads.size() == 1 ? ValidateOne(arguments.service, token, payloads.front())
                               : ValidateMany(arguments.service, token, payloads);
+}
+
+Result Inspect(const Arguments& arguments) {
+  Json::Value request;
+  request["type"] = "inspect";
+  request["service"] = arguments.service;
+  request["token"] = ReadToken(arguments.token);
+  const Json::Value response = SendToDaemon(request);
+  Demand(TruthOf(MemberOrNull(response, "success")), "inspect");
+  return {.text = TokenReport(response), .value = response};
 }
 
 Result Revoke(const Arguments& arguments) {

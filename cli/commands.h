@@ -34,6 +34,7 @@ using Command = Result (*)(const Arguments&);
 
 Result Issue(const Arguments& arguments);
 Result Validate(const Arguments& arguments);
+Result Inspect(const Arguments& arguments);
 Result Revoke(const Arguments& arguments);
 Result Transfer(const Arguments& arguments);
 Result Run(const Arguments& arguments);

@@ -129,11 +129,15 @@ TEST_F(WorkerTest, TakesATokenThroughItsLifeAndNotesIt) {
   const std::string log = Logged([&] {
     const std::string token = worker.Issue();
     EXPECT_EQ(worker.Validate(token, 65534, 0), kPermitted);
+    EXPECT_EQ(worker.AskFor("inspect", token, "null", 65534, 0),
+              "{'age':0,'alive':true,'payload':[{'api':'A','method':'m','runner':'any'}],"
+              "'requester':'alice','success':true}");
     EXPECT_EQ(worker.AskFor("transfer", token, std::to_string(heir)), kDone);
     EXPECT_EQ(worker.AskFor("revoke", token), kRefused);
     EXPECT_EQ(worker.AskFor("revoke", worker.Issue()), kDone);
     EXPECT_EQ(worker.Ask(kRoot, "{'type':'drop','user':'alice'}"), "{'dropped':1,'success':true}");
     EXPECT_EQ(worker.Validate(token), kRefused);
+    EXPECT_EQ(worker.AskFor("inspect", token), kRefused);
   });
   EXPECT_EQ(log, With(kProcess, "SELF", With(std::to_string(heir), "HEIR", Lines("audit"))));
   EndProcess(heir);

@@ -10,12 +10,12 @@
 #include <utility>
 
 #include "json_member.h"
-#include "json_text.h"
 #include "log.h"
 #include "request_log.h"
 #include "services.h"
 #include "strict_json.h"
 #include "token_shape.h"
+#include "write_json.h"
 
 using namespace ZELT::TokenManager;
 using Clock = std::chrono::steady_clock;
@@ -86,6 +86,7 @@ Sender SenderOf(RequestType type) {
       return Sender::kAdministrator;
     case RequestType::kValidate:
     case RequestType::kValidateMany:
+    case RequestType::kInspect:
     case RequestType::kOther:
       break;
   }
@@ -111,10 +112,24 @@ bool IsUnjudged(const Json::Value& response, const std::exception& refusal) {
          !std::string_view(refusal.what()).starts_with("token_manager.cpp:");
 }
 
+// Tells whoever holds a token what it permits, and nothing that identifies its owner. A token of
+// another service gets the answer of an unknown one.
+void Inspect(TokenStore& store, const Json::Value& request, Json::Value& response) {
+  const std::string token(StringMember(request, "token", "inspect:"));
+  const std::string_view service = StringMember(request, "service", "inspect:");
+  const TokenRow row = store.Inspect(token);
+  if (row.service != service) throw std::runtime_error("the token is for another service");
+  response["requester"] = row.requester;
+  response["age"] = Json::Int64{row.age.count()};
+  if (row.expires_in) response["expires_in"] = Json::Int64{row.expires_in->count()};
+  response["alive"] = row.alive;
+  response["payload"] = row.payload;
+}
+
 // Leaves room for the newline that the server appends.
 std::string Success(Json::Value& response) {
   response[Json::StaticString("success")] = true;
-  std::string text = toString(response);
+  std::string text = WriteJson(response);
   text.reserve(text.size() + 1);
   return text;
 }
@@ -185,6 +200,9 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
       break;
     case RequestType::kValidateMany:
       manager.ValidateMany(peer.credential, request, response);
+      break;
+    case RequestType::kInspect:
+      Inspect(store, request, response);
       break;
     case RequestType::kList:
       administration.List(request, response);
