@@ -33,6 +33,8 @@ constexpr std::size_t kMaxValues = 10000;
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
+constexpr std::string_view kNoPackage = "token_manager.cpp:66 ";  // what the library throws
+
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
   return text.size() > kMaxValues &&
@@ -184,7 +186,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
     answer = Refused(slot.type, response, refusal);
-    Refuse(peer, request, refusal.what());
+    Refuse(peer, request, refusal);
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
   Set(slot.activity, Activity::kIdle);
@@ -254,8 +256,7 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   std::string details;
   switch (slot.type) {
     case RequestType::kIssue:
-      ExpectFewGrants(request["payload"]);
-      manager.IssueToken(peer.credential, request, response);
+      Issue(peer, request, response);
       if (settings.audit) details = GrantsOf(response["token"].asString());
       break;
     case RequestType::kTransfer:
@@ -276,6 +277,19 @@ std::string RequestHandler::GrantsOf(const std::string& token) const {
   return " grants=" + QuotedGrants(WriteJson(manager.GetAssociatedData(token)["payload"]));
 }
 
+void RequestHandler::Issue(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  ExpectFewGrants(request["payload"]);
+  const uid_t user = peer.credential.uid;
+  without_package.Refuse(user, Clock::now());
+  try {
+    manager.IssueToken(peer.credential, request, response);
+  } catch (const std::runtime_error& refusal) {
+    const bool has_no_package = std::string_view(refusal.what()).starts_with(kNoPackage);
+    if (has_no_package) without_package.Remember(user, Clock::now());
+    throw;
+  }
+}
+
 std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
                                                    const std::vector<TokenRow>& dropped) const {
   std::vector<std::string> lines;
@@ -288,11 +302,8 @@ std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
 }
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
-                            const std::string& reason) {
+                            const std::exception& refusal) {
   Count(CounterOf(slot.type, slot.refused));
   if (!board.refusals.MayLog(peer.credential.uid, Seconds())) return;
-  const bool issues = slot.type == RequestType::kIssue;
-  LogRefusal(peer, request,
-             issues ? Explain(reason, peer.credential.uid, settings.installed_config)
-                    : Refusal{reason, ""});
+  LogRefusal(peer, request, refusal);
 }
