@@ -257,7 +257,7 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
 
 // The example in the documentation.
 TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
-  CheckService<TokenManager::Printing>("printing");
+  CheckService<Printing>("printing");
 }
 
 }  // namespace ZELT::RequestsTests
