@@ -4,6 +4,7 @@
 #include "indexed_store.h"
 #include "printing.h"
 #include "request_handler.h"
+#include "rebuild.h"
 #include "store_file.h"
 #include "support/logged.h"
 #include "support/peers.h"
@@ -61,6 +62,7 @@ struct WorkerTest : PrivateFiles {
     if (IsSkipped()) return;
     for (const Cells& row : Rows("files of packages")) WriteFile(row.at(0), row.at(1));
     lock.emplace(kStore);
+    RebuildStore(kStore);
   }
   std::optional<StoreLock> lock;
 };

@@ -16,7 +16,7 @@
 #include "packages.h"
 #include "services.h"
 #include "strict_json.h"
-#include "user_limits.h"
+#include "token_store.h"
 #include "users.h"
 #include "zelttokenmanager/utils.h"
 

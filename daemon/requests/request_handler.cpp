@@ -74,6 +74,14 @@ void ExpectFewGrants(const Json::Value& payload) {
   }
 }
 
+std::chrono::seconds Lifetime(const Json::Value& seconds) {
+  const bool is_integer = seconds.type() == Json::intValue || seconds.type() == Json::uintValue;
+  if (!is_integer || !seconds.isInt64() || seconds.asInt64() <= 0) {
+    throw std::runtime_error("\"expires_in\" is not a positive integer");
+  }
+  return std::chrono::seconds(seconds.asInt64());
+}
+
 Sender SenderOf(RequestType type) {
   switch (type) {
     case RequestType::kIssue:
@@ -152,6 +160,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
 
 void RequestHandler::EverySecond() {
   board.refusals.LogHeldBack(Seconds());
+  store.TakeCare();
   if (&slot != board.slots.data()) return;
   store.EverySecond();
   if (seconds++ % kBetweenLooks == 0) watch.Look();
@@ -188,9 +197,20 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
   return Success(response);
 }
 
-// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
 std::string RequestHandler::Change(const Peer& peer, const Json::Value& request,
                                    Json::Value& response) {
+  try {
+    return TryChange(peer, request, response);
+  } catch (const NoRoom&) {
+    if (!store.AwaitRoom()) throw;
+  }
+  response = Json::objectValue;
+  return TryChange(peer, request, response);
+}
+
+// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
+std::string RequestHandler::TryChange(const Peer& peer, const Json::Value& request,
+                                      Json::Value& response) {
   StoreChange change(store, peer);
   const std::vector<std::string> audit = CarryOut(peer, request, response);
   std::string answer = Success(response);
@@ -206,6 +226,7 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   switch (slot.type) {
     case RequestType::kIssue:
       ExpectFewGrants(request["payload"]);
+      if (request.isMember("expires_in")) store.ExpireAfter(Lifetime(request["expires_in"]));
       manager.IssueToken(peer.credential, request, response);
       break;
     case RequestType::kTransfer:
