@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "check.h"
 #include "child.h"
@@ -16,6 +19,7 @@
 #include "standard_descriptors.h"
 #include "supervisor.h"
 #include "worker.h"
+#include "writers.h"
 
 namespace {
 
@@ -52,10 +56,20 @@ void TryStore(const StoreOptions& options, StoreLock& lock) {
   });
 }
 
+// Whoever may write to these files can grant themselves anything.
+void WarnOfWriters(const std::string& installed_config) {
+  constexpr std::size_t kMostLines = 10;  // --check prints all
+  const std::vector<std::string> lines = ForeignWriters(installed_config);
+  for (std::size_t i = 0; i < std::min(lines.size(), kMostLines); ++i) {
+    Log(LOG_WARNING, "%s", lines[i].c_str());
+  }
+}
+
 void Serve(const Options& options) {
   // Locked first: a daemon that cannot have the store leaves the sockets to the one that has it.
   StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
+  WarnOfWriters(options.installed_config);
   const Listeners listeners = OpenListeners(options.limits.backlog);
   Board& board = MapBoard();
   const WorkerContext context{options, listeners.sockets, store_lock, board};

@@ -42,7 +42,23 @@ Json::Value MakeRequest(const char* type, const std::string& service, const std:
   return request;
 }
 
+Json::Value MakeManyRequest(const std::string& service, const std::string& token,
+                            const std::vector<Json::Value>& payloads) {
+  Json::Value request(Json::objectValue);
+  request[Json::StaticString("type")] = "validate_many";
+  request[Json::StaticString("service")] = service;
+  request[Json::StaticString("token")] = token;
+  Json::Value& wanted = request[Json::StaticString("payloads")] = Json::arrayValue;
+  for (const Json::Value& payload : payloads) wanted.append(payload);
+  return request;
+}
+
 bool Succeeded(const Json::Value& response) { return TruthOf(MemberOrNull(response, "success")); }
+
+Verdict VerdictOf(const Json::Value& permitted) {
+  if (!permitted.isBool()) return Verdict::kMalformed;
+  return permitted.asBool() ? Verdict::kPermitted : Verdict::kNotPermitted;
+}
 
 bool IsGroup(std::string_view identity) { return identity.starts_with(kGroupMark); }
 
@@ -73,6 +89,18 @@ bool SendValidateRequest(const std::string& service, const std::string& token,
     throw std::runtime_error("utils.cpp:108 token manager cannot validate token");
   }
   return TruthOf(MemberOrNull(response, "permitted"));
+}
+
+std::vector<Verdict> SendValidateManyRequest(const std::string& service, const std::string& token,
+                                             const std::vector<Json::Value>& payloads) {
+  const Json::Value response = SendRequest(MakeManyRequest(service, token, payloads));
+  const Json::Value& permitted = MemberOrNull(response, "permitted");
+  if (!Succeeded(response) || !permitted.isArray() || permitted.size() != payloads.size()) {
+    throw std::runtime_error("utils.cpp:110 token manager cannot validate the payloads");
+  }
+  std::vector<Verdict> verdicts;
+  for (const Json::Value& verdict : permitted) verdicts.push_back(VerdictOf(verdict));
+  return verdicts;
 }
 
 bool SendRevokeRequest(const std::string& service, const std::string& token) {

@@ -21,6 +21,7 @@ struct FakeService : TokenService {
     return privilege;
   }
   bool Validate(const Json::Value& request, const Json::Value& data) override {
+    if (request["payload"] == "refuse") throw std::runtime_error("refused");
     return request["payload"] == data["payload"];
   }
 };
@@ -33,7 +34,7 @@ struct World {
   }
 
   template <typename Operation>
-  std::string Call(Operation operation, const Json::Value& request, ucred peer = {41, 4001, 0}) {
+  std::string Call(Operation operation, Json::Value request, ucred peer = {41, 4001, 0}) {
     const std::string before = ReadFile(kStore);
     response["success"] = "stale";
     const std::string error = Outcome([&] { (manager.*operation)(peer, request, response); });
@@ -83,6 +84,7 @@ TEST_F(TokenManagerTest, MeetsTheChecksOfRequestsInOrder) {
     });
   };
   check("validates", &TokenManager::ValidateToken);
+  check("validates many", &TokenManager::ValidateMany);
   check("revokes", &TokenManager::RevokeToken);
   check("transfers", &TokenManager::TransferToken);
 }

@@ -15,9 +15,18 @@ TEST_F(UtilsTest, PermittedListsAdmitUsersAndGroups) {
   CheckSection("utils.txt", "permitted lists", is_in);
 }
 
+std::string SendMany() {
+  std::string verdicts;
+  for (const Verdict verdict : SendValidateManyRequest("s", "t", {Value("{}"), Value("[1]"), 2})) {
+    verdicts += std::to_string(static_cast<int>(verdict));
+  }
+  return verdicts;
+}
+
 std::string Send(const std::string& type) {
   return Outcome([&]() -> Json::Value {
     if (type == "issue") return SendIssueRequest("s", Value("{'a':[1]}"));
+    if (type == "many") return SendMany();
     if (type == "validate") return SendValidateRequest("s", "t", Value("['\xc3\xa4\\n']"));
     return type == "revoke" ? SendRevokeRequest("s", "t") : SendTransferRequest("s", "t", 77);
   });

@@ -1,9 +1,7 @@
 #include "configuration.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
-#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,10 +10,8 @@
 #include <system_error>
 #include <utility>
 
-#include "daemon_socket.h"
 #include "json_member.h"
 #include "json_text.h"
-#include "log.h"
 #include "owned_descriptor.h"
 #include "packages.h"
 #include "users.h"
@@ -61,11 +57,6 @@ void ReadPrivilege(Package& package) {
   } else {
     package.user = user;
   }
-}
-
-std::string GroupName(gid_t gid) {
-  const group* found = getgrgid(gid);
-  return found != nullptr ? found->gr_name : std::to_string(gid);
 }
 
 fs::directory_iterator Entries(const std::string& directory) {
@@ -124,17 +115,6 @@ std::vector<std::string> ListFiles(const std::string& directory) {
   return files;
 }
 
-std::string ForeignWriter(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return "";
-  if ((status.st_mode & S_IWOTH) != 0) return "it is writable by everybody";
-  if (!IsDaemonUser(status.st_uid)) {
-    return "it is writable by user \"" + UserName(status.st_uid) + "\"";
-  }
-  if ((status.st_mode & S_IWGRP) == 0 || status.st_gid == 0) return "";
-  return "it is writable by group \"" + GroupName(status.st_gid) + "\"";
-}
-
 Refusal Explain(const std::string& reason, uid_t uid, const std::string& installed_config) {
   try {
     if (reason.starts_with("token_manager.cpp:260 ")) {
@@ -150,14 +130,4 @@ Refusal Explain(const std::string& reason, uid_t uid, const std::string& install
   } catch (const std::runtime_error& error) {
     return {error.what(), ""};
   }
-}
-
-void WriterWatch::Look() try {
-  for (const std::string& path : ListFiles(directory)) {
-    const std::string writer = ForeignWriter(path);
-    if (writer.empty() || !named.insert(path).second) continue;
-    Log(LOG_WARNING, "%s: %s", path.c_str(), writer.c_str());
-  }
-} catch (const std::runtime_error&) {
-  // Requests that need the directory are refused with this reason.
 }

@@ -30,9 +30,7 @@ constexpr std::size_t kMaxValues = 10000;
 
 // Refusals contain nothing else, even if the operation had begun its response.
 constexpr const char* kRefused = R"({"success":false})";
-constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
-
-constexpr unsigned int kBetweenLooks = 60;  // seconds: each look reads a directory
+constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
@@ -93,6 +91,8 @@ Sender SenderOf(RequestType type) {
     case RequestType::kStatus:
       return Sender::kAdministrator;
     case RequestType::kValidate:
+    case RequestType::kValidateMany:
+    case RequestType::kInspect:
     case RequestType::kOther:
       break;
   }
@@ -108,6 +108,28 @@ void ExpectSender(Sender expected, const Peer& peer) {
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
     throw std::runtime_error("only root and the daemon's user may ask for this");
   }
+}
+
+// Whether the token's service was asked and threw. This is a promise to clients, so other errors
+// after the manager had begun its response are not included: its own, and the lack of memory.
+bool IsUnjudged(const Json::Value& response, const std::exception& refusal) {
+  return response.isMember("permitted") && response["permitted"].isNull() &&
+         dynamic_cast<const std::runtime_error*>(&refusal) != nullptr &&
+         !std::string_view(refusal.what()).starts_with("token_manager.cpp:");
+}
+
+// Tells whoever holds a token what it permits, and nothing that identifies its owner. A token of
+// another service gets the answer of an unknown one.
+void Inspect(TokenStore& store, const Json::Value& request, Json::Value& response) {
+  const std::string token(StringMember(request, "token", "inspect:"));
+  const std::string_view service = StringMember(request, "service", "inspect:");
+  const TokenRow row = store.Inspect(token);
+  if (row.service != service) throw std::runtime_error("the token is for another service");
+  response["requester"] = row.requester;
+  response["age"] = Json::Int64{row.age.count()};
+  if (row.expires_in) response["expires_in"] = Json::Int64{row.expires_in->count()};
+  response["alive"] = row.alive;
+  response["payload"] = row.payload;
 }
 
 // Leaves room for the newline that the server appends.
@@ -132,8 +154,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
       slot(worker_slot),
       settings(std::move(request_settings)),
       manager(settings.installed_config, {std::shared_ptr<void>(), &token_store}, std::move(cache)),
-      administration(token_store, shared_board, settings.version),
-      watch(settings.installed_config) {
+      administration(token_store, shared_board, settings.version) {
   AddServices(manager);
 }
 
@@ -150,7 +171,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     answer = Handle(peer, text, request, response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    answer = response.isMember("permitted") ? kCannotTell : kRefused;
+    answer = IsUnjudged(response, refusal) ? kUnjudged : kRefused;
     Refuse(peer, request, refusal.what());
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
@@ -163,7 +184,6 @@ void RequestHandler::EverySecond() {
   store.TakeCare();
   if (&slot != board.slots.data()) return;
   store.EverySecond();
-  if (seconds++ % kBetweenLooks == 0) watch.Look();
 }
 
 std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
@@ -184,6 +204,12 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
       return Change(peer, request, response);
     case RequestType::kValidate:
       manager.ValidateToken(peer.credential, request, response);
+      break;
+    case RequestType::kValidateMany:
+      manager.ValidateMany(peer.credential, request, response);
+      break;
+    case RequestType::kInspect:
+      Inspect(store, request, response);
       break;
     case RequestType::kList:
       administration.List(request, response);

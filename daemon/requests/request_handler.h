@@ -55,6 +55,4 @@ class RequestHandler {
   const RequestSettings settings;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
-  WriterWatch watch;
-  unsigned int seconds = 0;
 };

@@ -71,6 +71,15 @@ class [[gnu::visibility("default")]] TokenManager {
   /// token does not permit the request, "success" is true and "permitted" is false.
   void ValidateToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
+  /// Asks the service about many payloads of one token, whose record is read once.
+  ///
+  /// Request: {"service": string, "token": string, "payloads": array of at most 256}. Response:
+  /// "success", "permitted": an array with true, false or null for each payload. The service gets
+  /// the request with each payload in turn as "payload"; null means that it threw a
+  /// `std::runtime_error`. Throws when the service takes longer than a second for all. The payloads
+  /// in `request` are used up.
+  void ValidateMany(const ucred& credential, Json::Value& request, Json::Value& response);
+
   /// Deletes the token, which the peer's process must own.
   ///
   /// Request: {"service": string, "token": string}. Response: "success".

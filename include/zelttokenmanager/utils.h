@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <string>
+#include <vector>
 
 namespace ZELT::TokenManager {
 
@@ -28,6 +29,21 @@ namespace ZELT::TokenManager {
 [[gnu::visibility("default")]] bool SendValidateRequest(const std::string& service,
                                                         const std::string& token,
                                                         const Json::Value& payload);
+
+/// What a token says to an operation. It is no `bool`, and no optional one, because those that are
+/// not permitted must not pass for true.
+enum class Verdict {
+  kNotPermitted,
+  kPermitted,
+  kMalformed,  ///< the daemon cannot judge the payload, for example because a member is missing
+};
+
+/// Returns what `token` permits of the operations in `payloads`, at most 256, in their order. One
+/// request costs a fraction of as many calls of `SendValidateRequest`. Throws `std::runtime_error`
+/// when the daemon refuses the whole request: an unknown token, another service's token, too many
+/// payloads. A payload that cannot be judged does not affect the others.
+[[gnu::visibility("default")]] std::vector<Verdict> SendValidateManyRequest(
+    const std::string& service, const std::string& token, const std::vector<Json::Value>& payloads);
 
 /// Deletes `token`, which this process must own. Returns false when the daemon refuses.
 [[gnu::visibility("default")]] bool SendRevokeRequest(const std::string& service,
