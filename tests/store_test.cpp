@@ -251,7 +251,9 @@ TEST_F(StoreTest, GivesEachUserAQuarterAndTakesItBack) {
   for (int round = 0; round < 3; ++round) {
     std::array<std::size_t, 4> held{};
     for (uid_t user = 0; user < 4; ++user) {
-      const auto name = [&](std::size_t i) { return std::to_string(i) + "of" + std::to_string(user); };
+      const auto name = [&](std::size_t i) {
+        return std::to_string(i) + "of" + std::to_string(user);
+      };
       const auto issue = [&] {
         const std::string payload = "'" + std::string(held[user] * 97 % 3000, 'x') + "'";
         return daemon.Issue(name(held[user]), From(user), payload);
@@ -262,10 +264,12 @@ TEST_F(StoreTest, GivesEachUserAQuarterAndTakesItBack) {
       for (std::size_t i = 0; i < held[user] && user == 0; ++i)
         EXPECT_EQ(daemon.Transfer(name(i), getpid()), "done");
     }
-    EXPECT_THAT(daemon.Issue("another", From(5), "'" + std::string(60'000, 'x') + "'"), HasSubstr("the store is full: 10"));
+    EXPECT_THAT(daemon.Issue("another", From(5), "'" + std::string(60'000, 'x') + "'"),
+                HasSubstr("the store is full: 10"));
     for (uid_t user = 0; user < 4; ++user) {
       for (std::size_t i = 0; i < held[user]; ++i) {
-        EXPECT_EQ(daemon.Revoke(std::to_string(i) + "of" + std::to_string(user), From(user)), "done");
+        EXPECT_EQ(daemon.Revoke(std::to_string(i) + "of" + std::to_string(user), From(user)),
+                  "done");
       }
     }
   }
@@ -312,7 +316,7 @@ TEST_F(StoreTest, RefusesWhatIsDamagedOrForeignAndLeavesItAsItIs) {
 
 // The first value of a table becomes zeros.
 TEST_F(StoreTest, FindsTablesThatDisagree) {
-  for (const char* name : {"tokens 2", "ids 2", "usage 2"}) {
+  for (const char* name : {"tokens2", "ids2", "usage2"}) {
     MountEmpty("/tmp", "mode=755");
     Fill();
     Database database(kPath, Database::Use::kServe);

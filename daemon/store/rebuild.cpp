@@ -64,7 +64,7 @@ void Visit(Database& database, const Visitor& visit) {
     const auto found = Get(scope.Get(), tokens, token);
     if (!found) throw std::runtime_error("an id has no record");
     const Record record = DecodeRecord(*found, kHeaderBytesOfFormat1);
-    if (BigEndian(record.header.id) != id) throw std::runtime_error("a record has another id");
+    if (BigEndian(record.header.id) != id) throw std::runtime_error("an id has another record");
     visit(KeyOf(token), record);
     return true;
   });
@@ -186,11 +186,11 @@ void RebuildStore(const StoreOptions& options) {
   try {
     Replace(options.path, old.get(), bytes);
   } catch (const std::system_error& error) {
-    const std::string what = "the new file of the store needs " + std::to_string(bytes) + " bytes";
     if (!IsShortage(error.code())) throw;
+    const std::string what = "the store needs " + std::to_string(bytes) + " bytes for a new file";
     if (!old || !old->IsCurrent()) throw std::system_error(error.code(), what);
     AllocateBlocks(options.path);
-    Log(LOG_WARNING, "%s: %s; going on with the old file", what.c_str(),
-        error.code().message().c_str());
+    Log(LOG_WARNING, "%s: %s%s", what.c_str(), error.code().message().c_str(),
+        "; the old one is used");
   }
 }

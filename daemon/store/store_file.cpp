@@ -167,7 +167,7 @@ void StoreLock::Lock(const std::string& path, int flags) {
       open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, S_IRUSR | S_IWUSR));
   Expect(file.IsOpen(), "cannot open " + path);
   if (!TryLock(file.Get(), patience)) {
-    throw StartError(EX_UNAVAILABLE, "another daemon has the lock on " + path);
+    throw StartError(EX_UNAVAILABLE, "another daemon uses the store " + store);
   }
   locked.push_back({path, std::move(file)});
   ExpectSameFiles();

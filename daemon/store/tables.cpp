@@ -10,9 +10,9 @@
 namespace {
 
 constexpr const char* kWhat = "use the tables of the store";
-constexpr const char* kTokens = "tokens 2";
-constexpr const char* kIds = "ids 2";
-constexpr const char* kUsage = "usage 2";
+constexpr const char* kTokens = "tokens2";
+constexpr const char* kIds = "ids2";
+constexpr const char* kUsage = "usage2";
 constexpr std::string_view kAll("\0", 1);  // shorter than any user's key
 
 std::string_view BytesOf(const TokenKey& key) { return {key.data(), key.size()}; }
@@ -66,10 +66,6 @@ void TakeFrom(Total& total, const Record& record, std::uint64_t bytes) {
 bool Agree(const Total& counted, const Total& stored) {
   return counted.tokens == stored.tokens && counted.bytes == stored.bytes &&
          counted.checksums == stored.checksums && counted.last_id <= stored.last_id;
-}
-
-[[noreturn]] void ThrowInconsistent(const std::string& what) {
-  throw std::runtime_error(what + " is inconsistent");
 }
 
 }  // namespace
@@ -132,7 +128,8 @@ void Tables::VisitIds(MDB_txn* transaction, std::uint64_t after, const IdVisitor
   VisitEntries(transaction, ids, BigEndian(after + 1),
                [&](std::string_view id, std::string_view value) {
                  TokenKey key;
-                 if (value.size() != key.size() + sizeof(uid_t)) ThrowInconsistent("an id");
+                 if (value.size() != key.size() + sizeof(uid_t))
+                   throw std::runtime_error("an id is inconsistent");
                  std::copy_n(value.data(), key.size(), key.data());
                  return visit(FromBigEndian<std::uint64_t>(id),
                               FromBigEndian<uid_t>(value.substr(key.size())), key);
@@ -159,7 +156,7 @@ Total Tables::TotalOf(MDB_txn* transaction, uid_t user) const {
 
 Total Tables::TotalOfAll(MDB_txn* transaction) const {
   const auto found = Get(transaction, usage, kAll);
-  if (!found) ThrowInconsistent("the total of all tokens");
+  if (!found) throw std::runtime_error("the totals are inconsistent");
   return DecodeTotal(*found);
 }
 
@@ -240,19 +237,19 @@ void Tables::Verify(MDB_txn* transaction) const {
     const auto record = Find(transaction, key);
     if (!record || record->header.id != id || record->header.uid != user ||
         record->header.checksum != Checksum(BytesOf(key), *record)) {
-      ThrowInconsistent("token " + std::to_string(id));
+      throw std::runtime_error("token " + std::to_string(id) + " is inconsistent");
     }
     const std::uint64_t bytes = Footprint(*record, page_bytes);
     AddTo(all, *record, bytes);
     AddTo(totals[UsageKey(*record)], *record, bytes);
     return true;
   });
-  if (CountEntries(transaction, tokens) != all.tokens) ThrowInconsistent("the number of tokens");
+  bool agree = true;
   VisitEntries(transaction, usage, {}, [&](std::string_view key, std::string_view value) {
-    if (Agree(totals[std::string(key)], DecodeTotal(value))) return true;
-    ThrowInconsistent("the total of " +
-                      (key == kAll ? std::string("all tokens")
-                                   : "user " + std::to_string(FromBigEndian<uid_t>(key))));
+    return agree &= Agree(totals[std::string(key)], DecodeTotal(value));
   });
-  if (CountEntries(transaction, usage) != totals.size()) ThrowInconsistent("the number of totals");
+  if (!agree || CountEntries(transaction, usage) != totals.size() ||
+      CountEntries(transaction, tokens) != all.tokens) {
+    throw std::runtime_error("the totals are inconsistent");
+  }
 }

@@ -21,9 +21,9 @@ struct Total {
 
 /// Numbers in keys are big-endian, so that the order of the bytes is the order of the numbers.
 ///
-///   tokens 2   `TokenKey` -> record
-///   ids 2      id -> `TokenKey`, uid
-///   usage 2    uid, name of the service -> Total; one byte 0 -> Total of all tokens
+///   tokens2    `TokenKey` -> record
+///   ids2       id -> `TokenKey`, uid
+///   usage2     uid, name of the service -> Total; one byte 0 -> Total of all tokens
 ///
 /// Errors are those of `Expect`. After an error, a write transaction can only be aborted.
 class Tables {
