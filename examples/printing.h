@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "grant.h"
 #include "json_member.h"
 #include "zelttokenmanager/token_service.h"
+#include "zelttokenmanager/utils.h"
 
 namespace ZELT::TokenManager {
 
@@ -27,8 +27,9 @@ class Printing : public TokenService {
 
   /// Request: {"payload": the user who prints}. `data["payload"]` is what Issue returned.
   bool Validate(const Json::Value& request, const Json::Value& data) override {
-    return IsAdmitted(StringMember(request, "payload", "printing: request:"), data["payload"],
-                      "user", data);
+    const std::string user(StringMember(request, "payload", "printing: request:"));
+    return IsIdentityInPermittedList(user, data["payload"].get("user", "requester"),
+                                     data["requester"].asString());
   }
 };
 

@@ -38,11 +38,15 @@ constexpr unsigned int kMaxChecks = 256;
 constexpr std::chrono::seconds kMaxCheckTime{1};
 
 std::string UserName(uid_t uid) {
-  ZELTUser* found = nullptr;
-  const int result = ZELTUserGetLocalByUID(uid, &found);
-  const std::unique_ptr<ZELTUser, void (*)(ZELTUser*)> user(found, ZELTUserFree);
-  if (result != 0) throw std::runtime_error("token_manager.cpp:35 failed to get username from uid");
-  return user->name;
+  // Freed also when there is none, as the platform demands after each lookup.
+  struct Lookup {
+    ~Lookup() { ZELTUserFree(user); }
+    ZELTUser* user = nullptr;
+  } lookup;
+  if (ZELTUserGetLocalByUID(uid, &lookup.user) != 0) {
+    throw std::runtime_error("token_manager.cpp:35 failed to get username from uid");
+  }
+  return lookup.user->name;
 }
 
 // Returns the user that the package in `directory` runs as. This is the user with the package's

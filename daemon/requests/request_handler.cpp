@@ -10,12 +10,12 @@
 #include <utility>
 
 #include "json_member.h"
-#include "json_text.h"
 #include "log.h"
 #include "request_log.h"
 #include "services.h"
 #include "strict_json.h"
 #include "token_shape.h"
+#include "write_json.h"
 
 using namespace ZELT::TokenManager;
 using Clock = std::chrono::steady_clock;
@@ -135,7 +135,7 @@ void Inspect(TokenStore& store, const Json::Value& request, Json::Value& respons
 // Leaves room for the newline that the server appends.
 std::string Success(Json::Value& response) {
   response[Json::StaticString("success")] = true;
-  std::string text = toString(response);
+  std::string text = WriteJson(response);
   text.reserve(text.size() + 1);
   return text;
 }

@@ -136,9 +136,10 @@ int ListenAt(const std::string& path, int backlog) {
   const std::string beside = NameBeside(path);
   OwnedDescriptor listener = BindAndListen(beside, backlog);
   if (rename(beside.c_str(), path.c_str()) == 0) return listener.Release();
-  const auto error = SystemError("cannot listen on " + path);
+  const int error = errno;
   unlink(beside.c_str());
-  throw error;
+  errno = error;
+  throw SystemError("cannot listen on " + path);
 }
 
 std::string AddressOf(int socket) {

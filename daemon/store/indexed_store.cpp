@@ -7,12 +7,11 @@
 #include <utility>
 
 #include "json_member.h"
-#include "json_text.h"
 #include "listing.h"
+#include "write_json.h"
 
 using ZELT::TokenManager::MemberOrNull;
 using ZELT::TokenManager::TextOf;
-using ZELT::TokenManager::toString;
 
 namespace {
 
@@ -100,7 +99,7 @@ bool IndexedStore::AwaitRoom() {
 }
 
 void IndexedStore::Insert(const std::string& token, const Json::Value& data) {
-  const std::string text = toString(data);
+  const std::string text = WriteJson(data);
   if (removed && removed->token == token) return Transfer(data, text);
   Issue(token, data, text);
 }

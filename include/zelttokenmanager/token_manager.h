@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "zelttokenmanager/token_service.h"
-#include "zelttokenmanager/token_storage.h"
+#include "token_service.h"
+#include "token_storage.h"
 
 namespace ZELT::TokenManager {
 

@@ -7,7 +7,6 @@
 #include <string_view>
 
 #include "grant.h"
-#include "group_lookup.h"
 #include "json_member.h"
 
 namespace ZELT::TokenManager {
@@ -75,7 +74,6 @@ bool TaskManager::Validate(const Json::Value& request, const Json::Value& data) 
   if (found == actions.end()) {
     throw std::runtime_error("service/taskmanager.cpp:82 invalid action: " + action);
   }
-  const GroupLookup groups;  // for all grants
   for (const Json::Value& grant : grants) {
     if (found->second(args, grant, data)) return true;
   }
