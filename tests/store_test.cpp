@@ -341,7 +341,7 @@ TEST_F(StoreTest, IsUsedByOneDaemonOnly) {
   for (int replaced = 0; replaced < 2; ++replaced) {
     WorkerSlot slot;
     EXPECT_EQ(Outcome([&] { OpenStore(daemon.options, daemon.lock, slot); }),
-              "/tmp/store/tokens.mdb was removed or replaced; restart the daemon");
+              "/tmp/store/tokens.mdb was removed, replaced or truncated; restart the daemon");
     fs::copy_file("/tmp/store/old", "/tmp/store/tokens.mdb", fs::copy_options::overwrite_existing);
   }
 }

@@ -157,6 +157,8 @@ void StoreLock::LockRebuilt() {
   if (store.empty()) return;
   locked.resize(1);
   Lock(store);
+  store_bytes = static_cast<off_t>(fs::file_size(store));
+  ExpectSameFiles();
 }
 
 void StoreLock::Lock(const std::string& path, int flags) {
@@ -170,7 +172,6 @@ void StoreLock::Lock(const std::string& path, int flags) {
     throw StartError(EX_UNAVAILABLE, "another daemon uses the store " + store);
   }
   locked.push_back({path, std::move(file)});
-  ExpectSameFiles();
 }
 
 void StoreLock::ExpectSameFiles() const {
@@ -178,7 +179,8 @@ void StoreLock::ExpectSameFiles() const {
     struct stat held {};
     Expect(fstat(file.Get(), &held) == 0, path);
     const auto found = StatusOf(path);
-    if (found && found->st_dev == held.st_dev && found->st_ino == held.st_ino) continue;
-    throw std::runtime_error(path + " was removed or replaced; restart the daemon");
+    const bool same = found && found->st_dev == held.st_dev && found->st_ino == held.st_ino;
+    if (same && (path != store || held.st_size == store_bytes)) continue;
+    throw std::runtime_error(path + " was removed, replaced or truncated; restart the daemon");
   }
 }

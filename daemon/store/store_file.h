@@ -1,6 +1,8 @@
 // The store's directory and files, which must belong to this daemon alone.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
@@ -24,7 +26,7 @@ class StoreLock {
   void LockRebuilt();
 
   /// Throws `std::runtime_error` unless the paths still name the locked files, which the other
-  /// workers use.
+  /// workers use, and the store has its size.
   void ExpectSameFiles() const;
 
  private:
@@ -38,6 +40,7 @@ class StoreLock {
   const std::string store;  // path of the indexed store, or empty
   const std::chrono::milliseconds patience;
   std::vector<LockedFile> locked;
+  off_t store_bytes = 0;  // which never change, once the store was rebuilt
 };
 
 /// Writes the entries of a directory to the disk. Throws `std::system_error`.
