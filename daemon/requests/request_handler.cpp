@@ -32,6 +32,8 @@ constexpr std::size_t kMaxValues = 10000;
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
+constexpr std::string_view kNoPackage = "token_manager.cpp:66 ";  // what the library throws
+
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
   return text.size() > kMaxValues &&
@@ -172,7 +174,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
     answer = IsUnjudged(response, refusal) ? kUnjudged : kRefused;
-    Refuse(peer, request, refusal.what());
+    Refuse(peer, request, refusal);
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
   Set(slot.activity, Activity::kIdle);
@@ -251,9 +253,8 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   std::string details;
   switch (slot.type) {
     case RequestType::kIssue:
-      ExpectFewGrants(request["payload"]);
       if (request.isMember("expires_in")) store.ExpireAfter(Lifetime(request["expires_in"]));
-      manager.IssueToken(peer.credential, request, response);
+      Issue(peer, request, response);
       break;
     case RequestType::kTransfer:
       manager.TransferToken(peer.credential, request, response);
@@ -268,6 +269,19 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
 }
 
+void RequestHandler::Issue(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  ExpectFewGrants(request["payload"]);
+  const uid_t user = peer.credential.uid;
+  without_package.Refuse(user, Clock::now());
+  try {
+    manager.IssueToken(peer.credential, request, response);
+  } catch (const std::runtime_error& refusal) {
+    const bool has_no_package = std::string_view(refusal.what()).starts_with(kNoPackage);
+    if (has_no_package) without_package.Remember(user, Clock::now());
+    throw;
+  }
+}
+
 std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
                                                    const std::vector<TokenRow>& dropped) const {
   std::vector<std::string> lines;
@@ -280,11 +294,8 @@ std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
 }
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
-                            const std::string& reason) {
+                            const std::exception& refusal) {
   Count(CounterOf(slot.type, slot.refused));
   if (!board.refusals.MayLog(peer.credential.uid, Seconds())) return;
-  const bool issues = slot.type == RequestType::kIssue;
-  LogRefusal(peer, request,
-             issues ? Explain(reason, peer.credential.uid, settings.installed_config)
-                    : Refusal{reason, ""});
+  LogRefusal(peer, request, refusal);
 }
