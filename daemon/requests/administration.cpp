@@ -10,7 +10,6 @@
 
 #include "daemon_socket.h"
 #include "process.h"
-#include "user_limits.h"
 #include "users.h"
 
 namespace {
