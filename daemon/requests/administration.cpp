@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "process.h"
-#include "user_limits.h"
 #include "users.h"
 
 namespace {

@@ -74,6 +74,14 @@ void ExpectFewGrants(const Json::Value& payload) {
   }
 }
 
+std::chrono::seconds Lifetime(const Json::Value& seconds) {
+  const bool is_integer = seconds.type() == Json::intValue || seconds.type() == Json::uintValue;
+  if (!is_integer || !seconds.isInt64() || seconds.asInt64() <= 0) {
+    throw std::runtime_error("\"expires_in\" is not a positive integer");
+  }
+  return std::chrono::seconds(seconds.asInt64());
+}
+
 Sender SenderOf(RequestType type) {
   switch (type) {
     case RequestType::kIssue:
@@ -112,13 +120,16 @@ bool IsUnjudged(const Json::Value& response, const std::exception& refusal) {
          !std::string_view(refusal.what()).starts_with("token_manager.cpp:");
 }
 
-// Tells whoever holds a token what it permits, and nothing that identifies its owner. A token of
-// another service gets the answer of an unknown one.
+// Tells whoever holds a token what it permits, and nothing that identifies its owner. A token for
+// another service gets the answer of an unknown one, and gets it before the owner is looked up,
+// which takes long enough to be noticed.
 void Inspect(TokenStore& store, const Json::Value& request, Json::Value& response) {
   const std::string token(StringMember(request, "token", "inspect:"));
   const std::string_view service = StringMember(request, "service", "inspect:");
+  if (TextOf(MemberOrNull(store.GetAssociatedData(token), "service")) != service) {
+    throw std::runtime_error("the token is for another service");
+  }
   const TokenRow row = store.Inspect(token);
-  if (row.service != service) throw std::runtime_error("the token is for another service");
   response["requester"] = row.requester;
   response["age"] = Json::Int64{row.age.count()};
   if (row.expires_in) response["expires_in"] = Json::Int64{row.expires_in->count()};
@@ -175,6 +186,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
 
 void RequestHandler::EverySecond() {
   board.refusals.LogHeldBack(Seconds());
+  store.TakeCare();
   if (&slot != board.slots.data()) return;
   store.EverySecond();
 }
@@ -216,9 +228,20 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
   return Success(response);
 }
 
-// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
 std::string RequestHandler::Change(const Peer& peer, const Json::Value& request,
                                    Json::Value& response) {
+  try {
+    return TryChange(peer, request, response);
+  } catch (const NoRoom&) {
+    if (!store.AwaitRoom()) throw;
+  }
+  response = Json::objectValue;
+  return TryChange(peer, request, response);
+}
+
+// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
+std::string RequestHandler::TryChange(const Peer& peer, const Json::Value& request,
+                                      Json::Value& response) {
   StoreChange change(store, peer);
   const std::vector<std::string> audit = CarryOut(peer, request, response);
   std::string answer = Success(response);
@@ -233,6 +256,7 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   std::string details;
   switch (slot.type) {
     case RequestType::kIssue:
+      if (request.isMember("expires_in")) store.ExpireAfter(Lifetime(request["expires_in"]));
       Issue(peer, request, response);
       break;
     case RequestType::kTransfer:

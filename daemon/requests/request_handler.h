@@ -42,6 +42,7 @@ class RequestHandler {
   std::string Handle(const Peer& peer, const std::string& text, Json::Value& request,
                      Json::Value& response);
   std::string Change(const Peer& peer, const Json::Value& request, Json::Value& response);
+  std::string TryChange(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,
                                     Json::Value& response);
   void Issue(const Peer& peer, const Json::Value& request, Json::Value& response);
