@@ -48,10 +48,13 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
          "method":"get","runner":"alice"}')");
     AddIssue();
     AddValidate();
+    AddInspect();
     AddRevoke();
     AddTransfer();
-    AddRun();
+    AddCommand("run", "Run a command with a token, then revoke the token:", Run);
+    AddCommand("exec", "Become a command that owns a token, as services should:", Exec);
     AddList();
+    AddShow();
     AddDrop();
     AddStatus();
     app.allow_extras();  // Parse() reads them
@@ -63,6 +66,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     std::reverse(words.begin(), words.end());  // CLI11 expects the last word first
     app.parse(words);
     // CLI11 leaves the words after the operands.
+    if (invocation.command == Validate) TakePayloads(words);
     if (!words.empty()) after.parse(words);
   }
 
@@ -71,9 +75,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     if (error.get_exit_code() == 0) return static_cast<void>(app.exit(error));
     const auto commands = app.get_subcommands();
     if (commands.empty()) {
-      throw Failure(kUsage,
-                    "name a command: issue, validate, revoke, transfer, run, list, drop or status; "
-                    "see --help");
+      throw Failure(kUsage, "name a command; see --help");
     }
     throw Failure(kUsage, std::string(error.what()) + "; see zelttoken " +
                               commands.front()->get_name() + " --help");
@@ -86,9 +88,10 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
         ->trigger_on_parse();
   }
 
-  CLI::App* Add(const char* name, const char* description, const char* example, Command command) {
+  CLI::App* Add(const std::string& name, const std::string& description, const std::string& example,
+                Command command) {
     CLI::App* added = app.add_subcommand(name, description);
-    added->footer(std::string("Example: ") + example);
+    added->footer("Example: " + example);
     added->callback([this, command] { invocation.command = command; });
     return added;
   }
@@ -138,12 +141,26 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddValidate() {
-    CLI::App* validate = Add("validate", "Check whether a token permits an operation",
+    CLI::App* validate = Add("validate", "Check whether a token permits operations",
                              R"(zelttoken validate taskmanager @token
          '{"action":"read","args":{"task":"backup_1","owner":"alice"}}')",
                              Validate);
     AddToken(validate);
-    AddPayload(validate);
+    const auto read = [this](const std::string& word) { arguments.payloads.push_back(word); };
+    validate->add_option_function<std::string>("PAYLOAD", read, "JSON, @FILE or -, up to 256 times")
+        ->required();
+  }
+
+  // CLI11 would read a JSON array among several payloads as a list of them.
+  void TakePayloads(std::vector<std::string>& words) {
+    for (; !words.empty() && !words.back().starts_with("--"); words.pop_back()) {
+      arguments.payloads.push_back(words.back());
+    }
+  }
+
+  void AddInspect() {
+    AddToken(
+        Add("inspect", "Show what a token permits", "zelttoken inspect fastapi @token", Inspect));
   }
 
   void AddRevoke() {
@@ -161,29 +178,37 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   // CLI11 must not parse the words after "--", because it would read some as lists or options.
-  void AddRun() {
-    CLI::App* run = Add("run",
-                        "Run a command with a token, then revoke the token:\n"
-                        "zelttoken run SERVICE PAYLOAD -- COMMAND [ARG...]",
-                        "zelttoken run fastapi @payload.json -- sh -c 'echo $ZELT_TOKEN'", Run);
-    run->fallthrough(false)->allow_extras();
-    AddJson(run);
-    AddService(run);
-    AddPayload(run);
+  void AddCommand(const std::string& name, const std::string& description, Command command) {
+    CLI::App* added =
+        Add(name, description + "\nzelttoken " + name + " SERVICE PAYLOAD -- COMMAND [ARG...]",
+            "zelttoken " + name + " fastapi @payload.json -- sh -c 'echo $ZELT_TOKEN'", command);
+    added->fallthrough(false)->allow_extras();
+    AddJson(added);
+    AddService(added);
+    AddPayload(added);
     const auto read = [this](const std::string& word) { arguments.command.push_back(word); };
-    run->add_option_function<std::string>("COMMAND", read, "A command and its arguments, after --")
+    added
+        ->add_option_function<std::string>("COMMAND", read, "A command and its arguments, after --")
         ->required();
-    run->callback([this, run] {
-      const std::vector<std::string> rest = run->remaining();
+    added->callback([this, added, command] {
+      const std::vector<std::string> rest = added->remaining();
       if (rest.empty() || rest.front() != "--") throw CLI::RequiredError("-- COMMAND");
       arguments.command.insert(arguments.command.end(), rest.begin() + 1, rest.end());
-      invocation.command = Run;
+      invocation.command = command;
     });
   }
 
   void AddList() {
     AddFilter(Add("list", "List tokens, without their text",
                   "zelttoken list --user alice --orphans", List));
+  }
+
+  void AddShow() {
+    CLI::App* show = Add("show", "Show what a token grants", "zelttoken show 4711", Show);
+    const auto read = [this](const std::string& id) {
+      arguments.ids.push_back(ParseNumber<std::uint64_t>("ID", id));
+    };
+    show->add_option_function<std::string>("ID", read, "The id that list shows")->required();
   }
 
   void AddDrop() {

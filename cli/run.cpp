@@ -18,6 +18,18 @@ constexpr int kEndedBySignal = 128;
 
 }  // namespace
 
+void Become(std::vector<std::string> command, const std::string& token) {
+  setenv("ZELT_TOKEN", token.c_str(), 1);
+  std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
+  for (std::string& argument : command) arguments.push_back(argument.data());
+  arguments.push_back(nullptr);
+  execvp(arguments.front(), arguments.data());
+  const int error = errno;
+  throw Failure(error == ENOENT ? kNotFound : kNotExecutable,
+                "cannot run " + command.front() + ": " + std::strerror(error));
+}
+
 Runner::Runner() {
   sigfillset(&blocked);
   for (const int stop : {SIGTSTP, SIGTTIN, SIGTTOU}) sigdelset(&blocked, stop);
@@ -26,7 +38,7 @@ Runner::Runner() {
   child_handler_before = std::signal(SIGCHLD, SIG_DFL);
 }
 
-int Runner::Run(std::vector<std::string> command, const std::string& token) {
+int Runner::Run(const std::vector<std::string>& command, const std::string& token) {
   sigpending(&early);
   const pid_t child = fork();
   if (child < 0) throw Failure(kRefused, std::string("cannot fork: ") + std::strerror(errno));
@@ -34,18 +46,15 @@ int Runner::Run(std::vector<std::string> command, const std::string& token) {
   return AwaitEnd(child);
 }
 
-void Runner::Execute(std::vector<std::string>& command, const std::string& token) {
+void Runner::Execute(const std::vector<std::string>& command, const std::string& token) {
   std::signal(SIGCHLD, child_handler_before);
   sigprocmask(SIG_SETMASK, &mask_before, nullptr);
-  setenv("ZELT_TOKEN", token.c_str(), 1);
-  std::vector<char*> arguments;
-  arguments.reserve(command.size() + 1);
-  for (std::string& argument : command) arguments.push_back(argument.data());
-  arguments.push_back(nullptr);
-  execvp(arguments.front(), arguments.data());
-  const int error = errno;
-  std::cerr << "zelttoken: cannot run " << command.front() << ": " << std::strerror(error) << '\n';
-  _exit(error == ENOENT ? kNotFound : kNotExecutable);
+  try {
+    Become(command, token);
+  } catch (const Failure& failure) {
+    std::cerr << "zelttoken: " << failure.what() << '\n';
+    _exit(failure.exit_code);
+  }
 }
 
 // Once the command runs, the terminal sends its signals to the command as well.

@@ -4,9 +4,10 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <cstdlib>
-#include <exception>
+#include <algorithm>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "check.h"
 #include "child.h"
@@ -14,8 +15,11 @@
 #include "log.h"
 #include "open_store.h"
 #include "options.h"
+#include "rebuild.h"
+#include "standard_descriptors.h"
 #include "supervisor.h"
 #include "worker.h"
+#include "writers.h"
 
 namespace {
 
@@ -41,18 +45,31 @@ int Check(const Options& options) {
 
 // Ends the daemon if no worker could open the store. A damaged file may kill the process that reads
 // it (mmap(2)), so child processes try it.
-void TryStore(const StoreOptions& options, const StoreLock& lock) {
-  RunInChild(options.path, [&] { CheckStore(options); });
+void TryStore(const StoreOptions& options, StoreLock& lock) {
+  if (options.format == StoreFormat::kIndexed) {
+    RunInChild(options.path, [&] { RebuildStore(options); });
+    lock.LockRebuilt();
+  }
   RunInChild(options.path, [&] {
     WorkerSlot slot;
     OpenStore(options, lock, slot);
   });
 }
 
+// Whoever may write to these files can grant themselves anything.
+void WarnOfWriters(const std::string& installed_config) {
+  constexpr std::size_t kMostLines = 10;  // --check prints all
+  const std::vector<std::string> lines = ForeignWriters(installed_config);
+  for (std::size_t i = 0; i < std::min(lines.size(), kMostLines); ++i) {
+    Log(LOG_WARNING, "%s", lines[i].c_str());
+  }
+}
+
 void Serve(const Options& options) {
   // Locked first: a daemon that cannot have the store leaves the sockets to the one that has it.
-  const StoreLock store_lock(options.store);
+  StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
+  WarnOfWriters(options.installed_config);
   const Listeners listeners = OpenListeners(options.limits.backlog);
   Board& board = MapBoard();
   const WorkerContext context{options, listeners.sockets, store_lock, board};
@@ -67,16 +84,16 @@ void Serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ZELT::TokenManager::OpenStandardDescriptors();
   const Options options = ParseOptions(argc, argv);
   if (options.check) return Check(options);
   PrepareProcess(options);
-  try {
+  const auto serve = [&] {
     Serve(options);
     Log(LOG_NOTICE, "stopped");
-    return EXIT_SUCCESS;
-  } catch (const std::exception& error) {
-    Log(LOG_ERR, "%s", error.what());
-    if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error.what() << '\n';
-    return EXIT_FAILURE;
-  }
+  };
+  return ExitStatusOf(serve, [&](const char* error) {
+    Log(LOG_ERR, "%s", error);
+    if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error << '\n';
+  });
 }

@@ -16,7 +16,7 @@ struct CheckOptions {
 };
 
 struct Options {
-  std::string installed_config = "/var/lib/zelttokenmgr/installed";
+  std::string installed_config = "/etc/zelttokenmgr/installed";
   StoreOptions store;
   ServerLimits limits;
   unsigned int workers = 1;  ///< processes that serve

@@ -15,9 +15,18 @@ TEST_F(UtilsTest, PermittedListsAdmitUsersAndGroups) {
   CheckSection("utils.txt", "permitted lists", is_in);
 }
 
+std::string SendMany() {
+  std::string verdicts;
+  for (const Verdict verdict : SendValidateManyRequest("s", "t", {Value("{}"), Value("[1]"), 2})) {
+    verdicts += std::to_string(static_cast<int>(verdict));
+  }
+  return verdicts;
+}
+
 std::string Send(const std::string& type) {
   return Outcome([&]() -> Json::Value {
     if (type == "issue") return SendIssueRequest("s", Value("{'a':[1]}"));
+    if (type == "many") return SendMany();
     if (type == "validate") return SendValidateRequest("s", "t", Value("['\xc3\xa4\\n']"));
     return type == "revoke" ? SendRevokeRequest("s", "t") : SendTransferRequest("s", "t", 77);
   });
@@ -32,15 +41,43 @@ TEST_F(UtilsTest, ClientsSendOneRequestAndReadOneResponse) {
   }
 }
 
+struct Framing {
+  const char* answer;
+  bool reads_to_the_end = false;  // of the client's stream, before it answers
+  bool closes = false;
+};
+
+// How daemons may frame their messages.
+const Framing kFramings[] = {{.answer = R"({"success":true})", .closes = true},
+                             {.answer = R"({"success":true})"},
+                             {.answer = "{\"success\":true}\n", .reads_to_the_end = true},
+                             {.answer = "{\n \"success\" : true\n}\n"},
+                             {.answer = "\n\r\n{\"a\":[\"\\\"}\\\\\",{}],\"success\":true}"},
+                             {.answer = "\xef\xbb\xbf{\"success\":true} more"}};
+
+TEST_F(UtilsTest, ClientsUnderstandDaemonsThatFrameMessagesInOtherWays) {
+  const OwnedDescriptor daemon = ListenAt(kSocketPath);
+  for (const Framing& framing : kFramings) {
+    OwnedDescriptor connection;
+    const std::jthread client([&] { EXPECT_EQ(Send("revoke"), "true") << framing.answer; });
+    connection = OwnedDescriptor(accept(daemon.Get(), nullptr, nullptr));
+    for (char c = 0; read(connection.Get(), &c, 1) == 1;) {
+      if (c == '\n' && !framing.reads_to_the_end) break;
+    }
+    for (const char* c = framing.answer; *c != '\0'; ++c) {
+      send(connection.Get(), c, 1, MSG_NOSIGNAL);
+    }
+    if (framing.closes) connection.Close();
+  }
+}
+
 TEST_F(UtilsTest, NeedADaemonARequestThatCanBeSentAndASocket) {
   MountEmpty("/run", "mode=755");
   const long descriptors = OpenDescriptors();
   EXPECT_EQ(Send("issue"), "utils.cpp:62 failed to access domain socket");
   const OwnedDescriptor daemon = ListenAt(kSecondSocketPath);
-  for (const std::string& token : {std::string(2 << 20, 'x'), std::string("\xff")}) {
-    EXPECT_EQ(Outcome([&] { SendRevokeRequest("s", token); }),
-              "utils.cpp:65 failed to send request");
-  }
+  EXPECT_EQ(Outcome([] { SendRevokeRequest("s", std::string(2 << 20, 'x')); }),
+            "utils.cpp:65 failed to send request");
   EXPECT_EQ(Outcome([] { GetPeerCredential(-1); }), "utils.cpp:149 failed to get peer credential");
   EXPECT_EQ(OpenDescriptors(), descriptors + 1);
 }

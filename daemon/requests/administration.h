@@ -1,9 +1,10 @@
-// The administrators' requests: "list", "drop" and "status".
+// The administrators' requests: "list", "show", "drop" and "status".
 #pragma once
 
 #include <json/value.h>
 
 #include <string>
+#include <vector>
 
 #include "board.h"
 #include "peer.h"
@@ -23,9 +24,12 @@ class Administration {
   /// "next" unless this is the last page.
   void List(const Json::Value& request, Json::Value& response);
 
+  /// Request: "id". Response: "token", as in the response to List, with its "payload".
+  void Show(const Json::Value& request, Json::Value& response);
+
   /// Request: as for List, and "ids"; without any condition, "all" must be true. Response:
-  /// "dropped" and "next". Returns what was dropped, as rows of `TokenStore::List`.
-  Json::Value Drop(const Json::Value& request, Json::Value& response);
+  /// "dropped" and "next". Returns what was dropped. Part of a change of the store.
+  std::vector<TokenRow> Drop(const Json::Value& request, Json::Value& response);
 
   /// Request: "after". Response: the counters of all workers, the size of the store, and "usage",
   /// which comes in pages.

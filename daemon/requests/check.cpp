@@ -1,5 +1,6 @@
 #include "check.h"
 
+#include <pwd.h>
 #include <sysexits.h>
 #include <unistd.h>
 
@@ -7,16 +8,22 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
+#include <set>
 #include <stdexcept>
 
+#include "check_grant.h"
 #include "configuration.h"
 #include "escaped_text.h"
 #include "json_text.h"
 #include "packages.h"
+#include "request_log.h"
 #include "services.h"
-#include "user_limits.h"
+#include "strict_json.h"
+#include "token_store.h"
 #include "users.h"
+#include "writers.h"
 #include "zelttokenmanager/utils.h"
 
 using namespace ZELT::TokenManager;
@@ -63,13 +70,11 @@ void CheckPackages(Findings& findings) {
             [](const Package& a, const Package& b) { return a.directory < b.directory; });
   Claims names("package");
   Claims users("user");
-  findings.Add(kPackages, ForeignWriter(kPackages));
   for (const Package& package : packages) {
-    for (const std::string& path :
-         {package.directory, package.directory + "/conf", package.privilege}) {
-      findings.Add(path, ForeignWriter(path));
-    }
     findings.Add(package.privilege, package.problem);
+    if (getpwnam(package.user.c_str()) == nullptr) {
+      findings.Add(package.directory, "its user \"" + package.user + "\" does not exist");
+    }
     findings.Add(package.directory, names.Claim(package.name, package.directory));
     findings.Add(package.directory, users.Claim(package.user, package.directory));
   }
@@ -100,7 +105,7 @@ std::string ListProblem(const Json::Value& grant, const char* list_name) {
 class ServiceCheck {
  public:
   explicit ServiceCheck(const Service& checked)
-      : service(checked.make()), permitted_list(checked.permitted_list) {
+      : service(checked.make()), keys(checked.keys), permitted_list(checked.permitted_list) {
     fromString(checked.probe, probe["payload"]);
     well_formed = Verdict(*service, probe, Json::Value(Json::arrayValue));
   }
@@ -112,36 +117,66 @@ class ServiceCheck {
     findings.Add(file, problem.empty() ? "" : Name() + ": " + problem);
     for (Json::ArrayIndex i = 0; privilege.isArray() && i < privilege.size(); ++i) {
       const std::string what = GrantProblem(privilege[i]);
-      findings.Add(file, what.empty() ? "" : Name() + "[" + std::to_string(i) + "]: " + what);
+      findings.Add(file, what.empty() ? "" : At(i) + what);
+      if (what.empty() && IsRepeated(privilege, i))
+        findings.Add(file, At(i) + "an earlier grant always applies");
     }
   }
 
  private:
+  std::string At(Json::ArrayIndex i) const { return Name() + "[" + std::to_string(i) + "]: "; }
+
+  bool Agree(const Json::Value& a, const Json::Value& b) const {
+    return a.isObject() &&
+           std::all_of(keys.begin(), keys.end(), [&](const char* key) { return a[key] == b[key]; });
+  }
+
+  bool IsRepeated(const Json::Value& privilege, Json::ArrayIndex last) const {
+    for (Json::ArrayIndex i = 0; i < last; ++i) {
+      if (Agree(privilege[i], privilege[last])) return true;
+    }
+    return false;
+  }
+
   // Checks one grant, so that the finding can name it.
   std::string GrantProblem(const Json::Value& grant) const {
     Json::Value privilege(Json::arrayValue);
     privilege.append(grant);
     const std::string verdict = Verdict(*service, probe, privilege);
-    return verdict == well_formed ? ListProblem(grant, permitted_list) : verdict;
+    if (verdict != well_formed) return verdict;
+    const std::string problem = ListProblem(grant, permitted_list);
+    return problem.empty() ? OddList(grant, permitted_list) : problem;
   }
 
   std::shared_ptr<TokenService> service;
+  std::array<const char*, 2> keys;
   const char* permitted_list;
   Json::Value probe;
   std::string well_formed;  // the verdict on well-formed grants
 };
 
+// Returns none if they cannot be listed, which CheckPackages reports.
+std::optional<std::set<std::string>> PackageNames() try {
+  std::set<std::string> names;
+  for (const Package& package : ReadPackages()) names.insert(package.name);
+  return names;
+} catch (const std::runtime_error&) {
+  return std::nullopt;
+}
+
 void CheckConfigurations(const std::string& directory, Findings& findings) {
+  const std::optional<std::set<std::string>> packages = PackageNames();
   std::map<std::string, ServiceCheck> checks;
   for (const Service& service : Services()) {
     const ServiceCheck check(service);
     checks.emplace(check.Name(), check);
   }
-  findings.Add(directory, ForeignWriter(directory));
   for (const std::string& file : ListFiles(directory)) {
     Json::Value configuration;
-    findings.Add(file, ForeignWriter(file));
     findings.Add(file, ReadConfiguration(file, configuration));
+    const std::string package = file.substr(file.rfind('/') + 1);
+    if (packages && !packages->contains(package))
+      findings.Add(file, "there is no package \"" + package + "\"");
     if (!configuration.isObject()) continue;
     for (const std::string& service : configuration.getMemberNames()) {
       const auto found = checks.find(service);
@@ -180,6 +215,7 @@ Json::Value WouldGrant(const std::string& installed_config, uid_t uid, const Jso
 
 int CheckFiles(const std::string& installed_config, std::ostream& output) {
   Findings findings(output);
+  for (const std::string& line : ForeignWriters(installed_config)) findings.Add(line);
   try {
     CheckPackages(findings);
   } catch (const std::runtime_error& unreadable) {
@@ -197,19 +233,16 @@ int CheckIssue(const std::string& installed_config, const std::string& user,
                const std::string& service, const std::string& payload, std::ostream& output) {
   Json::Value request;
   request["service"] = service;
-  if (!fromString(payload, request["payload"])) {
+  if (!ReadStrictJson(payload, request["payload"])) {
     output << "the payload is not JSON\n";
     return EX_USAGE;
   }
-  uid_t uid = 0;
   try {
-    uid = UserId(user);
-    output << toString(WouldGrant(installed_config, uid, request)) << '\n';
+    output << toString(WouldGrant(installed_config, UserId(user), request)) << '\n';
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
-    const Refusal refusal = Explain(error.what(), uid, installed_config);
-    const std::string cause = refusal.cause.empty() ? "" : " (" + refusal.cause + ")";
-    output << Escaped(refusal.reason + cause) << '\n';
+    const std::string cause = CauseOf(error);
+    output << Escaped(error.what() + (cause.empty() ? "" : " (" + cause + ")")) << '\n';
     return EXIT_FAILURE;
   }
 }

@@ -1,17 +1,22 @@
 #include "request_handler.h"
 
+#include <syslog.h>
+
 #include <algorithm>
-#include <array>
 #include <chrono>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
+#include "daemon_socket.h"
 #include "json_member.h"
-#include "json_text.h"
+#include "log.h"
 #include "request_log.h"
 #include "services.h"
+#include "strict_json.h"
 #include "token_shape.h"
+#include "write_json.h"
 
 using namespace ZELT::TokenManager;
 using Clock = std::chrono::steady_clock;
@@ -26,14 +31,21 @@ constexpr std::size_t kMaxValues = 10000;
 
 // Refusals contain nothing else, even if the operation had begun its response.
 constexpr const char* kRefused = R"({"success":false})";
-constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
+constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
-constexpr unsigned int kTurnsBetweenLooks = 60;  // a minute: each look reads a directory
+constexpr std::string_view kNoPackage = "token_manager.cpp:66 ";  // what the library throws
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
   return text.size() > kMaxValues &&
          std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
+}
+
+RequestType TypeOf(const Json::Value& request) {
+  const std::string_view name = StringView(request["type"]);
+  const auto known =
+      std::span(kRequestTypeNames).first(static_cast<std::size_t>(RequestType::kOther));
+  return static_cast<RequestType>(std::find(known.begin(), known.end(), name) - known.begin());
 }
 
 const char* Name(RequestType type) { return kRequestTypeNames.at(static_cast<std::size_t>(type)); }
@@ -63,15 +75,94 @@ void ExpectFewGrants(const Json::Value& payload) {
   }
 }
 
+std::chrono::seconds Lifetime(const Json::Value& seconds) {
+  const bool is_integer = seconds.type() == Json::intValue || seconds.type() == Json::uintValue;
+  if (!is_integer || !seconds.isInt64() || seconds.asInt64() <= 0) {
+    throw std::runtime_error("\"expires_in\" is not a positive integer");
+  }
+  return std::chrono::seconds(seconds.asInt64());
+}
+
+Sender SenderOf(RequestType type) {
+  switch (type) {
+    case RequestType::kIssue:
+    case RequestType::kRevoke:
+    case RequestType::kTransfer:
+      return Sender::kProcess;
+    case RequestType::kList:
+    case RequestType::kShow:
+    case RequestType::kDrop:
+    case RequestType::kStatus:
+      return Sender::kAdministrator;
+    case RequestType::kValidate:
+    case RequestType::kValidateMany:
+    case RequestType::kInspect:
+    case RequestType::kOther:
+      break;
+  }
+  return Sender::kAnybody;
+}
+
 void ExpectSender(Sender expected, const Peer& peer) {
   // All processes outside this pid namespace have this id (pid_namespaces(7)), so it cannot
   // identify an owner.
   if (expected == Sender::kProcess && peer.credential.pid == 0) {
     throw std::runtime_error("the peer has no process id in the daemon's pid namespace");
   }
+  if (expected == Sender::kProcess && IsUnmapped(peer.credential.uid)) {
+    throw std::runtime_error("the peer's user id is not mapped in the daemon's user namespace");
+  }
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
     throw std::runtime_error("only root and the daemon's user may ask for this");
   }
+}
+
+// Whether the token's service was asked and threw. This is a promise to clients, so other errors
+// after the manager had begun its response are not included: its own, and the lack of memory.
+bool IsUnjudged(const Json::Value& response, const std::exception& refusal) {
+  return response.isMember("permitted") && response["permitted"].isNull() &&
+         dynamic_cast<const std::runtime_error*>(&refusal) != nullptr &&
+         !std::string_view(refusal.what()).starts_with("token_manager.cpp:");
+}
+
+// Tells whoever holds a token what it permits, and nothing that identifies its owner. A token for
+// another service gets the answer of an unknown one, and gets it before the owner is looked up,
+// which takes long enough to be noticed.
+void Inspect(TokenStore& store, const Json::Value& request, Json::Value& response) {
+  const std::string token(StringMember(request, "token", "inspect:"));
+  const std::string_view service = StringMember(request, "service", "inspect:");
+  if (TextOf(MemberOrNull(store.GetAssociatedData(token), "service")) != service) {
+    throw std::runtime_error("the token is for another service");
+  }
+  const TokenRow row = store.Inspect(token);
+  response["requester"] = row.requester;
+  response["age"] = Json::Int64{row.age.count()};
+  if (row.expires_in) response["expires_in"] = Json::Int64{row.expires_in->count()};
+  response["alive"] = row.alive;
+  response["payload"] = row.payload;
+}
+
+// Leaves room for the newline that the server appends.
+std::string Success(Json::Value& response) {
+  response[Json::StaticString("success")] = true;
+  std::string text = WriteJson(response);
+  text.reserve(text.size() + 1);
+  return text;
+}
+
+// Administrators are told the reason, and others that they are none. Other requests have it only in
+// the log, because it may say what tokens and grants there are.
+std::string Refused(RequestType type, const Json::Value& response,
+                    const std::exception& refusal) try {
+  if (SenderOf(type) != Sender::kAdministrator) {
+    return IsUnjudged(response, refusal) ? kUnjudged : kRefused;
+  }
+  Json::Value answer;
+  answer["success"] = false;
+  answer["reason"] = refusal.what();
+  return WriteJson(answer);
+} catch (const std::exception&) {
+  return kRefused;
 }
 
 std::chrono::seconds Seconds() {
@@ -79,12 +170,6 @@ std::chrono::seconds Seconds() {
 }
 
 }  // namespace
-
-struct RequestHandler::Operation {
-  RequestType type;
-  Sender sender;  // who may send it
-  void (RequestHandler::*run)(const Peer&, const Json::Value&, Json::Value&);
-};
 
 RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
                                WorkerSlot& worker_slot, RequestSettings request_settings,
@@ -94,8 +179,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
       slot(worker_slot),
       settings(std::move(request_settings)),
       manager(settings.installed_config, {std::shared_ptr<void>(), &token_store}, std::move(cache)),
-      administration(token_store, shared_board, settings.version),
-      watch(settings.installed_config) {
+      administration(token_store, shared_board, settings.version) {
   AddServices(manager);
 }
 
@@ -109,102 +193,141 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   Json::Value response(Json::objectValue);
   std::string answer;
   try {
-    Handle(peer, text, request, response);
-    answer = toString(response);
+    answer = Handle(peer, text, request, response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    answer = response.isMember("permitted") ? kCannotTell : kRefused;
-    Refuse(peer, request, refusal.what());
+    answer = Refused(slot.type, response, refusal);
+    Refuse(peer, request, refusal);
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
   Set(slot.activity, Activity::kIdle);
   return answer;
 }
 
-void RequestHandler::OnIdle() {
+void RequestHandler::EverySecond() {
   board.refusals.LogHeldBack(Seconds());
+  store.TakeCare();
   if (&slot != board.slots.data()) return;
-  store.KeepHouse();
-  if (idle_turns++ % kTurnsBetweenLooks == 0) watch.Look();
+  store.EverySecond();
 }
 
-const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request) {
-  using Manager = ZELT::TokenManager::TokenManager;
-  using This = RequestHandler;
-  static constexpr std::array kOperations = {
-      Operation{RequestType::kIssue, Sender::kProcess, &This::Change<&Manager::IssueToken>},
-      Operation{RequestType::kValidate, Sender::kAnybody, &This::Ask<&Manager::ValidateToken>},
-      Operation{RequestType::kRevoke, Sender::kProcess, &This::Change<&Manager::RevokeToken>},
-      Operation{RequestType::kTransfer, Sender::kProcess, &This::Change<&Manager::TransferToken>},
-      Operation{RequestType::kList, Sender::kAdministrator,
-                &This::Administer<&Administration::List>},
-      Operation{RequestType::kDrop, Sender::kAdministrator, &This::Drop},
-      Operation{RequestType::kStatus, Sender::kAdministrator,
-                &This::Administer<&Administration::Status>},
-  };
-  const std::string_view type = StringView(request["type"]);
-  for (const Operation& operation : kOperations) {
-    if (type == Name(operation.type)) return operation;
-  }
-  throw std::runtime_error("unknown type of request");
-}
-
-void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
-                            Json::Value& response) {
+std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
+                                   Json::Value& response) {
   if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
-  if (!fromString(text, request) || !request.isObject()) {
+  if (!ReadStrictJson(text, request) || !request.isObject()) {
     throw std::runtime_error("not a JSON object");
   }
-  const Operation& operation = Find(request);
-  Set(slot.type, operation.type);
-  ExpectSender(operation.sender, peer);
+  const RequestType type = TypeOf(request);
+  Set(slot.type, type);
+  ExpectSender(SenderOf(type), peer);
   ExpectWholeToken(request);
-  if (operation.type == RequestType::kIssue) ExpectFewGrants(request["payload"]);
-  (this->*operation.run)(peer, request, response);
-  response[Json::StaticString("success")] = true;
+  switch (type) {
+    case RequestType::kIssue:
+    case RequestType::kRevoke:
+    case RequestType::kTransfer:
+    case RequestType::kDrop:
+      return Change(peer, request, response);
+    case RequestType::kValidate:
+      manager.ValidateToken(peer.credential, request, response);
+      break;
+    case RequestType::kValidateMany:
+      manager.ValidateMany(peer.credential, request, response);
+      break;
+    case RequestType::kInspect:
+      Inspect(store, request, response);
+      break;
+    case RequestType::kList:
+      administration.List(request, response);
+      break;
+    case RequestType::kShow:
+      administration.Show(request, response);
+      break;
+    case RequestType::kStatus:
+      administration.Status(request, response);
+      break;
+    case RequestType::kOther:
+      throw std::runtime_error("unknown type of request");
+  }
+  return Success(response);
 }
 
-template <auto kMethod>
-void RequestHandler::Ask(const Peer& peer, const Json::Value& request, Json::Value& response) {
-  (manager.*kMethod)(peer.credential, request, response);
+std::string RequestHandler::Change(const Peer& peer, const Json::Value& request,
+                                   Json::Value& response) {
+  try {
+    return TryChange(peer, request, response);
+  } catch (const NoRoom&) {
+    if (!store.AwaitRoom()) throw;
+  }
+  response = Json::objectValue;
+  return TryChange(peer, request, response);
 }
 
-template <auto kMethod>
-void RequestHandler::Change(const Peer& peer, const Json::Value& request, Json::Value& response) {
-  ::Change change(store, peer);
-  (manager.*kMethod)(peer.credential, request, response);
+// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
+std::string RequestHandler::TryChange(const Peer& peer, const Json::Value& request,
+                                      Json::Value& response) {
+  StoreChange change(store, peer);
+  const std::vector<std::string> audit = CarryOut(peer, request, response);
+  std::string answer = Success(response);
   change.Commit();
-  Audit(peer, request);
+  for (const std::string& line : audit) Log(LOG_INFO, "%s", line.c_str());
+  return answer;
 }
 
-template <auto kMethod>
-void RequestHandler::Administer(const Peer& /*peer*/, const Json::Value& request,
-                                Json::Value& response) {
-  (administration.*kMethod)(request, response);
+// Returns what the audit says about it.
+std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::Value& request,
+                                                  Json::Value& response) {
+  std::string details;
+  switch (slot.type) {
+    case RequestType::kIssue:
+      if (request.isMember("expires_in")) store.ExpireAfter(Lifetime(request["expires_in"]));
+      Issue(peer, request, response);
+      if (settings.audit) details = GrantsOf(response["token"].asString());
+      break;
+    case RequestType::kTransfer:
+      manager.TransferToken(peer.credential, request, response);
+      details = " to=" + TextOf(request["payload"]);
+      break;
+    case RequestType::kDrop:
+      return AuditDrop(peer, administration.Drop(request, response));
+    default:
+      manager.RevokeToken(peer.credential, request, response);
+  }
+  if (!settings.audit) return {};
+  return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
 }
 
-void RequestHandler::Drop(const Peer& peer, const Json::Value& request, Json::Value& response) {
-  const Json::Value dropped = administration.Drop(request, response);
-  if (!settings.audit) return;
-  for (const Json::Value& token : dropped) {
-    LogChange(peer, "drop", token["id"].asUInt64(), TextOf(token["service"]),
-              " requester=" + TextOf(token["requester"]));
+// Returns the grants of a new token for the audit.
+std::string RequestHandler::GrantsOf(const std::string& token) const {
+  return " grants=" + QuotedGrants(WriteJson(manager.GetAssociatedData(token)["payload"]));
+}
+
+void RequestHandler::Issue(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  ExpectFewGrants(request["payload"]);
+  const uid_t user = peer.credential.uid;
+  without_package.Refuse(user, Clock::now());
+  try {
+    manager.IssueToken(peer.credential, request, response);
+  } catch (const std::runtime_error& refusal) {
+    const bool has_no_package = std::string_view(refusal.what()).starts_with(kNoPackage);
+    if (has_no_package) without_package.Remember(user, Clock::now());
+    throw;
   }
 }
 
-void RequestHandler::Audit(const Peer& peer, const Json::Value& request) const {
-  if (!settings.audit) return;
-  const bool transferred = slot.type == RequestType::kTransfer;
-  LogChange(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]),
-            transferred ? " to=" + TextOf(request["payload"]) : "");
+std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
+                                                   const std::vector<TokenRow>& dropped) const {
+  std::vector<std::string> lines;
+  for (const TokenRow& token : dropped) {
+    if (!settings.audit) break;
+    lines.push_back(
+        AuditLine(peer, "drop", token.id, token.service, " requester=" + token.requester));
+  }
+  return lines;
 }
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
-                            const std::string& reason) {
+                            const std::exception& refusal) {
   Count(CounterOf(slot.type, slot.refused));
   if (!board.refusals.MayLog(peer.credential.uid, Seconds())) return;
-  const bool issues = slot.type == RequestType::kIssue;
-  LogRefusal(peer, request,
-             issues ? Explain(reason, peer.credential.uid, settings.installed_config)
-                    : Refusal{reason, ""});
+  LogRefusal(peer, request, refusal);
 }

@@ -5,12 +5,13 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "administration.h"
 #include "board.h"
-#include "configuration.h"
 #include "peer.h"
 #include "token_store.h"
+#include "users_without_package.h"
 #include "zelttokenmanager/token_manager.h"
 
 struct RequestSettings {
@@ -34,27 +35,21 @@ class RequestHandler {
   /// the slot.
   std::string Answer(const Peer& peer, const std::string& text);
 
-  /// Does periodic work, most of it only in the worker of the first slot. Call this about once a
-  /// second.
-  void OnIdle();
+  /// Does periodic work, most of it only in the worker of the first slot.
+  void EverySecond();
 
  private:
-  struct Operation;
-  static const Operation& Find(const Json::Value& request);
+  std::string Handle(const Peer& peer, const std::string& text, Json::Value& request,
+                     Json::Value& response);
+  std::string Change(const Peer& peer, const Json::Value& request, Json::Value& response);
+  std::string TryChange(const Peer& peer, const Json::Value& request, Json::Value& response);
+  std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,
+                                    Json::Value& response);
+  std::string GrantsOf(const std::string& token) const;
+  void Issue(const Peer& peer, const Json::Value& request, Json::Value& response);
+  std::vector<std::string> AuditDrop(const Peer& peer, const std::vector<TokenRow>& dropped) const;
 
-  void Handle(const Peer& peer, const std::string& text, Json::Value& request,
-              Json::Value& response);
-  // The operations in the table of `Find`.
-  template <auto kMethod>
-  void Ask(const Peer& peer, const Json::Value& request, Json::Value& response);
-  template <auto kMethod>
-  void Change(const Peer& peer, const Json::Value& request, Json::Value& response);
-  template <auto kMethod>
-  void Administer(const Peer& peer, const Json::Value& request, Json::Value& response);
-  void Drop(const Peer& peer, const Json::Value& request, Json::Value& response);
-
-  void Audit(const Peer& peer, const Json::Value& request) const;
-  void Refuse(const Peer& peer, const Json::Value& request, const std::string& reason);
+  void Refuse(const Peer& peer, const Json::Value& request, const std::exception& refusal);
 
   TokenStore& store;
   Board& board;
@@ -62,6 +57,5 @@ class RequestHandler {
   const RequestSettings settings;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
-  WriterWatch watch;
-  unsigned int idle_turns = 0;
+  UsersWithoutPackage without_package;
 };

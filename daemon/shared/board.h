@@ -13,24 +13,11 @@
 #include <type_traits>
 
 #include "refusals.h"
-
-/// The kinds of requests, in the order of the counters. `kOther` is for requests without a valid
-/// "type".
-enum class RequestType : std::uint8_t {
-  kIssue,
-  kValidate,
-  kRevoke,
-  kTransfer,
-  kList,
-  kDrop,
-  kStatus,
-  kOther
-};
-constexpr std::size_t kRequestTypes = static_cast<std::size_t>(RequestType::kOther) + 1;
+#include "request_type.h"
 
 /// What a worker is doing. A worker that waits for the store is not stuck itself; the worker that
 /// holds the store is.
-enum class Activity : std::uint8_t { kIdle, kServing, kWaitingForStore };
+enum class Activity : std::uint8_t { kStarting, kIdle, kServing, kWaitingForStore };
 
 /// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the
 /// last.
@@ -43,6 +30,13 @@ constexpr std::size_t TimeBucket(std::chrono::nanoseconds time) {
   return std::min<std::size_t>(std::bit_width(last), kTimeBuckets - 1);
 }
 
+/// How often the cache of a text store had a record, as of `LRUCacheStorage::GetStatistics`.
+struct CacheCounts {
+  std::atomic<std::uint64_t> hit = 0;
+  std::atomic<std::uint64_t> miss = 0;
+  std::atomic<std::uint64_t> total = 0;
+};
+
 /// One worker's part of the board. Only its worker writes to it, except for `pid`, which the
 /// supervisor sets. A replacement continues the counters.
 struct alignas(64) WorkerSlot {
@@ -51,7 +45,7 @@ struct alignas(64) WorkerSlot {
   /// CLOCK_MONOTONIC in nanoseconds when the worker last returned to its loop, at least once a
   /// second, or began a request.
   std::atomic<std::int64_t> seen = 0;
-  std::atomic<Activity> activity = Activity::kIdle;
+  std::atomic<Activity> activity = Activity::kStarting;
   std::atomic<RequestType> type = RequestType::kOther;  ///< of the current request
   std::atomic<uid_t> client_user = 0;                   ///< who sent it
   std::atomic<pid_t> client_process = 0;
@@ -59,6 +53,7 @@ struct alignas(64) WorkerSlot {
   std::array<std::atomic<std::uint64_t>, kRequestTypes> done{};
   std::array<std::atomic<std::uint64_t>, kRequestTypes> refused{};
   std::array<std::atomic<std::uint64_t>, kTimeBuckets> times{};
+  CacheCounts cache;  ///< up to a second old; zero without a cache
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
@@ -73,10 +68,6 @@ void Set(std::atomic<T>& value, std::type_identity_t<T> now) {
 inline void Count(std::atomic<std::uint64_t>& counter) {
   Set(counter, counter.load(std::memory_order_relaxed) + 1);
 }
-
-/// The names of the kinds of requests, in the order of the counters.
-constexpr std::array<const char*, kRequestTypes> kRequestTypeNames = {
-    "issue", "validate", "revoke", "transfer", "list", "drop", "status", "other"};
 
 /// A worker serves one request at a time; more workers would only use memory.
 constexpr std::size_t kMaxWorkers = 256;

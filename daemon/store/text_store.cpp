@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
 #include <system_error>
 
@@ -11,10 +13,10 @@
 #include "json_text.h"
 #include "owned_descriptor.h"
 #include "process.h"
-#include "user_limits.h"
 
 using ZELT::TokenManager::MemberOrNull;
 using ZELT::TokenManager::OwnedDescriptor;
+using ZELT::TokenManager::TextOf;
 using ZELT::TokenManager::toString;
 
 namespace {
@@ -34,9 +36,11 @@ void EndLastLine(const std::string& path) {
 
 }  // namespace
 
-TextStore::TextStore(const std::string& path) : storage(path) { EndLastLine(path); }
+TextStore::TextStore(const std::string& file) : path(file), storage(file) { EndLastLine(path); }
 
 void TextStore::Begin(const Peer& /*peer*/) { removed.reset(); }
+
+void TextStore::ExpireAfter(std::chrono::seconds /*lifetime*/) { Refuse(); }
 
 void TextStore::Commit() {
   if (removed) storage.Remove(*removed);
@@ -51,8 +55,22 @@ void TextStore::Insert(const std::string& token, const Json::Value& data) {
   if (!IdentifyProcess(pid.isInt() ? pid.asInt() : 0)) {
     throw std::runtime_error("no living process has the id of the new owner");
   }
-  if (removed == token) Commit();
+  if (removed == token) return Transfer(token, data);
   storage.Insert(token, data);
+}
+
+// Puts the old record back if the new one cannot be written. A failed insertion may leave a part of
+// a line.
+void TextStore::Transfer(const std::string& token, const Json::Value& data) {
+  const Json::Value old = storage.GetAssociatedData(token);
+  Commit();
+  try {
+    storage.Insert(token, data);
+  } catch (...) {
+    EndLastLine(path);
+    storage.Insert(token, old);
+    throw;
+  }
 }
 
 void TextStore::Remove(const std::string& token) { removed = token; }
@@ -61,8 +79,26 @@ Json::Value TextStore::GetAssociatedData(const std::string& token) {
   return storage.GetAssociatedData(token);
 }
 
-Page TextStore::List(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
-Page TextStore::Drop(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
-Page TextStore::Usage(std::uint64_t /*after*/) { Refuse(); }
+Page<TokenRow> TextStore::List(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
+Page<TokenRow> TextStore::Drop(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
+Page<UsageRow> TextStore::Usage(std::uint64_t /*after*/) { Refuse(); }
+
+// A line without a valid "created_at" belongs to a token of age 0.
+TokenRow TextStore::Inspect(const std::string& token) {
+  const Json::Value data = GetAssociatedData(token);
+  const Json::Value& pid = MemberOrNull(data, "pid");
+  const Json::Value& created = MemberOrNull(data, "created_at");
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  const auto age =
+      now - std::chrono::nanoseconds(created.isInt64() ? created.asInt64() : now.count());
+  TokenRow row{.service = TextOf(MemberOrNull(data, "service")),
+               .requester = TextOf(MemberOrNull(data, "requester")),
+               .pid = pid.isInt() ? pid.asInt() : 0,
+               .age = std::max(std::chrono::duration_cast<std::chrono::seconds>(age),
+                               std::chrono::seconds(0)),
+               .payload = MemberOrNull(data, "payload")};
+  row.alive = IdentifyProcess(row.pid).has_value();
+  return row;
+}
+
 Json::Value TextStore::GetStatistics() { return Json::nullValue; }
-void TextStore::KeepHouse() {}

@@ -1,5 +1,7 @@
 #include "worker.h"
 
+#include <grp.h>
+#include <pwd.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -14,22 +16,40 @@
 
 namespace {
 
+void ShowCache(ZELT::TokenManager::CacheStorage& cache, CacheCounts& counts) {
+  const Json::Value statistics = cache.GetStatistics();
+  Set(counts.hit, statistics["hit"].asUInt64());
+  Set(counts.miss, statistics["miss"].asUInt64());
+  Set(counts.total, statistics["total"].asUInt64());
+}
+
 // Names this process as the client, because no client is to blame if it hangs.
-void KeepHouse(RequestHandler& handler, WorkerSlot& slot) {
+void EverySecond(RequestHandler& handler, const OpenedStore& opened, WorkerSlot& slot) {
   slot.type = RequestType::kOther;
   slot.client_process = getpid();
   slot.client_user = geteuid();
   try {
-    handler.OnIdle();
+    if (opened.cache) ShowCache(*opened.cache, slot.cache);
+    handler.EverySecond();
   } catch (const std::exception& error) {
     Log(LOG_WARNING, "housekeeping failed: %s", error.what());
   }
   slot.activity = Activity::kIdle;
 }
 
+// The first look-up loads what glibc needs for it, and crashes if there is no memory for that. Here
+// it costs no request.
+void LoadUserDatabase() {
+  int groups = 0;
+  getpwuid(geteuid());
+  getgrgid(getegid());
+  getgrouplist("root", 0, nullptr, &groups);
+}
+
 }  // namespace
 
 void Work(const WorkerContext& context, WorkerSlot& slot) {
+  LoadUserDatabase();
   const Options& options = context.options;
   const OpenedStore opened = OpenStore(options.store, context.store_lock, slot);
   RequestHandler handler(*opened.store, context.board, slot,
@@ -38,8 +58,9 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                           .audit = options.audit},
                          opened.cache);
   Server server(context.listeners, options.limits, slot);
-  server.OnIdle([&] { KeepHouse(handler, slot); });
+  server.OnIdle([&] { EverySecond(handler, opened, slot); });
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
+  slot.activity = Activity::kIdle;
   server.Serve([&handler](const Peer& peer, const std::string& request) {
     return handler.Answer(peer, request);
   });
