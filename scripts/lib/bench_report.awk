@@ -42,7 +42,6 @@ END {
   ratios("issue + validate against munge, threads", "pair/", "munge/", "1 2 4", "1.0", 1)
   for (i = split("revoke transfer validate issue", operation); i > 0; i--)
     row(operation[i] ", 1,000,000 tokens against 1,000", median(operation[i] "/1000000") / median(operation[i] "/1000"), "", 2, 0)
-  ratios("cache hit against the bare structure and a parse, records", "hit/ours/", "hit/bare/", 100000, 1.15, 0)
   for (i = split("remove insert get", operation); i > 0; i--)
     ratios("store " operation[i] " against the bare calls, records", operation[i] "/ours/", operation[i] "/bare/", "100 1000 10000 100000", 1.1, 0)
   row("validate by the manager against cache hit + service check", median("validate/manager") / median("validate/parts"), "", 1.05, 0)
