@@ -260,8 +260,6 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
 }
 
 // The example in the documentation.
-TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
-  CheckService<Printing>("printing");
-}
+TEST(PrintingTest, GrantsPrintersAndPermitsUsers) { CheckService<Printing>("printing"); }
 
 }  // namespace ZELT::RequestsTests
