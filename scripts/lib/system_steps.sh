@@ -230,6 +230,26 @@ cleaning() {
   life_of_a_token
 }
 
+with_options() { echo "ZELTTOKENMGRD_OPTIONS='$1'" >/etc/default/zelttokenmgr; }
+
+# A start that cannot succeed is not repeated, even for waiting clients. Afterwards, a store on a disk
+# and a restart of the sockets alone.
+# shellcheck disable=SC2016 # evaluated later
+failed_start() {
+  with_options '--store /etc/hostname'
+  systemctl restart $service 2>/dev/null || true
+  expect 69 '*cannot be reached*' as demo zelttoken issue fastapi "$grant"
+  await eval '[ "$(systemctl is-active $service $sockets)" = $'"'failed\\ninactive'"' ]'
+  with_options '--store /var/lib/zelttokenmgr/tokens.mdb'
+  systemctl start $service
+  life_of_a_token
+  systemctl restart $sockets
+  life_of_a_token
+  expect 0 'zelttokenmgr 600' stat -c '%U %a' /var/lib/zelttokenmgr/tokens.mdb
+  with_options ''
+  systemctl restart $service
+}
+
 # Prints what a purge leaves behind, apart from the user.
 left_behind() {
   find / -xdev \( -iname '*zelttoken*' -o -nouser -o -user zelttokenmgr \) \
@@ -256,7 +276,8 @@ purge() {
   expect 0 '' left_behind
 }
 
-readonly all=(install readme restart upgrade restarted squatting hardened_clients cleaning purge)
+readonly all=(install readme restart upgrade restarted squatting hardened_clients cleaning failed_start
+  purge)
 
 run_steps() {
   local step
