@@ -403,7 +403,7 @@ purge() {
   expect 0 'root 755' stat -c '%U %a' /var/packages
   dpkg -i other/*.deb >/dev/null
   (umask 77 && touch $state/tokens.mdb $state/other)
-  ln -s /etc/passwd $state/tokens.mdb-lock
+  ln -sf /etc/passwd $state/tokens.mdb-lock
   dpkg -P zelttokenmgr libzelttokenmanager1 >/dev/null 2>purge.log
   expect 0 '*lib/zelttokenmgr holds other files*' cat purge.log
   expect 3 $'inactive\ninactive' systemctl is-active $service $sockets
