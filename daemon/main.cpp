@@ -54,7 +54,7 @@ void Serve(const Options& options) {
   // Locked first: a daemon that cannot have the store leaves the sockets to the one that has it.
   const StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
-  const Listeners listeners = OpenListeners(options.limits.backlog);
+  const Listeners listeners = OpenListeners();
   Board& board = MapBoard();
   const WorkerContext context{options, listeners.sockets, store_lock, board};
   Supervisor supervisor(board, {.workers = options.workers,

@@ -20,7 +20,7 @@ void EverySecond(RequestHandler& handler, WorkerSlot& slot) {
   slot.client_process = getpid();
   slot.client_user = geteuid();
   try {
-    handler.OnIdle();
+    handler.EverySecond();
   } catch (const std::exception& error) {
     Log(LOG_WARNING, "housekeeping failed: %s", error.what());
   }
@@ -37,10 +37,9 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                           .version = ZELT_VERSION,
                           .audit = options.audit},
                          opened.cache);
-  Server server(context.listeners, options.limits, slot);
-  server.OnIdle([&] { EverySecond(handler, slot); });
+  Server server(context.listeners, {}, slot, context.board.lines);
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
-  server.Serve([&handler](const Peer& peer, const std::string& request) {
-    return handler.Answer(peer, request);
-  });
+  server.Serve(
+      [&](const Peer& peer, const std::string& text) { return handler.Answer(peer, text); },
+      [&] { EverySecond(handler, slot); });
 }

@@ -9,6 +9,7 @@
 
 #include "json_member.h"
 #include "json_text.h"
+#include "message.h"
 #include "request_log.h"
 #include "services.h"
 #include "token_shape.h"
@@ -28,7 +29,7 @@ constexpr std::size_t kMaxValues = 10000;
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
 
-constexpr unsigned int kTurnsBetweenLooks = 60;  // a minute: each look reads a directory
+constexpr unsigned int kSecondsBetweenLooks = 60;  // each look reads a directory
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
@@ -74,10 +75,6 @@ void ExpectSender(Sender expected, const Peer& peer) {
   }
 }
 
-std::chrono::seconds Seconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch());
-}
-
 }  // namespace
 
 struct RequestHandler::Operation {
@@ -121,11 +118,10 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   return answer;
 }
 
-void RequestHandler::OnIdle() {
-  board.refusals.LogHeldBack(Seconds());
+void RequestHandler::EverySecond() {
   if (&slot != board.slots.data()) return;
   store.KeepHouse();
-  if (idle_turns++ % kTurnsBetweenLooks == 0) watch.Look();
+  if (seconds_passed++ % kSecondsBetweenLooks == 0) watch.Look();
 }
 
 const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request) {
@@ -151,6 +147,7 @@ const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request
 
 void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
                             Json::Value& response) {
+  if (text.size() > zeltdaemon::kMaxRequestBytes) throw std::runtime_error("too long");
   if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
   if (!fromString(text, request) || !request.isObject()) {
     throw std::runtime_error("not a JSON object");
@@ -202,7 +199,7 @@ void RequestHandler::Audit(const Peer& peer, const Json::Value& request) const {
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::string& reason) {
   Count(CounterOf(slot.type, slot.refused));
-  if (!board.refusals.MayLog(peer.credential.uid, Seconds())) return;
+  if (peer.lines != nullptr && !peer.lines->Take()) return;
   const bool issues = slot.type == RequestType::kIssue;
   LogRefusal(peer, request,
              issues ? Explain(reason, peer.credential.uid, settings.installed_config)

@@ -36,7 +36,7 @@ class RequestHandler {
 
   /// Does periodic work, most of it only in the worker of the first slot. Call this about once a
   /// second.
-  void OnIdle();
+  void EverySecond();
 
  private:
   struct Operation;
@@ -63,5 +63,5 @@ class RequestHandler {
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
   WriterWatch watch;
-  unsigned int idle_turns = 0;
+  unsigned int seconds_passed = 0;
 };

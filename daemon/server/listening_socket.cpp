@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -21,6 +22,7 @@
 
 #include "environment.h"
 #include "owned_descriptor.h"
+#include "passed_descriptors.h"
 #include "start_error.h"
 #include "unix_address.h"
 
@@ -30,6 +32,10 @@ using ZELT::TokenManager::UnixAddress;
 namespace {
 
 constexpr int kFirstInherited = 3;  // SD_LISTEN_FDS_START, sd_listen_fds(3)
+
+// The kernel's maximum (net.core.somaxconn): clients that do not block in connect(2) fail beyond
+// it.
+constexpr int kBacklog = std::numeric_limits<int>::max();
 
 // The workers of a daemon that was killed take a moment to close its socket.
 constexpr std::chrono::milliseconds kDyingGrace{500};
@@ -107,12 +113,14 @@ std::string NameBeside(const std::string& path) {
 
 // The umask sets the file's mode in bind(2). Before a later chmod(2), another file could be put in
 // its place.
-OwnedDescriptor BindAndListen(const std::string& path, int backlog) {
+OwnedDescriptor BindAndListen(const std::string& path) {
   OwnedDescriptor made = MakeSocket();
+  RefuseDescriptors(made.Get());
   const mode_t mask = umask(S_IXUSR | S_IXGRP | S_IXOTH);
   const int bound = UnixAddress(path).Bind(made.Get());
   umask(mask);
-  if (bound != 0 || listen(made.Get(), backlog) != 0) throw SystemError("cannot listen on " + path);
+  if (bound != 0 || listen(made.Get(), kBacklog) != 0)
+    throw SystemError("cannot listen on " + path);
   return made;
 }
 
@@ -168,9 +176,9 @@ std::vector<int> InheritedSockets() {
   return sockets;
 }
 
-int ListenAt(const std::string& path, int backlog) {
+int ListenAt(const std::string& path) {
   TemporaryFile beside(NameBeside(path));
-  OwnedDescriptor listener = BindAndListen(beside.path, backlog);
+  OwnedDescriptor listener = BindAndListen(beside.path);
   while (!MoveTo(path, beside)) {
   }
   return listener.Release();

@@ -13,7 +13,7 @@ std::vector<int> InheritedSockets();
 /// The socket is bound beside `path` and renamed, so that there is always a socket at the path.
 /// Replaces a socket of the same user that nobody serves. Throws `std::runtime_error` if the socket
 /// is served, if a file of another user or type is at the path, and if a system call fails.
-int ListenAt(const std::string& path, int backlog);
+int ListenAt(const std::string& path);
 
 /// Returns the path of a socket that was passed on.
 std::string AddressOf(int socket);
