@@ -48,6 +48,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
          "method":"get","runner":"alice"}')");
     AddIssue();
     AddValidate();
+    AddInspect();
     AddRevoke();
     AddTransfer();
     AddCommand("run", "Run a command with a token, then revoke the token:", Run);
@@ -64,6 +65,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     std::reverse(words.begin(), words.end());  // CLI11 expects the last word first
     app.parse(words);
     // CLI11 leaves the words after the operands.
+    if (invocation.command == Validate) TakePayloads(words);
     if (!words.empty()) after.parse(words);
   }
 
@@ -138,12 +140,26 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   void AddValidate() {
-    CLI::App* validate = Add("validate", "Check whether a token permits an operation",
+    CLI::App* validate = Add("validate", "Check whether a token permits operations",
                              R"(zelttoken validate taskmanager @token
          '{"action":"read","args":{"task":"backup_1","owner":"alice"}}')",
                              Validate);
     AddToken(validate);
-    AddPayload(validate);
+    const auto read = [this](const std::string& word) { arguments.payloads.push_back(word); };
+    validate->add_option_function<std::string>("PAYLOAD", read, "JSON, @FILE or -, up to 256 times")
+        ->required();
+  }
+
+  // CLI11 would read a JSON array among several payloads as a list of them.
+  void TakePayloads(std::vector<std::string>& words) {
+    for (; !words.empty() && !words.back().starts_with("--"); words.pop_back()) {
+      arguments.payloads.push_back(words.back());
+    }
+  }
+
+  void AddInspect() {
+    AddToken(
+        Add("inspect", "Show what a token permits", "zelttoken inspect fastapi @token", Inspect));
   }
 
   void AddRevoke() {

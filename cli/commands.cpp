@@ -1,5 +1,7 @@
 #include "commands.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <iostream>
 #include <string_view>
@@ -7,6 +9,8 @@
 
 #include "daemon.h"
 #include "input.h"
+#include "json_member.h"
+#include "report.h"
 #include "run.h"
 #include "zelttokenmanager/utils.h"
 
@@ -18,7 +22,7 @@ namespace {
 Failure Explain(const std::string& error) {
   const auto is = [&error](std::string_view where) { return error.starts_with(where); };
   const std::string cause = " (" + error + ")";
-  if (is("utils.cpp:89") || is("utils.cpp:108")) {
+  if (is("utils.cpp:89") || is("utils.cpp:108") || is("utils.cpp:110")) {
     return {kRefused, "the daemon refused" + cause + kReasonInLog};
   }
   return is("utils.cpp:62") ? Unreachable(cause) : BrokenExchange(cause);
@@ -69,6 +73,43 @@ void RevokePatiently(const std::string& service, const std::string& token) {
   }
 }
 
+void ExpectOneStandardInput(const Arguments& arguments) {
+  const auto from_input = std::count(arguments.payloads.begin(), arguments.payloads.end(), "-") +
+                          (arguments.token == "-" ? 1 : 0);
+  if (from_input > 1) {
+    throw Failure(kUsage, "only one of TOKEN and PAYLOAD can be standard input");
+  }
+}
+
+Result ValidateOne(const std::string& service, const std::string& token,
+                   const Json::Value& payload) {
+  const bool permitted = Ask([&] { return SendValidateRequest(service, token, payload); });
+  Result result{.text = permitted ? "permitted" : "not permitted",
+                .value = {},
+                .exit_code = permitted ? 0 : kRefused};
+  result.value["permitted"] = permitted;
+  return result;
+}
+
+void Add(Verdict verdict, Result& result) {
+  constexpr std::array kTexts{"not permitted", "permitted", "malformed payload"};
+  result.text +=
+      (result.text.empty() ? "" : "\n") + std::string(kTexts.at(static_cast<std::size_t>(verdict)));
+  const bool permitted = verdict == Verdict::kPermitted;
+  result.value["permitted"].append(verdict == Verdict::kMalformed ? Json::Value() : permitted);
+  if (!permitted) result.exit_code = kRefused;
+}
+
+Result ValidateMany(const std::string& service, const std::string& token,
+                    const std::vector<Json::Value>& payloads) {
+  Result result;
+  for (const Verdict verdict :
+       Ask([&] { return SendValidateManyRequest(service, token, payloads); })) {
+    Add(verdict, result);
+  }
+  return result;
+}
+
 void TransferToken(const std::string& service, const std::string& token, int pid) {
   Demand(Ask([&] { return SendTransferRequest(service, token, pid); }), "transfer");
 }
@@ -94,18 +135,22 @@ void RevokeIssued(const Arguments& arguments, const Result& issued) {
 }
 
 Result Validate(const Arguments& arguments) {
-  if (arguments.token == "-" && arguments.payload == "-") {
-    throw Failure(kUsage, "only one of TOKEN and PAYLOAD can be standard input");
-  }
-  const Json::Value payload = ReadPayload(arguments.payload);
+  ExpectOneStandardInput(arguments);
+  std::vector<Json::Value> payloads;
+  for (const std::string& payload : arguments.payloads) payloads.push_back(ReadPayload(payload));
   const std::string token = ReadToken(arguments.token);
-  const bool permitted =
-      Ask([&] { return SendValidateRequest(arguments.service, token, payload); });
-  Result result{.text = permitted ? "permitted" : "not permitted",
-                .value = {},
-                .exit_code = permitted ? 0 : kRefused};
-  result.value["permitted"] = permitted;
-  return result;
+  return payloads.size() == 1 ? ValidateOne(arguments.service, token, payloads.front())
+                              : ValidateMany(arguments.service, token, payloads);
+}
+
+Result Inspect(const Arguments& arguments) {
+  Json::Value request;
+  request["type"] = "inspect";
+  request["service"] = arguments.service;
+  request["token"] = ReadToken(arguments.token);
+  const Json::Value response = SendToDaemon(request);
+  Demand(TruthOf(MemberOrNull(response, "success")), "inspect");
+  return {.text = TokenReport(response), .value = response};
 }
 
 Result Revoke(const Arguments& arguments) {

@@ -12,6 +12,7 @@ struct Arguments {
   std::string service;
   std::string token;
   std::string payload;
+  std::vector<std::string> payloads;  ///< of validate
   int pid = 0;
   int owner = 0;  ///< 0: not given
   std::vector<std::string> command;
@@ -33,6 +34,7 @@ using Command = Result (*)(const Arguments&);
 
 Result Issue(const Arguments& arguments);
 Result Validate(const Arguments& arguments);
+Result Inspect(const Arguments& arguments);
 Result Revoke(const Arguments& arguments);
 Result Transfer(const Arguments& arguments);
 Result Run(const Arguments& arguments);

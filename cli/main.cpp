@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "json_text.h"
+#include "standard_descriptors.h"
 
 namespace {
 
@@ -55,6 +56,7 @@ int Execute(const Invocation& invocation) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ZELT::TokenManager::OpenStandardDescriptors();
   Invocation invocation;
   try {
     ReadCommandLine({argv + 1, argv + argc}, invocation);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "json_member.h"
+#include "json_text.h"
 
 using namespace ZELT::TokenManager;
 
@@ -181,6 +182,23 @@ std::string TokenTable(const Json::Value& tokens) {
                      TruthOf(MemberOrNull(token, "alive")) ? "alive" : "orphan",
                      Duration(MemberOrNull(token, "age")), Cell(token, "grants")});
   }
+  return Table(lines);
+}
+
+std::string TokenReport(const Json::Value& token) {
+  const Json::Value& expires_in = MemberOrNull(token, "expires_in");
+  std::vector<Line> lines{
+      {"requester", Cell(token, "requester")},
+      {"owner", TruthOf(MemberOrNull(token, "alive")) ? "alive" : "ended"},
+      {"age", Duration(MemberOrNull(token, "age"))},
+      {"expires", expires_in.isNull() ? "never" : "in " + Duration(expires_in)},
+  };
+  const auto add = [&lines](const Json::Value& grant) {
+    lines.push_back({"grant", Printable(toString(grant))});
+  };
+  const Json::Value& payload = MemberOrNull(token, "payload");
+  if (!payload.isArray()) add(payload);
+  if (payload.isArray()) std::for_each(payload.begin(), payload.end(), add);
   return Table(lines);
 }
 

@@ -1,4 +1,4 @@
-// The daemon's responses to administrators, as text.
+// The daemon's responses, as text.
 #pragma once
 
 #include <json/value.h>
@@ -7,6 +7,9 @@
 
 /// Returns a table with a line for each of the `tokens` of a "list" response.
 std::string TokenTable(const Json::Value& tokens);
+
+/// Returns an "inspect" response as a table, with a line for each grant.
+std::string TokenReport(const Json::Value& token);
 
 /// Returns a "status" response as tables.
 std::string StatusReport(const Json::Value& status);

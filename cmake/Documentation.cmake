@@ -3,10 +3,18 @@
 find_program(SCDOC scdoc)
 find_program(GZIP gzip)
 if(SCDOC AND GZIP)
-  foreach(page zelttoken.1 zelttokenmanager.3 zelttoken-files.5 zelttokenmgrd.8)
+  foreach(page zelttoken.1 zelttoken.3 zelttokenmanager.3 zelttoken-files.5 zelttokenmgrd.8)
     string(REGEX MATCH "[0-9]$" section ${page})
     set(source ${PROJECT_SOURCE_DIR}/docs/man/${page}.scd)
     set(example ${PROJECT_SOURCE_DIR}/examples/package.cpp)
+    if(page STREQUAL zelttoken.3)
+      set(component c_development)
+      set(example ${PROJECT_SOURCE_DIR}/examples/client.c)
+    elseif(section EQUAL 3)
+      set(component development)
+    else()
+      set(component daemon)
+    endif()
     # The line @EXAMPLE@ is replaced by the example's text, so that the two never differ. scdoc
     # treats a backslash as an escape.
     add_custom_command(OUTPUT ${page}.gz
@@ -15,11 +23,6 @@ if(SCDOC AND GZIP)
       COMMAND ${GZIP} -n9 -f ${page}
       DEPENDS ${source} ${example} VERBATIM)
     list(APPEND man_pages ${PROJECT_BINARY_DIR}/${page}.gz)
-    if(section EQUAL 3)
-      set(component development)
-    else()
-      set(component daemon)
-    endif()
     install(FILES ${PROJECT_BINARY_DIR}/${page}.gz
       DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
   endforeach()

@@ -1,5 +1,5 @@
-# Installation in three components: the library, the files needed to build programs with it, and the
-# daemon with its command line.
+# Installation in components: the library, the files needed to build programs with it, the same for
+# C, and the daemon with its command line.
 include(CMakePackageConfigHelpers)
 
 add_library(ZELT::TokenManager ALIAS zelttokenmanager)
@@ -8,6 +8,8 @@ target_compile_features(zelttokenmanager INTERFACE cxx_std_17)
 
 install(TARGETS zelttokenmanager EXPORT zelttokenmanagerTargets
   LIBRARY COMPONENT library NAMELINK_COMPONENT development)
+install(TARGETS zelttoken_c
+  LIBRARY COMPONENT c_library NAMELINK_COMPONENT c_development)
 install(TARGETS zelttoken RUNTIME COMPONENT daemon)
 install(TARGETS zelttokenmgrd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT daemon)
 
@@ -20,6 +22,7 @@ write_basic_package_version_file(zelttokenmanagerConfigVersion.cmake
 file(RELATIVE_PATH pc_to_prefix
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/zelttokenmanager.pc.in zelttokenmanager.pc @ONLY)
+configure_file(cmake/zelttoken.pc.in zelttoken.pc @ONLY)
 
 install(EXPORT zelttokenmanagerTargets NAMESPACE ZELT:: DESTINATION ${config_dir}
   COMPONENT development)
@@ -28,10 +31,16 @@ install(FILES ${PROJECT_BINARY_DIR}/zelttokenmanagerConfig.cmake
   DESTINATION ${config_dir} COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/zelttokenmanager.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/zelttoken.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT c_development)
+install(FILES include/zelttoken.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT c_development)
 install(DIRECTORY include/zelttokenmanager DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development)
 install(DIRECTORY examples
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelttokenmanager-dev COMPONENT development)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelttokenmanager-dev COMPONENT development
+  PATTERN *.c EXCLUDE)
+install(FILES examples/client.c
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libzelttoken-dev/examples COMPONENT c_development)
 
 # For administrators.
 configure_file(packaging/zelttokenmgrd.service.in zelttokenmgrd.service @ONLY)

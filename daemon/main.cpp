@@ -4,9 +4,10 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include <cstdlib>
-#include <exception>
+#include <algorithm>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "check.h"
 #include "child.h"
@@ -14,9 +15,10 @@
 #include "log.h"
 #include "open_store.h"
 #include "options.h"
-#include "start_error.h"
+#include "standard_descriptors.h"
 #include "supervisor.h"
 #include "worker.h"
+#include "writers.h"
 
 namespace {
 
@@ -50,10 +52,20 @@ void TryStore(const StoreOptions& options, const StoreLock& lock) {
   });
 }
 
+// Whoever may write to these files can grant themselves anything.
+void WarnOfWriters(const std::string& installed_config) {
+  constexpr std::size_t kMostLines = 10;  // --check prints all
+  const std::vector<std::string> lines = ForeignWriters(installed_config);
+  for (std::size_t i = 0; i < std::min(lines.size(), kMostLines); ++i) {
+    Log(LOG_WARNING, "%s", lines[i].c_str());
+  }
+}
+
 void Serve(const Options& options) {
   // Locked first: a daemon that cannot have the store leaves the sockets to the one that has it.
   const StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
+  WarnOfWriters(options.installed_config);
   const Listeners listeners = OpenListeners();
   Board& board = MapBoard();
   const WorkerContext context{options, listeners.sockets, store_lock, board};
@@ -65,25 +77,19 @@ void Serve(const Options& options) {
   supervisor.Run();
 }
 
-int Report(const std::exception& error, int status, const Options& options) {
-  Log(LOG_ERR, "%s", error.what());
-  if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error.what() << '\n';
-  return status;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
+  ZELT::TokenManager::OpenStandardDescriptors();
   const Options options = ParseOptions(argc, argv);
   if (options.check) return Check(options);
   PrepareProcess(options);
-  try {
+  const auto serve = [&] {
     Serve(options);
     Log(LOG_NOTICE, "stopped");
-    return EXIT_SUCCESS;
-  } catch (const StartError& error) {
-    return Report(error, error.status, options);
-  } catch (const std::exception& error) {
-    return Report(error, EXIT_FAILURE, options);
-  }
+  };
+  return ExitStatusOf(serve, [&](const char* error) {
+    Log(LOG_ERR, "%s", error);
+    if (!options.log_to_stderr) std::cerr << "zelttokenmgrd: " << error << '\n';
+  });
 }

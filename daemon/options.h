@@ -15,7 +15,7 @@ struct CheckOptions {
 };
 
 struct Options {
-  std::string installed_config = "/var/lib/zelttokenmgr/installed";
+  std::string installed_config = "/etc/zelttokenmgr/installed";
   StoreOptions store;
   unsigned int workers = 1;  ///< processes that serve
   std::chrono::seconds request_timeout{5};

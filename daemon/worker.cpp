@@ -1,5 +1,7 @@
 #include "worker.h"
 
+#include <grp.h>
+#include <pwd.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -27,9 +29,19 @@ void EverySecond(RequestHandler& handler, WorkerSlot& slot) {
   slot.activity = Activity::kIdle;
 }
 
+// The first look-up loads what glibc needs for it, and crashes if there is no memory for that. Here
+// it costs no request.
+void LoadUserDatabase() {
+  int groups = 0;
+  getpwuid(geteuid());
+  getgrgid(getegid());
+  getgrouplist("root", 0, nullptr, &groups);
+}
+
 }  // namespace
 
 void Work(const WorkerContext& context, WorkerSlot& slot) {
+  LoadUserDatabase();
   const Options& options = context.options;
   const OpenedStore opened = OpenStore(options.store, context.store_lock, slot);
   RequestHandler handler(*opened.store, context.board, slot,
@@ -39,6 +51,7 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                          opened.cache);
   Server server(context.listeners, {}, slot, context.board.lines);
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
+  slot.activity = Activity::kIdle;
   server.Serve(
       [&](const Peer& peer, const std::string& text) { return handler.Answer(peer, text); },
       [&] { EverySecond(handler, slot); });

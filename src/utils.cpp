@@ -13,19 +13,10 @@ namespace {
 
 constexpr char kGroupMark = '@';
 
-// Returns false also for a request that JSON text cannot express.
-bool Send(DaemonConnection& connection, const Json::Value& request) {
-  try {
-    return connection.Send(toString(request));
-  } catch (const std::runtime_error&) {
-    return false;
-  }
-}
-
 Json::Value SendRequest(const Json::Value& request) {
   const auto connection = ConnectToDaemon();
   if (!connection) throw std::runtime_error("utils.cpp:62 failed to access domain socket");
-  if (!Send(*connection, request)) {
+  if (!connection->Send(toString(request))) {
     throw std::runtime_error("utils.cpp:65 failed to send request");
   }
   std::string text;
@@ -51,7 +42,23 @@ Json::Value MakeRequest(const char* type, const std::string& service, const std:
   return request;
 }
 
+Json::Value MakeManyRequest(const std::string& service, const std::string& token,
+                            const std::vector<Json::Value>& payloads) {
+  Json::Value request(Json::objectValue);
+  request[Json::StaticString("type")] = "validate_many";
+  request[Json::StaticString("service")] = service;
+  request[Json::StaticString("token")] = token;
+  Json::Value& wanted = request[Json::StaticString("payloads")] = Json::arrayValue;
+  for (const Json::Value& payload : payloads) wanted.append(payload);
+  return request;
+}
+
 bool Succeeded(const Json::Value& response) { return TruthOf(MemberOrNull(response, "success")); }
+
+Verdict VerdictOf(const Json::Value& permitted) {
+  if (!permitted.isBool()) return Verdict::kMalformed;
+  return permitted.asBool() ? Verdict::kPermitted : Verdict::kNotPermitted;
+}
 
 bool IsGroup(std::string_view identity) { return identity.starts_with(kGroupMark); }
 
@@ -82,6 +89,18 @@ bool SendValidateRequest(const std::string& service, const std::string& token,
     throw std::runtime_error("utils.cpp:108 token manager cannot validate token");
   }
   return TruthOf(MemberOrNull(response, "permitted"));
+}
+
+std::vector<Verdict> SendValidateManyRequest(const std::string& service, const std::string& token,
+                                             const std::vector<Json::Value>& payloads) {
+  const Json::Value response = SendRequest(MakeManyRequest(service, token, payloads));
+  const Json::Value& permitted = MemberOrNull(response, "permitted");
+  if (!Succeeded(response) || !permitted.isArray() || permitted.size() != payloads.size()) {
+    throw std::runtime_error("utils.cpp:110 token manager cannot validate the payloads");
+  }
+  std::vector<Verdict> verdicts;
+  for (const Json::Value& verdict : permitted) verdicts.push_back(VerdictOf(verdict));
+  return verdicts;
 }
 
 bool SendRevokeRequest(const std::string& service, const std::string& token) {

@@ -10,7 +10,7 @@ cd "$1"
 # syslog(3) are written out as they will appear. Help texts are not included.
 # shellcheck disable=SC2016 # Perl's variables
 literals() {
-  find src common daemon cli -name '*.cpp' -o -name '*.h' | LC_ALL=C sort | xargs perl -0777 -ne '
+  find src common daemon cli c -name '*.cpp' -o -name '*.h' | LC_ALL=C sort | xargs perl -0777 -ne '
     (my $file = $ARGV) =~ s{^src/}{};
     my $holds_help = $file =~ /(options|command_line|report)\.cpp$/;
     s{(?<!:)//[^\n]*|^\#.*$}{}gm;
@@ -38,7 +38,7 @@ rows() {
     tr -d '`' | sed -E 's/<[^>]+>/<>/g' | LC_ALL=C sort -u
 }
 
-raised=$(literals | grep -vxF -e 'last id' -e 'Zelt token store 1' -e 'not permitted' -e after)
+raised=$(literals | grep -vxF -e 'last id' -e 'Zelt token store 1' -e 'not permitted' -e 'malformed payload' -e after)
 documented=$(rows)
 undocumented=$(while read -r text; do
   grep -qF -- "$text" <<<"$documented" || echo "$text"

@@ -8,15 +8,27 @@ namespace ZELT::LogTests {
 
 using LogTest = PrivateFiles;
 
+std::string Repeated(const std::string& text, int times) {
+  std::string all;
+  while (times-- > 0) all += text;
+  return all;
+}
+
 const std::pair<std::string, std::string> kTexts[] = {
     {"plain \\ ä€😀 text", "plain \\ ä€😀 text"},
     {"a\nb\tc\x1b[2J\x7f", "a\\u000ab\\u0009c\\u001b[2J\\u007f"},
     {"\u0080\u009b\u009f\u00a0", "\\u0080\\u009b\\u009f\u00a0"},
     {"\u202e\u2066\u2069\u200f\u061c\u2028", "\\u202e\\u2066\\u2069\\u200f\\u061c\\u2028"},
     {"\x9b \xc3 \xe2\x82 \xff", "\\x9b \\xc3 \\xe2\\x82 \\xff"},
+    // Noncharacters, and what is encoded too long, is a surrogate or is too large.
+    {"\ufffe\uffff\ufdd0\U0010fffe\ufffd", "\\ufffe\\uffff\\ufdd0\\U0010fffe\ufffd"},
+    {"\xc0\x80 \xe0\x9f\xbf", "\\xc0\\x80 \\xe0\\x9f\\xbf"},
+    {"\xed\xa0\x80 \xf4\x90\x80\x80", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},
+    {"\u200b\ufeff\u2064\U000e0041\u00ad", "\\u200b\\ufeff\\u2064\\U000e0041\\u00ad"},
+    {std::string(2047, '\x80'), Repeated("\\x80", 512)},
 };
 
-TEST_F(LogTest, WhatATerminalObeysIsEscaped) {
+TEST_F(LogTest, WhatAJournalDoesNotPrintIsEscaped) {
   for (const auto& row : kTexts) {
     EXPECT_EQ(Logged([&] { Log(LOG_INFO, "%s", row.first.c_str()); }), row.second + "\n");
   }

@@ -34,7 +34,7 @@ struct Daemon {
 
   std::string InChange(const Peer& peer, const std::function<void(TokenStore&)>& use) const {
     return Outcome([&] {
-      Change change(*opened.store, peer);
+      StoreChange change(*opened.store, peer);
       use(*opened.store);
       change.Commit();
     });
@@ -68,8 +68,8 @@ struct Daemon {
 
   std::string Ids(const TokenFilter& filter = {}) const {
     std::string ids;
-    for (const Json::Value& row : opened.store->List(filter, 0).rows) {
-      ids += row["id"].asString() + ",";
+    for (const TokenRow& row : opened.store->List(filter, 0).rows) {
+      ids += std::to_string(row.id) + ",";
     }
     return ids;
   }
@@ -101,7 +101,7 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
     TokenStore& store = *daemon.opened.store;
     EXPECT_EQ(store.ChangedId(), 3U);
     for (const bool reinserted : {false, true}) {
-      const Change change(store, From(kAlice));
+      const StoreChange change(store, From(kAlice));
       Json::Value data = store.GetAssociatedData("a");
       data["pid"] = getppid();
       store.Remove("a");
@@ -146,7 +146,7 @@ TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
   EXPECT_EQ(daemon.Revoke("a", early), kStranger);
   EXPECT_EQ(daemon.Ids({.user = kAlice}), "1,");  // the user who asked for it, and the id, stay
   EXPECT_EQ(daemon.Pid("a"), std::to_string(other));
-  EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0]["pid"], other);
+  EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0].pid, other);
   EXPECT_EQ(daemon.Ids({.orphans = true}), "");
   EndProcess(other);
   EXPECT_EQ(daemon.Ids({.orphans = true}), "1,");
@@ -203,7 +203,7 @@ TEST_F(StoreTest, LimitsTokensAndEachUsersShare) {
   while (token.size() < 100 && daemon.Issue(token, From(kAlice), large) == "done") token += "t";
   EXPECT_EQ(token.size(), 9U);  // after 8 of 15 pages each, in a quarter of 512 pages
   EXPECT_EQ(daemon.Issue("c", From(kBob), large), "done");
-  EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0]["grants"], 1U);
+  EXPECT_EQ(daemon.opened.store->Inspect("c").payload.asString().size(), 60'000U);
 }
 
 TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
@@ -215,16 +215,16 @@ TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
     daemon.Issue("b", From(kAlice, dead));
     EndProcess(dead);
     EXPECT_NE(daemon.Pid("b"), kUnknown);  // an orphan that nobody has noted yet
-    daemon.opened.store->KeepHouse();
+    daemon.opened.store->EverySecond();
     EXPECT_EQ(daemon.Pid("b"), kUnknown);
-    daemon.opened.store->KeepHouse();
+    daemon.opened.store->EverySecond();
     EXPECT_EQ(daemon.Ids(), "1,");
   }
   const Daemon daemon({.path = kPath, .tokens_per_user = 1, .max_age = soon});
   EXPECT_EQ(daemon.Pid("a"), kUnknown);
   EXPECT_EQ(daemon.Issue("c"), "done") << "in the place of the old one";
   EXPECT_EQ(daemon.opened.store->GetStatistics()["tokens"], 1U);
-  daemon.opened.store->KeepHouse();
+  daemon.opened.store->EverySecond();
   EXPECT_EQ(daemon.opened.store->GetStatistics()["tokens"], 0U);
 }
 

@@ -21,6 +21,7 @@ struct FakeService : TokenService {
     return privilege;
   }
   bool Validate(const Json::Value& request, const Json::Value& data) override {
+    if (request["payload"] == "refuse") throw std::runtime_error("refused");
     return request["payload"] == data["payload"];
   }
 };
@@ -33,7 +34,7 @@ struct World {
   }
 
   template <typename Operation>
-  std::string Call(Operation operation, const Json::Value& request, ucred peer = {41, 4001, 0}) {
+  std::string Call(Operation operation, Json::Value request, ucred peer = {41, 4001, 0}) {
     const std::string before = ReadFile(kStore);
     response["success"] = "stale";
     const std::string error = Outcome([&] { (manager.*operation)(peer, request, response); });
@@ -83,6 +84,7 @@ TEST_F(TokenManagerTest, MeetsTheChecksOfRequestsInOrder) {
     });
   };
   check("validates", &TokenManager::ValidateToken);
+  check("validates many", &TokenManager::ValidateMany);
   check("revokes", &TokenManager::RevokeToken);
   check("transfers", &TokenManager::TransferToken);
 }
@@ -90,7 +92,7 @@ TEST_F(TokenManagerTest, MeetsTheChecksOfRequestsInOrder) {
 TEST_F(TokenManagerTest, MeetsTheChecksOfAnIssueInOrder) {
   for (const char* package : {"alice", "bob", "any"}) fs::create_directory(kPackages / package);
   WriteFile("/tmp/installed/alice", "{}");
-  WriteFile("/tmp/installed/any", "{} trailing");
+  WriteFile("/tmp/installed/any", "{");
   const auto issue = [](const Json::Value& request, const Json::Value& user) {
     return World().Call(&TokenManager::IssueToken, request, {41, user.asUInt(), 0});
   };
@@ -118,7 +120,7 @@ TEST_F(TokenManagerTest, FindsThePackageThatRunsAsTheUser) {
   for (const Cells& row : Section("token_manager.txt", "packages")) {
     EXPECT_EQ(PackageOfAlice(row.at(0), row.at(1)), row.at(2)) << row[0] << row[1];
   }
-  const std::string long_text = R"({"username":"bob"})" + std::string(64 << 10, ' ');
+  const std::string long_text = R"({"username":"bob"})" + std::string(kMaxFileBytes, ' ');
   EXPECT_EQ(PackageOfAlice("alice/conf/privilege", long_text), R"("alice")");
 }
 

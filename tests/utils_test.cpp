@@ -15,9 +15,18 @@ TEST_F(UtilsTest, PermittedListsAdmitUsersAndGroups) {
   CheckSection("utils.txt", "permitted lists", is_in);
 }
 
+std::string SendMany() {
+  std::string verdicts;
+  for (const Verdict verdict : SendValidateManyRequest("s", "t", {Value("{}"), Value("[1]"), 2})) {
+    verdicts += std::to_string(static_cast<int>(verdict));
+  }
+  return verdicts;
+}
+
 std::string Send(const std::string& type) {
   return Outcome([&]() -> Json::Value {
     if (type == "issue") return SendIssueRequest("s", Value("{'a':[1]}"));
+    if (type == "many") return SendMany();
     if (type == "validate") return SendValidateRequest("s", "t", Value("['\xc3\xa4\\n']"));
     return type == "revoke" ? SendRevokeRequest("s", "t") : SendTransferRequest("s", "t", 77);
   });
@@ -37,10 +46,8 @@ TEST_F(UtilsTest, NeedADaemonARequestThatCanBeSentAndASocket) {
   const long descriptors = OpenDescriptors();
   EXPECT_EQ(Send("issue"), "utils.cpp:62 failed to access domain socket");
   const OwnedDescriptor daemon = ListenAt(kSecondSocketPath);
-  for (const std::string& token : {std::string(2 << 20, 'x'), std::string("\xff")}) {
-    EXPECT_EQ(Outcome([&] { SendRevokeRequest("s", token); }),
-              "utils.cpp:65 failed to send request");
-  }
+  EXPECT_EQ(Outcome([] { SendRevokeRequest("s", std::string(2 << 20, 'x')); }),
+            "utils.cpp:65 failed to send request");
   EXPECT_EQ(Outcome([] { GetPeerCredential(-1); }), "utils.cpp:149 failed to get peer credential");
   EXPECT_EQ(OpenDescriptors(), descriptors + 1);
 }

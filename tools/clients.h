@@ -156,7 +156,7 @@ inline void Prepare() {
   board->pause = kPause;
   for (const char* user : {"alice", "bob", "any", "carol", "root"}) {
     WriteFile(std::string("/var/packages/") + user, "");
-    WriteFile(std::string("/var/lib/zelttokenmgr/installed/") + user,
+    WriteFile(std::string("/etc/zelttokenmgr/installed/") + user,
               Requoted("{'fastapi':[{'api':'Demo.Item','method':'get','runner':'any'}]}"));
   }
 }

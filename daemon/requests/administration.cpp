@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "process.h"
+#include "user_limits.h"
 #include "users.h"
 
 namespace {
@@ -58,8 +60,40 @@ TokenFilter Filter(const Json::Value& request) {
   return filter;
 }
 
-void SetNext(const Page& page, Json::Value& response) {
-  if (page.next) response["next"] = Json::UInt64{*page.next};
+void SetNext(const std::optional<std::uint64_t>& next, Json::Value& response) {
+  if (next) response["next"] = Json::UInt64{*next};
+}
+
+Json::Value Formatted(const TokenRow& token) {
+  Json::Value row;
+  row["id"] = Json::UInt64{token.id};
+  row["service"] = token.service;
+  row["requester"] = token.requester;
+  row["uid"] = token.uid;
+  row["pid"] = token.pid;
+  row["owner"] = token.alive ? ProcessName(token.pid) : "";
+  row["alive"] = token.alive;
+  row["age"] = Json::Int64{token.age.count()};
+  if (token.expires_in) row["expires_in"] = Json::Int64{token.expires_in->count()};
+  row["grants"] = GrantCount(token.payload);
+  return row;
+}
+
+Json::Value Formatted(const UsageRow& usage) {
+  Json::Value row;
+  row["uid"] = usage.uid;
+  row["user"] = UserName(usage.uid);
+  row["service"] = usage.service;
+  row["tokens"] = Json::UInt64{usage.tokens};
+  row["bytes"] = Json::UInt64{usage.bytes};
+  return row;
+}
+
+template <typename Row>
+Json::Value Formatted(const std::vector<Row>& rows) {
+  Json::Value formatted(Json::arrayValue);
+  for (const Row& row : rows) formatted.append(Formatted(row));
+  return formatted;
 }
 
 // Returns the sum of a counter over all workers.
@@ -98,10 +132,6 @@ Json::Value ServiceTimes(const Board& board) {
   return times;
 }
 
-void AddUserNames(Json::Value& rows) {
-  for (Json::Value& row : rows) row["user"] = UserName(row["uid"].asUInt());
-}
-
 }  // namespace
 
 bool Administration::IsAdministrator(const Peer& peer) {
@@ -109,26 +139,25 @@ bool Administration::IsAdministrator(const Peer& peer) {
 }
 
 void Administration::List(const Json::Value& request, Json::Value& response) {
-  Page page = store.List(Filter(request), After(request));
-  response["tokens"] = std::move(page.rows);
-  SetNext(page, response);
+  const Page<TokenRow> page = store.List(Filter(request), After(request));
+  response["tokens"] = Formatted(page.rows);
+  SetNext(page.next, response);
 }
 
-Json::Value Administration::Drop(const Json::Value& request, Json::Value& response) {
+std::vector<TokenRow> Administration::Drop(const Json::Value& request, Json::Value& response) {
   TokenFilter filter = Filter(request);
   filter.ids = Ids(request);
   const bool limited =
       filter.user || !filter.service.empty() || filter.orphans || !filter.ids.empty();
   if (!limited && !Flag(request, "all")) throw std::runtime_error("no condition and no \"all\"");
-  Page page = store.Drop(filter, After(request));
-  response["dropped"] = page.rows.size();
-  SetNext(page, response);
+  Page<TokenRow> page = store.Drop(filter, After(request));
+  response["dropped"] = Json::UInt64{page.rows.size()};
+  SetNext(page.next, response);
   return std::move(page.rows);
 }
 
 void Administration::Status(const Json::Value& request, Json::Value& response) {
-  Page page = store.Usage(After(request));
-  AddUserNames(page.rows);
+  const Page<UsageRow> page = store.Usage(After(request));
   const std::chrono::nanoseconds uptime =
       std::chrono::steady_clock::now().time_since_epoch() - std::chrono::nanoseconds(board.started);
   response["version"] = version;
@@ -138,6 +167,6 @@ void Administration::Status(const Json::Value& request, Json::Value& response) {
   response["requests"] = Requests(board);
   response["service_times"] = ServiceTimes(board);
   response["store"] = store.GetStatistics();
-  response["usage"] = std::move(page.rows);
-  SetNext(page, response);
+  response["usage"] = Formatted(page.rows);
+  SetNext(page.next, response);
 }

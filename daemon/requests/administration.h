@@ -4,6 +4,7 @@
 #include <json/value.h>
 
 #include <string>
+#include <vector>
 
 #include "board.h"
 #include "peer.h"
@@ -24,8 +25,8 @@ class Administration {
   void List(const Json::Value& request, Json::Value& response);
 
   /// Request: as for List, and "ids"; without any condition, "all" must be true. Response:
-  /// "dropped" and "next". Returns what was dropped, as rows of `TokenStore::List`.
-  Json::Value Drop(const Json::Value& request, Json::Value& response);
+  /// "dropped" and "next". Returns what was dropped. Part of a change of the store.
+  std::vector<TokenRow> Drop(const Json::Value& request, Json::Value& response);
 
   /// Request: "after". Response: the counters of all workers, the size of the store, and "usage",
   /// which comes in pages.

@@ -15,8 +15,10 @@
 #include "json_text.h"
 #include "packages.h"
 #include "services.h"
+#include "strict_json.h"
 #include "user_limits.h"
 #include "users.h"
+#include "writers.h"
 #include "zelttokenmanager/utils.h"
 
 using namespace ZELT::TokenManager;
@@ -63,12 +65,7 @@ void CheckPackages(Findings& findings) {
             [](const Package& a, const Package& b) { return a.directory < b.directory; });
   Claims names("package");
   Claims users("user");
-  findings.Add(kPackages, ForeignWriter(kPackages));
   for (const Package& package : packages) {
-    for (const std::string& path :
-         {package.directory, package.directory + "/conf", package.privilege}) {
-      findings.Add(path, ForeignWriter(path));
-    }
     findings.Add(package.privilege, package.problem);
     findings.Add(package.directory, names.Claim(package.name, package.directory));
     findings.Add(package.directory, users.Claim(package.user, package.directory));
@@ -137,10 +134,8 @@ void CheckConfigurations(const std::string& directory, Findings& findings) {
     const ServiceCheck check(service);
     checks.emplace(check.Name(), check);
   }
-  findings.Add(directory, ForeignWriter(directory));
   for (const std::string& file : ListFiles(directory)) {
     Json::Value configuration;
-    findings.Add(file, ForeignWriter(file));
     findings.Add(file, ReadConfiguration(file, configuration));
     if (!configuration.isObject()) continue;
     for (const std::string& service : configuration.getMemberNames()) {
@@ -180,6 +175,7 @@ Json::Value WouldGrant(const std::string& installed_config, uid_t uid, const Jso
 
 int CheckFiles(const std::string& installed_config, std::ostream& output) {
   Findings findings(output);
+  for (const std::string& line : ForeignWriters(installed_config)) findings.Add(line);
   try {
     CheckPackages(findings);
   } catch (const std::runtime_error& unreadable) {
@@ -197,7 +193,7 @@ int CheckIssue(const std::string& installed_config, const std::string& user,
                const std::string& service, const std::string& payload, std::ostream& output) {
   Json::Value request;
   request["service"] = service;
-  if (!fromString(payload, request["payload"])) {
+  if (!ReadStrictJson(payload, request["payload"])) {
     output << "the payload is not JSON\n";
     return EX_USAGE;
   }

@@ -1,20 +1,17 @@
 #include "configuration.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
-#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
-#include "daemon_socket.h"
 #include "json_member.h"
 #include "json_text.h"
-#include "log.h"
 #include "owned_descriptor.h"
 #include "packages.h"
 #include "users.h"
@@ -29,22 +26,20 @@ constexpr std::size_t kNamedCauses = 3;  // more would only make the line longer
 std::string SystemText(int error) { return std::generic_category().message(error); }
 
 // Returns why the library cannot read the file at `path`; empty if it can.
-std::string FileProblem(const std::string& path, std::size_t max_bytes) {
+std::string FileProblem(const std::string& path) {
   // Without O_NONBLOCK, opening a FIFO waits for a writer (fifo(7)).
   const OwnedDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status {};
   if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return SystemText(errno);
   if (!S_ISREG(status.st_mode)) return "not a regular file";
-  if (static_cast<std::size_t>(status.st_size) > max_bytes) {
-    return "larger than " + std::to_string(max_bytes >> 10U) + " KiB";
-  }
+  if (std::cmp_greater(status.st_size, kMaxFileBytes)) return "larger than 4 MiB";
   char byte = 0;
   return read(file.Get(), &byte, 1) < 0 ? SystemText(errno) : "";
 }
 
-std::string ReadJsonFile(const std::string& path, std::size_t max_bytes, Json::Value& value) {
-  std::string problem = FileProblem(path, max_bytes);
-  if (problem.empty() && !fromFile(path, value, max_bytes)) problem = "not JSON";
+std::string ReadJsonFile(const std::string& path, Json::Value& value) {
+  std::string problem = FileProblem(path);
+  if (problem.empty() && !fromFile(path, value)) problem = "not JSON";
   if (problem.empty() && !value.isObject()) problem = "not a JSON object";
   return problem;
 }
@@ -54,7 +49,7 @@ void ReadPrivilege(Package& package) {
   std::error_code ignored;
   if (!fs::exists(fs::symlink_status(package.privilege, ignored))) return;
   Json::Value privilege;
-  package.problem = ReadJsonFile(package.privilege, kMaxPrivilegeBytes, privilege);
+  package.problem = ReadJsonFile(package.privilege, privilege);
   if (!package.problem.empty() || !privilege.isMember("username")) return;
   const std::string user = TextOf(privilege["username"]);
   if (user.empty()) {
@@ -62,11 +57,6 @@ void ReadPrivilege(Package& package) {
   } else {
     package.user = user;
   }
-}
-
-std::string GroupName(gid_t gid) {
-  const group* found = getgrgid(gid);
-  return found != nullptr ? found->gr_name : std::to_string(gid);
 }
 
 fs::directory_iterator Entries(const std::string& directory) {
@@ -115,7 +105,7 @@ std::vector<Package> ReadPackages() {
 }
 
 std::string ReadConfiguration(const std::string& path, Json::Value& configuration) {
-  return ReadJsonFile(path, kMaxFileBytes, configuration);
+  return ReadJsonFile(path, configuration);
 }
 
 std::vector<std::string> ListFiles(const std::string& directory) {
@@ -123,17 +113,6 @@ std::vector<std::string> ListFiles(const std::string& directory) {
   for (const fs::directory_entry& entry : Entries(directory)) files.push_back(entry.path());
   std::sort(files.begin(), files.end());
   return files;
-}
-
-std::string ForeignWriter(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return "";
-  if ((status.st_mode & S_IWOTH) != 0) return "it is writable by everybody";
-  if (!IsDaemonUser(status.st_uid)) {
-    return "it is writable by user \"" + UserName(status.st_uid) + "\"";
-  }
-  if ((status.st_mode & S_IWGRP) == 0 || status.st_gid == 0) return "";
-  return "it is writable by group \"" + GroupName(status.st_gid) + "\"";
 }
 
 Refusal Explain(const std::string& reason, uid_t uid, const std::string& installed_config) {
@@ -151,14 +130,4 @@ Refusal Explain(const std::string& reason, uid_t uid, const std::string& install
   } catch (const std::runtime_error& error) {
     return {error.what(), ""};
   }
-}
-
-void WriterWatch::Look() try {
-  for (const std::string& path : ListFiles(directory)) {
-    const std::string writer = ForeignWriter(path);
-    if (writer.empty() || !named.insert(path).second) continue;
-    Log(LOG_WARNING, "%s: %s", path.c_str(), writer.c_str());
-  }
-} catch (const std::runtime_error&) {
-  // Requests that need the directory are refused with this reason.
 }

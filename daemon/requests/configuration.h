@@ -5,7 +5,6 @@
 #include <json/value.h>
 #include <sys/types.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -29,10 +28,6 @@ std::string ReadConfiguration(const std::string& path, Json::Value& configuratio
 /// `std::runtime_error` when they cannot be listed.
 std::vector<std::string> ListFiles(const std::string& directory);
 
-/// Returns who, other than root and the daemon's user, may write to `path`: `it is writable by user
-/// "alice"`. Empty if there is no such writer or no such file.
-std::string ForeignWriter(const std::string& path);
-
 /// Why an issue request was refused, for an administrator.
 struct Refusal {
   std::string reason;
@@ -41,15 +36,3 @@ struct Refusal {
 
 /// Finds the cause of a refusal for `reason`, the text that the library threw for the user `uid`.
 Refusal Explain(const std::string& reason, uid_t uid, const std::string& installed_config);
-
-/// Logs installed configurations that have a foreign writer, each once.
-class WriterWatch {
- public:
-  explicit WriterWatch(const std::string& watched_directory) : directory(watched_directory) {}
-
-  void Look();
-
- private:
-  std::string directory;
-  std::set<std::string> named;
-};

@@ -1,17 +1,21 @@
 #include "request_handler.h"
 
+#include <syslog.h>
+
 #include <algorithm>
-#include <array>
 #include <chrono>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "json_member.h"
 #include "json_text.h"
+#include "log.h"
 #include "message.h"
 #include "request_log.h"
 #include "services.h"
+#include "strict_json.h"
 #include "token_shape.h"
 
 using namespace ZELT::TokenManager;
@@ -27,14 +31,19 @@ constexpr std::size_t kMaxValues = 10000;
 
 // Refusals contain nothing else, even if the operation had begun its response.
 constexpr const char* kRefused = R"({"success":false})";
-constexpr const char* kCannotTell = R"({"permitted":null,"success":false})";
-
-constexpr unsigned int kSecondsBetweenLooks = 60;  // each look reads a directory
+constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
   return text.size() > kMaxValues &&
          std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
+}
+
+RequestType TypeOf(const Json::Value& request) {
+  const std::string_view name = StringView(request["type"]);
+  const auto known =
+      std::span(kRequestTypeNames).first(static_cast<std::size_t>(RequestType::kOther));
+  return static_cast<RequestType>(std::find(known.begin(), known.end(), name) - known.begin());
 }
 
 const char* Name(RequestType type) { return kRequestTypeNames.at(static_cast<std::size_t>(type)); }
@@ -64,6 +73,25 @@ void ExpectFewGrants(const Json::Value& payload) {
   }
 }
 
+Sender SenderOf(RequestType type) {
+  switch (type) {
+    case RequestType::kIssue:
+    case RequestType::kRevoke:
+    case RequestType::kTransfer:
+      return Sender::kProcess;
+    case RequestType::kList:
+    case RequestType::kDrop:
+    case RequestType::kStatus:
+      return Sender::kAdministrator;
+    case RequestType::kValidate:
+    case RequestType::kValidateMany:
+    case RequestType::kInspect:
+    case RequestType::kOther:
+      break;
+  }
+  return Sender::kAnybody;
+}
+
 void ExpectSender(Sender expected, const Peer& peer) {
   // All processes outside this pid namespace have this id (pid_namespaces(7)), so it cannot
   // identify an owner.
@@ -75,13 +103,37 @@ void ExpectSender(Sender expected, const Peer& peer) {
   }
 }
 
-}  // namespace
+// Whether the token's service was asked and threw. This is a promise to clients, so other errors
+// after the manager had begun its response are not included: its own, and the lack of memory.
+bool IsUnjudged(const Json::Value& response, const std::exception& refusal) {
+  return response.isMember("permitted") && response["permitted"].isNull() &&
+         dynamic_cast<const std::runtime_error*>(&refusal) != nullptr &&
+         !std::string_view(refusal.what()).starts_with("token_manager.cpp:");
+}
 
-struct RequestHandler::Operation {
-  RequestType type;
-  Sender sender;  // who may send it
-  void (RequestHandler::*run)(const Peer&, const Json::Value&, Json::Value&);
-};
+// Tells whoever holds a token what it permits, and nothing that identifies its owner. A token of
+// another service gets the answer of an unknown one.
+void Inspect(TokenStore& store, const Json::Value& request, Json::Value& response) {
+  const std::string token(StringMember(request, "token", "inspect:"));
+  const std::string_view service = StringMember(request, "service", "inspect:");
+  const TokenRow row = store.Inspect(token);
+  if (row.service != service) throw std::runtime_error("the token is for another service");
+  response["requester"] = row.requester;
+  response["age"] = Json::Int64{row.age.count()};
+  if (row.expires_in) response["expires_in"] = Json::Int64{row.expires_in->count()};
+  response["alive"] = row.alive;
+  response["payload"] = row.payload;
+}
+
+// Leaves room for the newline that the server appends.
+std::string Success(Json::Value& response) {
+  response[Json::StaticString("success")] = true;
+  std::string text = toString(response);
+  text.reserve(text.size() + 1);
+  return text;
+}
+
+}  // namespace
 
 RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
                                WorkerSlot& worker_slot, RequestSettings request_settings,
@@ -91,8 +143,7 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
       slot(worker_slot),
       settings(std::move(request_settings)),
       manager(settings.installed_config, {std::shared_ptr<void>(), &token_store}, std::move(cache)),
-      administration(token_store, shared_board, settings.version),
-      watch(settings.installed_config) {
+      administration(token_store, shared_board, settings.version) {
   AddServices(manager);
 }
 
@@ -106,11 +157,10 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   Json::Value response(Json::objectValue);
   std::string answer;
   try {
-    Handle(peer, text, request, response);
-    answer = toString(response);
+    answer = Handle(peer, text, request, response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    answer = response.isMember("permitted") ? kCannotTell : kRefused;
+    answer = IsUnjudged(response, refusal) ? kUnjudged : kRefused;
     Refuse(peer, request, refusal.what());
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
@@ -120,80 +170,89 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
 
 void RequestHandler::EverySecond() {
   if (&slot != board.slots.data()) return;
-  store.KeepHouse();
-  if (seconds_passed++ % kSecondsBetweenLooks == 0) watch.Look();
+  store.EverySecond();
 }
 
-const RequestHandler::Operation& RequestHandler::Find(const Json::Value& request) {
-  using Manager = ZELT::TokenManager::TokenManager;
-  using This = RequestHandler;
-  static constexpr std::array kOperations = {
-      Operation{RequestType::kIssue, Sender::kProcess, &This::Change<&Manager::IssueToken>},
-      Operation{RequestType::kValidate, Sender::kAnybody, &This::Ask<&Manager::ValidateToken>},
-      Operation{RequestType::kRevoke, Sender::kProcess, &This::Change<&Manager::RevokeToken>},
-      Operation{RequestType::kTransfer, Sender::kProcess, &This::Change<&Manager::TransferToken>},
-      Operation{RequestType::kList, Sender::kAdministrator,
-                &This::Administer<&Administration::List>},
-      Operation{RequestType::kDrop, Sender::kAdministrator, &This::Drop},
-      Operation{RequestType::kStatus, Sender::kAdministrator,
-                &This::Administer<&Administration::Status>},
-  };
-  const std::string_view type = StringView(request["type"]);
-  for (const Operation& operation : kOperations) {
-    if (type == Name(operation.type)) return operation;
-  }
-  throw std::runtime_error("unknown type of request");
-}
-
-void RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
-                            Json::Value& response) {
+std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
+                                   Json::Value& response) {
   if (text.size() > zeltdaemon::kMaxRequestBytes) throw std::runtime_error("too long");
   if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
-  if (!fromString(text, request) || !request.isObject()) {
+  if (!ReadStrictJson(text, request) || !request.isObject()) {
     throw std::runtime_error("not a JSON object");
   }
-  const Operation& operation = Find(request);
-  Set(slot.type, operation.type);
-  ExpectSender(operation.sender, peer);
+  const RequestType type = TypeOf(request);
+  Set(slot.type, type);
+  ExpectSender(SenderOf(type), peer);
   ExpectWholeToken(request);
-  if (operation.type == RequestType::kIssue) ExpectFewGrants(request["payload"]);
-  (this->*operation.run)(peer, request, response);
-  response[Json::StaticString("success")] = true;
-}
-
-template <auto kMethod>
-void RequestHandler::Ask(const Peer& peer, const Json::Value& request, Json::Value& response) {
-  (manager.*kMethod)(peer.credential, request, response);
-}
-
-template <auto kMethod>
-void RequestHandler::Change(const Peer& peer, const Json::Value& request, Json::Value& response) {
-  ::Change change(store, peer);
-  (manager.*kMethod)(peer.credential, request, response);
-  change.Commit();
-  Audit(peer, request);
-}
-
-template <auto kMethod>
-void RequestHandler::Administer(const Peer& /*peer*/, const Json::Value& request,
-                                Json::Value& response) {
-  (administration.*kMethod)(request, response);
-}
-
-void RequestHandler::Drop(const Peer& peer, const Json::Value& request, Json::Value& response) {
-  const Json::Value dropped = administration.Drop(request, response);
-  if (!settings.audit) return;
-  for (const Json::Value& token : dropped) {
-    LogChange(peer, "drop", token["id"].asUInt64(), TextOf(token["service"]),
-              " requester=" + TextOf(token["requester"]));
+  switch (type) {
+    case RequestType::kIssue:
+    case RequestType::kRevoke:
+    case RequestType::kTransfer:
+    case RequestType::kDrop:
+      return Change(peer, request, response);
+    case RequestType::kValidate:
+      manager.ValidateToken(peer.credential, request, response);
+      break;
+    case RequestType::kValidateMany:
+      manager.ValidateMany(peer.credential, request, response);
+      break;
+    case RequestType::kInspect:
+      Inspect(store, request, response);
+      break;
+    case RequestType::kList:
+      administration.List(request, response);
+      break;
+    case RequestType::kStatus:
+      administration.Status(request, response);
+      break;
+    case RequestType::kOther:
+      throw std::runtime_error("unknown type of request");
   }
+  return Success(response);
 }
 
-void RequestHandler::Audit(const Peer& peer, const Json::Value& request) const {
-  if (!settings.audit) return;
-  const bool transferred = slot.type == RequestType::kTransfer;
-  LogChange(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]),
-            transferred ? " to=" + TextOf(request["payload"]) : "");
+// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
+std::string RequestHandler::Change(const Peer& peer, const Json::Value& request,
+                                   Json::Value& response) {
+  StoreChange change(store, peer);
+  const std::vector<std::string> audit = CarryOut(peer, request, response);
+  std::string answer = Success(response);
+  change.Commit();
+  for (const std::string& line : audit) Log(LOG_INFO, "%s", line.c_str());
+  return answer;
+}
+
+// Returns what the audit says about it.
+std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::Value& request,
+                                                  Json::Value& response) {
+  std::string details;
+  switch (slot.type) {
+    case RequestType::kIssue:
+      ExpectFewGrants(request["payload"]);
+      manager.IssueToken(peer.credential, request, response);
+      break;
+    case RequestType::kTransfer:
+      manager.TransferToken(peer.credential, request, response);
+      details = " to=" + TextOf(request["payload"]);
+      break;
+    case RequestType::kDrop:
+      return AuditDrop(peer, administration.Drop(request, response));
+    default:
+      manager.RevokeToken(peer.credential, request, response);
+  }
+  if (!settings.audit) return {};
+  return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
+}
+
+std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
+                                                   const std::vector<TokenRow>& dropped) const {
+  std::vector<std::string> lines;
+  for (const TokenRow& token : dropped) {
+    if (!settings.audit) break;
+    lines.push_back(
+        AuditLine(peer, "drop", token.id, token.service, " requester=" + token.requester));
+  }
+  return lines;
 }
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,

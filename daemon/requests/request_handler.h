@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "administration.h"
 #include "board.h"
@@ -34,26 +35,17 @@ class RequestHandler {
   /// the slot.
   std::string Answer(const Peer& peer, const std::string& text);
 
-  /// Does periodic work, most of it only in the worker of the first slot. Call this about once a
-  /// second.
+  /// Does periodic work, most of it only in the worker of the first slot.
   void EverySecond();
 
  private:
-  struct Operation;
-  static const Operation& Find(const Json::Value& request);
+  std::string Handle(const Peer& peer, const std::string& text, Json::Value& request,
+                     Json::Value& response);
+  std::string Change(const Peer& peer, const Json::Value& request, Json::Value& response);
+  std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,
+                                    Json::Value& response);
+  std::vector<std::string> AuditDrop(const Peer& peer, const std::vector<TokenRow>& dropped) const;
 
-  void Handle(const Peer& peer, const std::string& text, Json::Value& request,
-              Json::Value& response);
-  // The operations in the table of `Find`.
-  template <auto kMethod>
-  void Ask(const Peer& peer, const Json::Value& request, Json::Value& response);
-  template <auto kMethod>
-  void Change(const Peer& peer, const Json::Value& request, Json::Value& response);
-  template <auto kMethod>
-  void Administer(const Peer& peer, const Json::Value& request, Json::Value& response);
-  void Drop(const Peer& peer, const Json::Value& request, Json::Value& response);
-
-  void Audit(const Peer& peer, const Json::Value& request) const;
   void Refuse(const Peer& peer, const Json::Value& request, const std::string& reason);
 
   TokenStore& store;
@@ -62,6 +54,4 @@ class RequestHandler {
   const RequestSettings settings;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
-  WriterWatch watch;
-  unsigned int seconds_passed = 0;
 };

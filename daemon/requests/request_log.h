@@ -13,7 +13,7 @@
 /// `request` need not be an object.
 void LogRefusal(const Peer& peer, const Json::Value& request, const Refusal& refusal);
 
-/// Logs that `peer` changed the token with the given id. `what` is one of "issue", "revoke",
-/// "transfer" and "drop"; `details` has the form " name=value".
-void LogChange(const Peer& peer, const char* what, std::uint64_t id, const std::string& service,
-               const std::string& details);
+/// Returns the line of the audit for a change of a token by `peer`. `what` is one of "issue",
+/// "revoke", "transfer" and "drop"; `details` has the form " name=value".
+std::string AuditLine(const Peer& peer, const char* what, std::uint64_t id,
+                      const std::string& service, const std::string& details);

@@ -77,9 +77,11 @@ class Accounts {
   /// Removes the connections that wait for the rest of their request.
   void RemoveIncomplete();
 
-  /// Gives up a connection if there is no room for another one. Returns false if none can be given
-  /// up; some are to be served then.
-  bool MakeRoom() { return total.connections < most_connections || GiveUpOne(&Usage::connections); }
+  /// Gives up a connection if there are more than the limit. Returns false if none can be given up;
+  /// some are to be served then.
+  bool MakeRoom() {
+    return total.connections <= most_connections || GiveUpOne(&Usage::connections);
+  }
   bool Empty() const { return total.connections == 0; }
   bool AnyReady() const { return !turns.Empty(); }
 

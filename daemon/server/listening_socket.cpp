@@ -15,10 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <optional>
 #include <stdexcept>
 #include <thread>
-#include <utility>
 
 #include "environment.h"
 #include "owned_descriptor.h"
@@ -51,18 +49,6 @@ OwnedDescriptor MakeSocket() {
   return made;
 }
 
-// Removes the file in the end, unless `path` was cleared.
-struct TemporaryFile {
-  explicit TemporaryFile(std::string file_path) : path(std::move(file_path)) {}
-  ~TemporaryFile() {
-    if (!path.empty()) unlink(path.c_str());
-  }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-  std::string path;
-};
-
 // connect(2) fails with EAGAIN if the backlog is full (unix(7)): somebody listens in that case too.
 bool IsServed(const std::string& path) {
   const OwnedDescriptor client = MakeSocket();
@@ -89,11 +75,11 @@ std::string Describe(const struct stat& file) {
   return std::string(kind) + " of user " + name + "uid " + std::to_string(file.st_uid);
 }
 
-// Returns the socket of this user at `path` that nobody serves, if there is one.
-std::optional<struct stat> StaleSocket(const std::string& path) {
+// Only a socket of this user that nobody serves may be replaced.
+void ExpectReplaceable(const std::string& path) {
   struct stat found {};
   if (lstat(path.c_str(), &found) != 0) {
-    if (errno == ENOENT) return std::nullopt;
+    if (errno == ENOENT) return;
     throw SystemError("cannot listen on " + path);
   }
   if (!S_ISSOCK(found.st_mode) || found.st_uid != geteuid()) {
@@ -101,7 +87,6 @@ std::optional<struct stat> StaleSocket(const std::string& path) {
                              " is there; remove it first");
   }
   AwaitEndOfService(path);
-  return found;
 }
 
 // The name is random, because any user could occupy a predictable one in /tmp.
@@ -122,28 +107,6 @@ OwnedDescriptor BindAndListen(const std::string& path) {
   if (bound != 0 || listen(made.Get(), kBacklog) != 0)
     throw SystemError("cannot listen on " + path);
   return made;
-}
-
-bool IsSame(const std::string& path, const struct stat& file) {
-  struct stat found {};
-  return lstat(path.c_str(), &found) == 0 && found.st_dev == file.st_dev &&
-         found.st_ino == file.st_ino;
-}
-
-// Returns false if another file has appeared at the path in the meantime.
-bool MoveTo(const std::string& path, TemporaryFile& made) {
-  const std::optional<struct stat> stale = StaleSocket(path);
-  const auto rename = [&](unsigned int how) {
-    return renameat2(AT_FDCWD, made.path.c_str(), AT_FDCWD, path.c_str(), how) == 0;
-  };
-  if (!rename(stale ? RENAME_EXCHANGE : RENAME_NOREPLACE)) {
-    if (errno == EEXIST || errno == ENOENT) return false;
-    throw SystemError("cannot listen on " + path);
-  }
-  if (!stale) return made.path.clear(), true;
-  if (IsSame(made.path, *stale)) return true;
-  rename(RENAME_EXCHANGE);  // another daemon was faster: put its socket back
-  return false;
 }
 
 int OptionOf(int socket, int name) {
@@ -177,11 +140,13 @@ std::vector<int> InheritedSockets() {
 }
 
 int ListenAt(const std::string& path) {
-  TemporaryFile beside(NameBeside(path));
-  OwnedDescriptor listener = BindAndListen(beside.path);
-  while (!MoveTo(path, beside)) {
-  }
-  return listener.Release();
+  ExpectReplaceable(path);
+  const std::string beside = NameBeside(path);
+  OwnedDescriptor listener = BindAndListen(beside);
+  if (rename(beside.c_str(), path.c_str()) == 0) return listener.Release();
+  const auto error = SystemError("cannot listen on " + path);
+  unlink(beside.c_str());
+  throw error;
 }
 
 std::string AddressOf(int socket) {

@@ -10,9 +10,10 @@
 std::vector<int> InheritedSockets();
 
 /// Listens on a socket file at `path` that is open to every local user, and returns the descriptor.
-/// The socket is bound beside `path` and renamed, so that there is always a socket at the path.
-/// Replaces a socket of the same user that nobody serves. Throws `std::runtime_error` if the socket
-/// is served, if a file of another user or type is at the path, and if a system call fails.
+/// Replaces a socket of the same user that nobody serves: the new one is bound beside `path` and
+/// renamed, so that there is always one at the path, which nobody else can take. Throws
+/// `std::runtime_error` if the socket is served, if a file of another user or type is at the path,
+/// and if a system call fails.
 int ListenAt(const std::string& path);
 
 /// Returns the path of a socket that was passed on.

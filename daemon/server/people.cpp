@@ -1,7 +1,6 @@
 #include "people.h"
 
 #include <pwd.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <charconv>
@@ -9,12 +8,9 @@
 #include <limits>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace {
-
-constexpr const char* kUsers = "/etc/passwd";
-constexpr const char* kRanges = "/etc/subuid";
-constexpr const char* kSources = "/etc/nsswitch.conf";
 
 // Far more than machines have that do not use a directory. The rest of a longer file is ignored.
 constexpr std::streamsize kMaxFileBytes = 16 << 20;
@@ -23,17 +19,13 @@ constexpr std::streamsize kMaxFileBytes = 16 << 20;
 constexpr std::size_t kMaxAnswers = 1024;
 constexpr std::size_t kMaxUnknown = 64;
 
-std::array<long, 4> VersionOf(const char* path) {
+std::array<long, 4> VersionOf(const std::string& path) {
   struct stat file {};
-  if (stat(path, &file) != 0) return {};
+  if (stat(path.c_str(), &file) != 0) return {};
   return {static_cast<long>(file.st_ino), file.st_size, file.st_mtim.tv_sec, file.st_mtim.tv_nsec};
 }
 
-std::vector<std::array<long, 4>> VersionsOfAll() {
-  return {VersionOf(kUsers), VersionOf(kRanges), VersionOf(kSources)};
-}
-
-std::string Read(const char* path) {
+std::string Read(const std::string& path) {
   std::ifstream file(path, std::ios::binary | std::ios::ate);
   const auto size = std::clamp<std::streamsize>(file.tellg(), 0, kMaxFileBytes);
   std::string text(static_cast<std::size_t>(size), '\0');
@@ -58,6 +50,14 @@ std::optional<uid_t> Number(std::string_view text) {
 }
 
 }  // namespace
+
+People::People(std::string etc) : etc_files(std::move(etc)) { Load(); }
+
+std::vector<People::Version> People::VersionsOfAll() const {
+  const std::string& etc = etc_files;
+  return {VersionOf(etc + "/passwd"), VersionOf(etc + "/subuid"),
+          VersionOf(etc + "/nsswitch.conf")};
+}
 
 uid_t People::PersonOf(uid_t id) {
   if (std::binary_search(users.begin(), users.end(), id)) return id;
@@ -99,14 +99,14 @@ void People::Load() {
   users.clear();
   ranges.clear();
   directory.clear();
-  const std::string passwords = Read(kUsers);
+  const std::string passwords = Read(etc_files + "/passwd");
   for (std::string_view rest = passwords; !rest.empty();) {
     std::string_view line = Cut(rest, '\n');
     Cut(line, ':'), Cut(line, ':');
     if (const auto id = Number(Cut(line, ':'))) users.push_back(*id);
   }
   std::sort(users.begin(), users.end());
-  const std::string subordinate = Read(kRanges);
+  const std::string subordinate = Read(etc_files + "/subuid");
   for (std::string_view rest = subordinate; !rest.empty();) {
     std::string_view line = Cut(rest, '\n');
     const std::string owner(Cut(line, ':'));

@@ -19,7 +19,8 @@ constexpr uid_t kSomebody = static_cast<uid_t>(-1);
 /// subordinate ids could make them busy.
 class People {
  public:
-  People() { Load(); }
+  /// `etc` is the directory of the files.
+  explicit People(std::string etc = "/etc");
 
   /// Returns the user id of the person, or `kSomebody`. The owner of a range who has no id is
   /// represented by the first id of the range.
@@ -37,10 +38,12 @@ class People {
   };
   using Version = std::array<long, 4>;
 
+  std::vector<Version> VersionsOfAll() const;
   void Load();
   static uid_t OwnerOf(uid_t first, Range& range);
   bool IsInDirectory(uid_t id);
 
+  const std::string etc_files;
   std::vector<Version> versions;              // of the files
   std::vector<uid_t> users;                   // of /etc/passwd, sorted
   std::map<uid_t, Range> ranges;              // of /etc/subuid, by their first id

@@ -161,7 +161,8 @@ void Server::Read(Connection& connection) {
 
 void Server::Respond(Connection& connection) {
   Set(slot.seen, now.time_since_epoch().count());
-  connection.answer = (*handler)(connection.peer, std::exchange(connection.request, {})) + '\n';
+  connection.answer = (*handler)(connection.peer, std::exchange(connection.request, {}));
+  connection.answer += '\n';
   SetDeadline(connection, answers_due, limits.answer_deadline);
   Write(connection);
 }

@@ -17,7 +17,7 @@
 
 /// What a worker is doing. A worker that waits for the store is not stuck itself; the worker that
 /// holds the store is.
-enum class Activity : std::uint8_t { kIdle, kServing, kWaitingForStore };
+enum class Activity : std::uint8_t { kStarting, kIdle, kServing, kWaitingForStore };
 
 /// Upper bounds of the service-time histogram: 2^i microseconds for bucket i, no bound for the
 /// last.
@@ -38,7 +38,7 @@ struct alignas(64) WorkerSlot {
   /// CLOCK_MONOTONIC in nanoseconds when the worker last returned to its loop, at least once a
   /// second, or began a request.
   std::atomic<std::int64_t> seen = 0;
-  std::atomic<Activity> activity = Activity::kIdle;
+  std::atomic<Activity> activity = Activity::kStarting;
   std::atomic<RequestType> type = RequestType::kOther;  ///< of the current request
   std::atomic<uid_t> client_user = 0;                   ///< who sent it
   std::atomic<pid_t> client_process = 0;

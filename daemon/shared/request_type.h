@@ -9,6 +9,8 @@
 enum class RequestType : std::uint8_t {
   kIssue,
   kValidate,
+  kValidateMany,
+  kInspect,
   kRevoke,
   kTransfer,
   kList,
@@ -20,4 +22,5 @@ constexpr std::size_t kRequestTypes = static_cast<std::size_t>(RequestType::kOth
 
 /// The values of "type" in requests, in the same order.
 constexpr std::array<const char*, kRequestTypes> kRequestTypeNames = {
-    "issue", "validate", "revoke", "transfer", "list", "drop", "status", "other"};
+    "issue",    "validate", "validate_many", "inspect", "revoke",
+    "transfer", "list",     "drop",          "status",  "other"};

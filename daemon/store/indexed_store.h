@@ -39,13 +39,16 @@ class IndexedStore : public TokenStore {
   void Remove(const std::string& token) override;
   Json::Value GetAssociatedData(const std::string& token) override;
 
-  Page List(const TokenFilter& filter, std::uint64_t after) override;
-  Page Drop(const TokenFilter& filter, std::uint64_t after) override;
-  Page Usage(std::uint64_t after) override;
+  Page<TokenRow> List(const TokenFilter& filter, std::uint64_t after) override;
+  Page<TokenRow> Drop(const TokenFilter& filter, std::uint64_t after) override;
+  TokenRow Inspect(const std::string& token) override;
+  Page<UsageRow> Usage(std::uint64_t after) override;
   Json::Value GetStatistics() override;
-  void KeepHouse() override;
+  void EverySecond() override;
 
  private:
+  static constexpr const char* kUnknownToken = "the store has no such token";
+
   // Tokens that one change drops. Such a change must find room even in a full store.
   static constexpr std::size_t kMostInChange = 16;
 
@@ -86,5 +89,5 @@ class IndexedStore : public TokenStore {
   std::optional<ProcessIdentity> changing_process;
   std::optional<Holding> removed;  // carried out by `Commit`, unless the token is inserted again
   std::uint64_t changed_id = 0;
-  std::uint64_t last_examined = 0;  // the last id that `KeepHouse` examined
+  std::uint64_t last_examined = 0;  // the last id that `EverySecond` examined
 };

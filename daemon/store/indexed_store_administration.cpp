@@ -1,5 +1,7 @@
 // The part of the indexed store that lists, drops and expires tokens.
 #include <algorithm>
+#include <stdexcept>
+#include <utility>
 
 #include "indexed_store.h"
 #include "listing.h"
@@ -11,23 +13,32 @@ constexpr std::size_t kExaminedAtOnce = 256;  // tokens examined between looks a
 
 }  // namespace
 
-Page IndexedStore::List(const TokenFilter& filter, std::uint64_t after) {
+Page<TokenRow> IndexedStore::List(const TokenFilter& filter, std::uint64_t after) {
   return SelectTokens(database, tables, filter, after).page;
 }
 
-Page IndexedStore::Drop(const TokenFilter& filter, std::uint64_t after) {
-  const Selection found = SelectTokens(database, tables, filter, after);
-  Page dropped;
-  dropped.next = found.page.next;
-  Json::ArrayIndex row = 0;
-  ChangeEach(found.holdings, [&](const Holding& each) {
-    if (EraseIfSame(each, filter.orphans)) dropped.rows.append(found.page.rows[row]);
-    ++row;
-  });
+Page<TokenRow> IndexedStore::Drop(const TokenFilter& filter, std::uint64_t after) {
+  Selection found = SelectTokens(database, tables, filter, after);
+  Page<TokenRow> dropped{.next = found.page.next};
+  BeginWrite(found.holdings.size());
+  for (std::size_t i = 0; i < found.holdings.size(); ++i) {
+    if (!EraseIfSame(found.holdings[i], filter.orphans)) continue;
+    dropped.rows.push_back(std::move(found.page.rows[i]));
+  }
   return dropped;
 }
 
-Page IndexedStore::Usage(std::uint64_t after) { return ListUsage(database, tables, after); }
+TokenRow IndexedStore::Inspect(const std::string& token) {
+  const Database::ReadScope scope(database);
+  const auto record = tables.Find(scope.Get(), token);
+  if (!record || IsGone(record->header, options)) throw std::runtime_error(kUnknownToken);
+  return RowOf(record->header, record->service, std::string(record->text),
+               IsAlive(record->header.Owner()));
+}
+
+Page<UsageRow> IndexedStore::Usage(std::uint64_t after) {
+  return ListUsage(database, tables, after);
+}
 
 Json::Value IndexedStore::GetStatistics() {
   const Database::ReadScope scope(database);
@@ -39,7 +50,7 @@ Json::Value IndexedStore::GetStatistics() {
 }
 
 // Goes through all tokens, a few thousand per call, and then starts over.
-void IndexedStore::KeepHouse() {
+void IndexedStore::EverySecond() {
   database.ClearDeadReaders();
   if (options.max_age.count() == 0 && options.drop_orphans_after.count() == 0) return;
   Judge judge;

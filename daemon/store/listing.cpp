@@ -84,25 +84,21 @@ Pick PickEntries(Database& database, const Tables& tables, const TokenFilter& fi
   return std::move(picker.pick);
 }
 
-Json::Value Row(const Entry& entry, bool alive) {
-  const RecordHeader& header = entry.holding.header;
-  Json::Value data;
-  fromString(entry.text, data);
-  const auto age = std::chrono::duration_cast<std::chrono::seconds>(Age(header.issued));
-  Json::Value row(Json::objectValue);
-  row["id"] = Json::UInt64{header.id};
-  row["service"] = entry.service;
-  row["requester"] = TextOf(MemberOrNull(data, "requester"));
-  row["uid"] = header.uid;
-  row["pid"] = header.owner_pid;
-  row["owner"] = alive ? ProcessName(header.owner_pid) : "";
-  row["alive"] = alive;
-  row["age"] = Json::Int64{age.count()};
-  row["grants"] = GrantCount(data);
-  return row;
-}
-
 }  // namespace
+
+TokenRow RowOf(const RecordHeader& header, std::string_view service, const std::string& text,
+               bool alive) {
+  Json::Value data;
+  fromString(text, data);
+  return {.id = header.id,
+          .service = std::string(service),
+          .requester = TextOf(MemberOrNull(data, "requester")),
+          .uid = header.uid,
+          .pid = header.owner_pid,
+          .alive = alive,
+          .age = std::chrono::duration_cast<std::chrono::seconds>(Age(header.issued)),
+          .payload = MemberOrNull(data, "payload")};
+}
 
 Selection SelectTokens(Database& database, const Tables& tables, const TokenFilter& filter,
                        std::uint64_t after) {
@@ -112,30 +108,22 @@ Selection SelectTokens(Database& database, const Tables& tables, const TokenFilt
   for (const Entry& entry : pick.entries) {
     const bool alive = !judge.IsOrphan(entry.holding.header);
     if (alive && filter.orphans) continue;
-    selection.page.rows.append(Row(entry, alive));
+    selection.page.rows.push_back(RowOf(entry.holding.header, entry.service, entry.text, alive));
     selection.holdings.push_back(entry.holding);
   }
   if (pick.full) selection.page.next = pick.last;
   return selection;
 }
 
-Page ListUsage(Database& database, const Tables& tables, std::uint64_t after) {
-  Page page;
+Page<UsageRow> ListUsage(Database& database, const Tables& tables, std::uint64_t after) {
+  Page<UsageRow> page;
   const Database::ReadScope scope(database);
   tables.VisitUsage(scope.Get(), static_cast<uid_t>(after),
                     [&](uid_t user, std::string_view service, const UserTotal& total) {
-                      const bool new_user =
-                          page.rows.empty() || page.rows[page.rows.size() - 1]["uid"] != user;
-                      if (new_user && page.rows.size() >= kMostUsers) {
-                        page.next = user;
-                        return false;
-                      }
-                      Json::Value row(Json::objectValue);
-                      row["uid"] = user;
-                      row["service"] = std::string(service);
-                      row["tokens"] = Json::UInt64{total.tokens};
-                      row["bytes"] = Json::UInt64{total.bytes};
-                      page.rows.append(row);
+                      const bool new_user = page.rows.empty() || page.rows.back().uid != user;
+                      if (new_user && page.rows.size() >= kMostUsers) page.next = user;
+                      if (page.next) return false;
+                      page.rows.push_back({user, std::string(service), total.tokens, total.bytes});
                       return true;
                     });
   return page;

@@ -117,7 +117,7 @@ bool IsPeerAlive(int connection) {
   }
   const OwnedDescriptor process(descriptor);
   pollfd ended{.fd = process.Get(), .events = POLLIN, .revents = 0};
-  return poll(&ended, 1, 0) == 0;  // pidfd_open(2)
+  return poll(&ended, 1, 0) != 1;  // pidfd_open(2); -1 when a signal arrives
 }
 
 std::string ProcessName(pid_t pid) {

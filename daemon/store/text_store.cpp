@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
 #include <system_error>
 
@@ -15,6 +17,7 @@
 
 using ZELT::TokenManager::MemberOrNull;
 using ZELT::TokenManager::OwnedDescriptor;
+using ZELT::TokenManager::TextOf;
 using ZELT::TokenManager::toString;
 
 namespace {
@@ -61,8 +64,27 @@ Json::Value TextStore::GetAssociatedData(const std::string& token) {
   return storage.GetAssociatedData(token);
 }
 
-Page TextStore::List(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
-Page TextStore::Drop(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
-Page TextStore::Usage(std::uint64_t /*after*/) { Refuse(); }
+Page<TokenRow> TextStore::List(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
+Page<TokenRow> TextStore::Drop(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
+Page<UsageRow> TextStore::Usage(std::uint64_t /*after*/) { Refuse(); }
+
+// A line without a valid "created_at" belongs to a token of age 0.
+TokenRow TextStore::Inspect(const std::string& token) {
+  const Json::Value data = GetAssociatedData(token);
+  const Json::Value& pid = MemberOrNull(data, "pid");
+  const Json::Value& created = MemberOrNull(data, "created_at");
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  const auto age =
+      now - std::chrono::nanoseconds(created.isInt64() ? created.asInt64() : now.count());
+  TokenRow row{.service = TextOf(MemberOrNull(data, "service")),
+               .requester = TextOf(MemberOrNull(data, "requester")),
+               .pid = pid.isInt() ? pid.asInt() : 0,
+               .age = std::max(std::chrono::duration_cast<std::chrono::seconds>(age),
+                               std::chrono::seconds(0)),
+               .payload = MemberOrNull(data, "payload")};
+  row.alive = IdentifyProcess(row.pid).has_value();
+  return row;
+}
+
 Json::Value TextStore::GetStatistics() { return Json::nullValue; }
-void TextStore::KeepHouse() {}
+void TextStore::EverySecond() {}

@@ -29,11 +29,12 @@ class TextStore : public TokenStore {
   void Remove(const std::string& token) override;
   Json::Value GetAssociatedData(const std::string& token) override;
 
-  Page List(const TokenFilter& filter, std::uint64_t after) override;
-  Page Drop(const TokenFilter& filter, std::uint64_t after) override;
-  Page Usage(std::uint64_t after) override;
+  Page<TokenRow> List(const TokenFilter& filter, std::uint64_t after) override;
+  Page<TokenRow> Drop(const TokenFilter& filter, std::uint64_t after) override;
+  TokenRow Inspect(const std::string& token) override;
+  Page<UsageRow> Usage(std::uint64_t after) override;
   Json::Value GetStatistics() override;
-  void KeepHouse() override;
+  void EverySecond() override;
 
  private:
   ZELT::TokenManager::JsonFileStorage storage;

@@ -4,6 +4,7 @@
 #include <json/value.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,10 +24,32 @@ struct TokenFilter {
   std::vector<std::uint64_t> ids{};  ///< empty: any
 };
 
+/// A token as administrators and services see it. Nothing in it can be used as a token.
+struct TokenRow {
+  std::uint64_t id = 0;  ///< never given to another token; 0 in a text store
+  std::string service;
+  std::string requester;  ///< the name of the user who requested it
+  uid_t uid = 0;          ///< the same user's id
+  pid_t pid = 0;          ///< the process that owns it
+  bool alive = false;     ///< whether that process lives
+  std::chrono::seconds age{0};
+  std::optional<std::chrono::seconds> expires_in{};  ///< none: it does not expire
+  Json::Value payload;                               ///< what it grants
+};
+
+/// The tokens of one service that a user holds.
+struct UsageRow {
+  uid_t uid = 0;
+  std::string service;
+  std::uint64_t tokens = 0;
+  std::uint64_t bytes = 0;  ///< counted towards the limits
+};
+
 /// A page of a list that may be long.
+template <typename Row>
 struct Page {
-  Json::Value rows{Json::arrayValue};
-  std::optional<std::uint64_t> next;  ///< where the next page begins; none: this is the last page
+  std::vector<Row> rows{};
+  std::optional<std::uint64_t> next{};  ///< where the next page begins; none: this is the last page
 };
 
 /// A `TokenStorage` with transactions, and with operations for administrators.
@@ -35,11 +58,11 @@ struct Page {
 class TokenStore : public ZELT::TokenManager::TokenStorage {
  public:
   /// Begins a change on behalf of `peer`. From its first use of the store until `Commit`, there are
-  /// no other changes, and others do not see this one. `Insert` and `Remove` may only be called in
-  /// between.
+  /// no other changes, and others do not see this one. `Insert`, `Remove` and `Drop` may only be
+  /// called in between.
   virtual void Begin(const Peer& peer) = 0;
 
-  /// Commits the change. If it throws, nothing was changed.
+  /// Commits the change. If it throws, nothing was changed. If it returns, the change lasts.
   virtual void Commit() = 0;
 
   /// Undoes the changes since `Begin`.
@@ -48,34 +71,36 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// The id of the token that the current change, or the last committed one, inserted or removed.
   virtual std::uint64_t ChangedId() const = 0;
 
-  /// Returns a page of tokens with ids greater than `after`, in the order of their ids: objects
-  /// with "id", "service", "requester", "uid", "pid", "owner" (the process's name), "alive", "age"
-  /// (seconds) and "grants".
-  virtual Page List(const TokenFilter& filter, std::uint64_t after) = 0;
+  /// Returns a page of tokens with ids greater than `after`, in the order of their ids.
+  virtual Page<TokenRow> List(const TokenFilter& filter, std::uint64_t after) = 0;
 
-  /// Drops the matching tokens of one page. Not to be called during a change. Rows: see `List`.
-  virtual Page Drop(const TokenFilter& filter, std::uint64_t after) = 0;
+  /// Drops the tokens of the page that `List` would return, and returns it. Part of a change.
+  virtual Page<TokenRow> Drop(const TokenFilter& filter, std::uint64_t after) = 0;
 
-  /// Returns a page of what users hold: objects with "uid", "service", "tokens" and "bytes".
-  /// `after` is 0 or the last page's `next`.
-  virtual Page Usage(std::uint64_t after) = 0;
+  /// Throws what `GetAssociatedData` throws.
+  virtual TokenRow Inspect(const std::string& token) = 0;
+
+  /// Returns a page of what users hold. `after` is 0 or the last page's `next`.
+  virtual Page<UsageRow> Usage(std::uint64_t after) = 0;
 
   /// Returns "tokens", "used" and "size" (bytes).
   Json::Value GetStatistics() override = 0;
 
-  /// Does a bounded amount of periodic work. Called about once a second.
-  virtual void KeepHouse() = 0;
+  /// Does a bounded amount of periodic work.
+  virtual void EverySecond() = 0;
 };
 
 /// The scope of one change: rolls back unless it was committed.
-class Change {
+class StoreChange {
  public:
-  Change(TokenStore& changed_store, const Peer& peer) : store(changed_store) { store.Begin(peer); }
-  ~Change() {
+  StoreChange(TokenStore& changed_store, const Peer& peer) : store(changed_store) {
+    store.Begin(peer);
+  }
+  ~StoreChange() {
     if (!committed) store.Rollback();
   }
-  Change(const Change&) = delete;
-  Change& operator=(const Change&) = delete;
+  StoreChange(const StoreChange&) = delete;
+  StoreChange& operator=(const StoreChange&) = delete;
 
   void Commit() {
     store.Commit();

@@ -17,14 +17,14 @@ constexpr std::chrono::seconds kRest{1};
 
 }  // namespace
 
-Json::ArrayIndex GrantCount(const Json::Value& data) {
-  const Json::Value& payload = MemberOrNull(data, "payload");
+Json::ArrayIndex GrantCount(const Json::Value& payload) {
   return payload.isArray() ? payload.size() : 1;
 }
 
 void ExpectSmallToken(const Json::Value& data, std::string_view text) {
-  if (GrantCount(data) > kMaxGrants) {
-    throw std::runtime_error("the token would hold " + std::to_string(GrantCount(data)) +
+  const Json::ArrayIndex grants = GrantCount(MemberOrNull(data, "payload"));
+  if (grants > kMaxGrants) {
+    throw std::runtime_error("the token would hold " + std::to_string(grants) +
                              " grants, more than " + std::to_string(kMaxGrants));
   }
   if (text.size() > kMaxTextBytes) {

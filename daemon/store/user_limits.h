@@ -16,8 +16,8 @@
 #include "store_options.h"
 #include "tables.h"
 
-/// How many grants a token holds: the elements of its payload, or one that is no array.
-Json::ArrayIndex GrantCount(const Json::Value& data);
+/// How many grants a payload holds: the elements of an array, or one that is no array.
+Json::ArrayIndex GrantCount(const Json::Value& payload);
 
 /// Throws `std::runtime_error` when a token holds too many grants or its text is too long.
 void ExpectSmallToken(const Json::Value& data, std::string_view text);

@@ -19,8 +19,10 @@
 #include <system_error>
 #include <utility>
 
+#include "child.h"
 #include "log.h"
 #include "service_manager.h"
+#include "watch.h"
 
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
@@ -28,10 +30,8 @@ using std::chrono::seconds;
 
 namespace {
 
-// Between checks of the workers. The second applies until the first worker is ready, because the
-// service manager waits for it.
+// Between checks of the workers.
 constexpr milliseconds kCheckInterval{500};
-constexpr milliseconds kStartInterval{2};
 
 // Before the replacement of a worker that ended without serving a request.
 constexpr milliseconds kFirstDelay{10};
@@ -39,10 +39,9 @@ constexpr milliseconds kLongestDelay{1000};
 
 // A killed process ends at once, unless it waits in the kernel for a device or file system that
 // does not respond. Such processes keep their memory and descriptors, so their number is limited.
-constexpr milliseconds kKillGrace{1000};
-constexpr std::size_t kMaxLingering = 16;
+constexpr std::size_t kMaxDying = 16;
 
-// Longer than any response may take.
+// An ending worker gives clients one second for the rest of a request, and five for an answer.
 constexpr seconds kStopGrace{6};
 
 // If they were ignored, faults would recur at once or stay hidden, and children would leave no exit
@@ -64,31 +63,11 @@ sigset_t BlockSignals() {
   return taken;
 }
 
-std::uint64_t Sum(const auto& counters) {
-  return std::accumulate(counters.begin(), counters.end(), std::uint64_t{0});
+std::uint64_t Served(const WorkerSlot& slot) {
+  return std::accumulate(slot.times.begin(), slot.times.end(), std::uint64_t{0});
 }
-
-std::uint64_t Served(const WorkerSlot& slot) { return Sum(slot.done) + Sum(slot.refused); }
 
 nanoseconds Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
-
-nanoseconds TimeSinceSeen(const WorkerSlot& slot) { return Now() - nanoseconds(slot.seen); }
-
-// A worker that waits for the store gets more time, so that the worker that holds it is killed
-// first.
-nanoseconds Patience(const WorkerSlot& slot, nanoseconds request_timeout) {
-  return slot.activity == Activity::kWaitingForStore ? 2 * request_timeout : request_timeout;
-}
-
-std::string Doing(const WorkerSlot& slot) {
-  const Activity activity = slot.activity;
-  if (activity == Activity::kIdle) return "waiting for requests";
-  const auto type =
-      std::min<std::size_t>(static_cast<std::size_t>(slot.type.load()), kRequestTypes - 1);
-  return std::string(activity == Activity::kServing ? "serving" : "waiting for the store with") +
-         " a request type=" + kRequestTypeNames[type] +
-         " pid=" + std::to_string(slot.client_process) + " uid=" + std::to_string(slot.client_user);
-}
 
 // Returns -1 if none arrives before the deadline.
 int TakeSignal(const sigset_t& awaited, std::chrono::steady_clock::time_point deadline) {
@@ -130,121 +109,93 @@ Board& MapBoard() {
 Supervisor::Supervisor(Board& shared_board, SupervisorSettings supervisor_settings)
     : board(shared_board),
       settings(std::move(supervisor_settings)),
+      slots(board.slots.data(), settings.workers),
       watchdog_interval(WatchdogInterval()),
       supervisor(getpid()),
-      signals(BlockSignals()),
-      workers(settings.workers) {}
+      signals(BlockSignals()) {
+  for (WorkerSlot& slot : slots) workers.push_back({.slot = slot});
+}
 
 void Supervisor::Run() {
-  for (;;) {
-    StartWorkers();
-    switch (AwaitSignal()) {
-      case SIGTERM:
-      case SIGINT:
-        return Stop();
-      case SIGUSR1:
-        LogCounters();
-        break;
-      default:  // SIGCHLD, or the next check is due
-        break;
+  for (int signal = -1; signal != SIGTERM && signal != SIGINT;) {
+    try {
+      DoRound(signal);
+    } catch (const std::exception& error) {
+      Log(LOG_ERR, "supervisor: %s", error.what());
     }
-    ReapWorkers();
-    AnnounceReadiness();
-    if (Clock::now() >= next_check) CheckWorkers();
+    signal = TakeSignal(signals, NextDeadline());
   }
+  Stop();
+}
+
+void Supervisor::DoRound(int signal) {
+  ReapWorkers();
+  StartWorkers();
+  AnnounceReadiness();
+  if (Clock::now() >= next_check) CheckWorkers();
+  if (signal == SIGUSR1) LogCounters();
 }
 
 void Supervisor::StartWorkers() {
-  for (std::size_t number = 0; number < workers.size(); ++number) {
-    const Worker& worker = workers[number];
-    const bool is_due = worker.pid == 0 && worker.start <= Clock::now();
-    if (is_due && !Start(number)) return;  // the others would fail too
+  for (Worker& worker : workers) {
+    const bool is_due = worker.pid == 0 && worker.due <= Clock::now();
+    if (is_due && !Start(worker)) return;  // the others would fail too
   }
 }
 
-bool Supervisor::Start(std::size_t number) {
-  Worker& worker = workers[number];
-  WorkerSlot& slot = board.slots[number];
-  slot.activity = Activity::kIdle;
-  slot.seen = Now().count();
-  // Recorded before the worker can do anything.
-  Worker started = {.served_before = Served(slot), .start = Clock::now(), .delay = worker.delay};
+bool Supervisor::Start(Worker& worker) {
+  worker.slot.activity = Activity::kStarting;
+  worker.slot.seen = Now().count();
+  worker.served = Served(worker.slot);
   const pid_t pid = fork();
-  if (pid == 0) Work(slot);
+  if (pid == 0) {
+    _exit(ExitStatusOf([&] { Work(worker.slot); },
+                       [](const char* error) { Log(LOG_ERR, "worker: %s", error); }));
+  }
   if (pid < 0) {
     if (!fork_fails) Log(LOG_ERR, "cannot fork a worker, trying again: %s", std::strerror(errno));
-    fork_fails = true;
-    ScheduleStart(worker, false);
-    return false;
+    Vacate(worker);
+  } else {
+    worker.slot.pid = worker.pid = pid;
   }
-  fork_fails = false;
-  started.pid = pid;
-  worker = started;
-  slot.pid = pid;
-  return true;
+  fork_fails = pid < 0;
+  return !fork_fails;
 }
 
-// Runs in the forked child.
-void Supervisor::Work(WorkerSlot& slot) {
+// Runs in the forked process.
+void Supervisor::Work(WorkerSlot& slot) const {
   prctl(PR_SET_PDEATHSIG, SIGKILL);  // even if the worker is blocked
-  if (getppid() != supervisor) _exit(EXIT_FAILURE);
+  if (getppid() != supervisor) return;
   signal(SIGINT, SIG_IGN);  // a terminal sends it to the workers too, but the supervisor stops them
   const sigset_t blocked = SetOf(SIGTERM);
   sigprocmask(SIG_SETMASK, &blocked, nullptr);
-  try {
-    settings.work(slot);
-    _exit(EXIT_SUCCESS);
-  } catch (const std::exception& error) {
-    Log(LOG_ERR, "worker: %s", error.what());
-    _exit(EXIT_FAILURE);
-  }
-}
-
-// Waits until there is something to do. Returns the signal that has arrived, or -1.
-int Supervisor::AwaitSignal() {
-  auto next = ready ? next_check : Clock::now() + kStartInterval;
-  for (const Worker& worker : workers) {
-    if (worker.pid == 0) next = std::min(next, worker.start);
-  }
-  return TakeSignal(signals, next);
+  settings.work(slot);
 }
 
 void Supervisor::ReapWorkers() {
   int status = 0;
-  while (const pid_t pid = waitpid(-1, &status, WNOHANG)) {
-    if (pid < 0) return;
+  pid_t pid = 0;
+  while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+    if (!WasToldToEnd(status)) ++board.deaths;
+    const auto ended = std::ranges::find(workers, pid, &Worker::pid);
+    if (ended != workers.end()) Vacate(*ended);
+    dying -= ended == workers.end() ? 1 : 0;
     LogEnd(pid, status);
-    std::erase(lingering, pid);
-    const auto ended = std::find_if(workers.begin(), workers.end(),
-                                    [pid](const Worker& worker) { return worker.pid == pid; });
-    if (ended != workers.end()) {
-      HandleDeath(static_cast<std::size_t>(ended - workers.begin()), status);
-    }
   }
 }
 
-void Supervisor::HandleDeath(std::size_t number, int status) {
-  Worker& worker = workers[number];
-  WorkerSlot& slot = board.slots[number];
-  slot.pid = 0;
-  worker.pid = 0;
-  if (!WasToldToEnd(status)) Count(board.deaths);
-  ScheduleStart(
-      worker, Served(slot) != worker.served_before || Clock::now() - worker.start > kLongestDelay);
-}
-
-void Supervisor::ScheduleStart(Worker& worker, bool has_worked) {
+void Supervisor::Vacate(Worker& worker) {
+  worker.slot.pid = worker.pid = 0;
+  const bool has_served = Served(worker.slot) != worker.served;
   worker.delay =
-      has_worked ? milliseconds(0) : std::clamp(2 * worker.delay, kFirstDelay, kLongestDelay);
-  worker.start = Clock::now() + worker.delay;
+      has_served ? milliseconds(0) : std::clamp(2 * worker.delay, kFirstDelay, kLongestDelay);
+  worker.due = Clock::now() + worker.delay;
 }
 
+// The sockets listen, and the store was tried before: clients that come now are served, even if the
+// workers need a moment.
 void Supervisor::AnnounceReadiness() {
-  const auto serves = [this](const Worker& worker) {
-    const WorkerSlot& slot = board.slots[static_cast<std::size_t>(&worker - workers.data())];
-    return worker.pid != 0 && nanoseconds(slot.seen) > worker.start.time_since_epoch();
-  };
-  if (ready || std::none_of(workers.begin(), workers.end(), serves)) return;
+  if (ready || !AnyRuns()) return;
   ready = true;
   Log(LOG_NOTICE, "ready, serving %s with %u workers", settings.serving.c_str(), settings.workers);
   NotifyServiceManager("READY=1");
@@ -257,83 +208,58 @@ void Supervisor::CheckWorkers() {
   next_check = Clock::now() + kCheckInterval;
   ReportLostLines();
   if (was_held_up) return;
-  for (std::size_t number = 0; number < workers.size(); ++number) CheckWorker(number);
+  KillStuckWorker();
   NotifyWatchdog();
 }
 
-void Supervisor::CheckWorker(std::size_t number) {
-  Worker& worker = workers[number];
-  WorkerSlot& slot = board.slots[number];
-  if (worker.pid == 0) return;
-  if (worker.killed) {
-    if (Clock::now() - *worker.killed >= kKillGrace) Abandon(worker, slot);
-    return;
-  }
-  if (TimeSinceSeen(slot) <= Patience(slot, settings.request_timeout)) return;
-  if (WaitsForAnother(slot)) return;
-  Log(LOG_ERR, "worker %d has not responded for %.1f s, %s; killing it", worker.pid,
-      std::chrono::duration<double>(TimeSinceSeen(slot)).count(), Doing(slot).c_str());
+// The killed worker never runs again, so another one can use its slot before it has ended.
+void Supervisor::KillStuckWorker() {
+  const WorkerSlot* const stuck =
+      dying < kMaxDying ? FindStuck(slots, settings.request_timeout) : nullptr;
+  if (stuck == nullptr) return;
+  LogStuck(*stuck);
+  Worker& worker = workers[static_cast<std::size_t>(stuck - slots.data())];
   kill(worker.pid, SIGKILL);
-  worker.killed = Clock::now();
-}
-
-// Returns whether the worker waits for the store, but another one has waited for longer. That one
-// may have been stopped after it got the store, before it recorded so. Killing it lets the others
-// continue.
-bool Supervisor::WaitsForAnother(const WorkerSlot& slot) const {
-  const auto waits_longer = [&slot](const WorkerSlot& other) {
-    return other.pid != 0 && other.activity == Activity::kWaitingForStore && other.seen < slot.seen;
-  };
-  return slot.activity == Activity::kWaitingForStore &&
-         std::any_of(board.slots.begin(), board.slots.end(), waits_longer);
-}
-
-// The killed worker never runs again, so another one can use its slot.
-void Supervisor::Abandon(Worker& worker, WorkerSlot& slot) {
-  if (lingering.size() == kMaxLingering) return;
-  Log(LOG_ERR, "worker %d was killed but has not ended; starting another in its place", worker.pid);
-  lingering.push_back(worker.pid);
-  Count(board.deaths);
-  slot.pid = 0;
-  worker = {};
+  ++dying;
+  Vacate(worker);
 }
 
 void Supervisor::NotifyWatchdog() {
   if (!watchdog_interval || Clock::now() < next_watchdog) return;
-  const auto end = board.slots.begin() + workers.size();
-  const bool any_serves = std::any_of(board.slots.begin(), end, [this](const WorkerSlot& slot) {
-    return slot.pid != 0 && TimeSinceSeen(slot) <= settings.request_timeout;
-  });
-  if (!any_serves) return;
+  if (!AnyResponds(slots, settings.request_timeout)) return;
   NotifyServiceManager("WATCHDOG=1");
   next_watchdog = Clock::now() + *watchdog_interval;
 }
 
+// Workers that do not end in time are killed by the end of this process.
 void Supervisor::Stop() {
   NotifyServiceManager("STOPPING=1");
   settings.on_stop();
-  if (EndWorkers(SIGTERM, kStopGrace)) return;
-  Log(LOG_WARNING, "some workers have not finished within %d s; killing them",
-      static_cast<int>(kStopGrace.count()));
-  EndWorkers(SIGKILL, kKillGrace);
-}
-
-// Returns whether all have ended within `grace`.
-bool Supervisor::EndWorkers(int signal, milliseconds grace) {
   for (const Worker& worker : workers) {
-    if (worker.pid != 0) kill(worker.pid, signal);
+    if (worker.pid != 0) kill(worker.pid, SIGTERM);
   }
-  const auto deadline = Clock::now() + grace;
-  for (;;) {
-    ReapWorkers();
-    const bool ended = std::none_of(workers.begin(), workers.end(),
-                                    [](const Worker& worker) { return worker.pid != 0; });
-    if (ended || Clock::now() >= deadline) return ended;
+  const auto deadline = Clock::now() + kStopGrace;
+  for (ReapWorkers(); AnyRuns() && Clock::now() < deadline; ReapWorkers()) {
     TakeSignal(SetOf(SIGCHLD), deadline);
   }
+  if (!AnyRuns()) return;
+  Log(LOG_WARNING, "some workers have not finished within %d s; killing them",
+      static_cast<int>(kStopGrace.count()));
 }
 
-void Supervisor::LogCounters() {
+bool Supervisor::AnyRuns() const {
+  return std::ranges::any_of(workers, [](const Worker& worker) { return worker.pid != 0; });
+}
+
+Supervisor::Clock::time_point Supervisor::NextDeadline() const {
+  auto next = next_check;
+  for (const Worker& worker : workers) {
+    if (worker.pid == 0) next = std::min(next, worker.due);
+  }
+  return next;
+}
+
+void Supervisor::LogCounters() const {
   std::string counts;
   for (std::size_t type = 0; type < kRequestTypes; ++type) {
     std::uint64_t done = 0;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,9 @@
 struct SupervisorSettings {
   unsigned int workers = 1;  ///< at most kMaxWorkers
 
-  /// A worker that has not responded for this long is killed. At least two seconds, since idle
-  /// workers show that they are alive once a second.
-  std::chrono::seconds request_timeout{5};
+  /// A worker that was not seen for this long is killed. At least two seconds, since idle workers
+  /// show that they are alive once a second.
+  std::chrono::milliseconds request_timeout{5000};
 
   std::function<void(WorkerSlot& slot)> work;  ///< what a worker does; it exits when this returns
   std::function<void()> on_stop;               ///< called before the workers are told to end
@@ -35,12 +36,12 @@ void IgnoreSignals();
 /// Throws `std::system_error`.
 Board& MapBoard();
 
-/// Forks the workers, each with a slot of the board, and replaces them when they end.
+/// Forks the workers, each with a slot of the board, and replaces them when they end or are stuck.
 ///
-/// A worker that ends unexpectedly is replaced at once. If workers end before they have served
-/// anything, the delay before the next one grows from 10 ms to one second. The supervisor never
-/// gives up: as long as any worker serves, clients do not notice. A stuck worker is killed and
-/// replaced. Workers never outlive the supervisor.
+/// A worker that has served is replaced at once. If it has not, the delay before the next one in
+/// its slot grows from 10 ms to one second. The supervisor never gives up, and a fault of its own
+/// costs what it was about to do: it goes on with the next signal or check. Workers never outlive
+/// it.
 ///
 /// Signals: SIGTERM and SIGINT end the daemon, SIGUSR1 logs the counters. They are blocked in the
 /// constructor and taken in `Run`; workers start with SIGTERM blocked. The process must have no
@@ -56,39 +57,37 @@ class Supervisor {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // The process that runs in the board's slot with the same index.
   struct Worker {
-    pid_t pid = 0;                       // 0: none
-    std::uint64_t served_before = 0;     // requests that its predecessors have answered
-    Clock::time_point start{};           // start time or, without a process, when to start it
-    std::chrono::milliseconds delay{0};  // before it is started again
-    std::optional<Clock::time_point> killed{};  // when it was killed for being stuck
+    WorkerSlot& slot;
+    pid_t pid = 0;             // 0: none
+    std::uint64_t served = 0;  // requests that its predecessors have answered
+    Clock::time_point due{};   // when to start it, if there is none
+    std::chrono::milliseconds delay{0};
   };
 
+  void DoRound(int signal);
   void StartWorkers();
-  bool Start(std::size_t number);
-  [[noreturn]] void Work(WorkerSlot& slot);
-  int AwaitSignal();
+  bool Start(Worker& worker);
+  void Work(WorkerSlot& slot) const;
   void ReapWorkers();
-  void HandleDeath(std::size_t number, int status);
-  void ScheduleStart(Worker& worker, bool has_worked);
+  void Vacate(Worker& worker);
   void AnnounceReadiness();
   void CheckWorkers();
-  void CheckWorker(std::size_t number);
-  bool WaitsForAnother(const WorkerSlot& slot) const;
-  void Abandon(Worker& worker, WorkerSlot& slot);
+  void KillStuckWorker();
   void NotifyWatchdog();
   void Stop();
-  bool EndWorkers(int signal, std::chrono::milliseconds grace);
-  void LogCounters();
+  bool AnyRuns() const;
+  Clock::time_point NextDeadline() const;
+  void LogCounters() const;
 
   Board& board;
   const SupervisorSettings settings;
+  const std::span<WorkerSlot> slots;
   const std::optional<std::chrono::microseconds> watchdog_interval;
   const pid_t supervisor;
   sigset_t signals{};
-  std::vector<Worker> workers;
-  std::vector<pid_t> lingering;  // killed and replaced, but not ended
+  std::vector<Worker> workers;  // in the order of their slots
+  std::size_t dying = 0;        // killed and replaced, but not ended
   Clock::time_point next_check;
   Clock::time_point next_watchdog;
   bool ready = false;

@@ -62,7 +62,7 @@ class [[gnu::visibility("default")]] TokenManager {
   ///
   /// Request: {"service": string, ...}; the service reads the rest. Response: "success", "token".
   /// An installed package must run as the peer's user: the first entry of "/var/packages" whose
-  /// "conf/privilege" (of at most 64 KiB) names the user, or whose own name is the user's.
+  /// "conf/privilege" (of at most 4 MiB) names the user, or whose own name is the user's.
   void IssueToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
   /// Asks the service whether the token permits the request. Any process may validate a token.
@@ -70,6 +70,15 @@ class [[gnu::visibility("default")]] TokenManager {
   /// Request: {"service": string, "token": string, ...}. Response: "success", "permitted". If the
   /// token does not permit the request, "success" is true and "permitted" is false.
   void ValidateToken(const ucred& credential, const Json::Value& request, Json::Value& response);
+
+  /// Asks the service about many payloads of one token, whose record is read once.
+  ///
+  /// Request: {"service": string, "token": string, "payloads": array of at most 256}. Response:
+  /// "success", "permitted": an array with true, false or null for each payload. The service gets
+  /// the request with each payload in turn as "payload"; null means that it threw a
+  /// `std::runtime_error`. Throws when the service takes longer than a second for all. The payloads
+  /// in `request` are used up.
+  void ValidateMany(const ucred& credential, Json::Value& request, Json::Value& response);
 
   /// Deletes the token, which the peer's process must own.
   ///

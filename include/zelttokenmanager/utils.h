@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <string>
+#include <vector>
 
 namespace ZELT::TokenManager {
 
@@ -15,8 +16,8 @@ namespace ZELT::TokenManager {
 //
 // The functions share no state. Any number of threads may call them, also in exit handlers and
 // static destructors. They throw `std::runtime_error` when the daemon cannot be reached, when the
-// request cannot be written as JSON or sent (a message is at most 1 MiB), and when no valid
-// response arrives within 30 seconds. The reason for a refusal is only in the daemon's log.
+// request cannot be sent (a message is at most 1 MiB), and when no valid response arrives within 30
+// seconds. The reason for a refusal is only in the daemon's log.
 
 /// Returns a new token of `service`, owned by this process. The service decides what `payload`
 /// holds. Throws `std::runtime_error` when the daemon refuses.
@@ -28,6 +29,21 @@ namespace ZELT::TokenManager {
 [[gnu::visibility("default")]] bool SendValidateRequest(const std::string& service,
                                                         const std::string& token,
                                                         const Json::Value& payload);
+
+/// What a token says to an operation. It is no `bool`, and no optional one, because those that are
+/// not permitted must not pass for true.
+enum class Verdict {
+  kNotPermitted,
+  kPermitted,
+  kMalformed,  ///< the daemon cannot judge the payload, for example because a member is missing
+};
+
+/// Returns what `token` permits of the operations in `payloads`, at most 256, in their order. One
+/// request costs a fraction of as many calls of `SendValidateRequest`. Throws `std::runtime_error`
+/// when the daemon refuses the whole request: an unknown token, another service's token, too many
+/// payloads. A payload that cannot be judged does not affect the others.
+[[gnu::visibility("default")]] std::vector<Verdict> SendValidateManyRequest(
+    const std::string& service, const std::string& token, const std::vector<Json::Value>& payloads);
 
 /// Deletes `token`, which this process must own. Returns false when the daemon refuses.
 [[gnu::visibility("default")]] bool SendRevokeRequest(const std::string& service,

@@ -3,7 +3,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_CONTACT "Zelt token manager maintainers <maintainers@zelt.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # the first line of each description
-set(CPACK_COMPONENTS_ALL library development daemon)
+set(CPACK_COMPONENTS_ALL library development daemon c_library c_development python)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -48,12 +48,23 @@ A token states what the package of the requesting process is granted. This
 package contains the daemon, which issues, validates, revokes and transfers
 tokens, and the command zelttoken.")
 
+include(${CMAKE_CURRENT_LIST_DIR}/Clients.cmake)
+
 # string(TIMESTAMP) uses SOURCE_DATE_EPOCH if it is set.
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/changelog.in changelog.Debian @ONLY)
 execute_process(COMMAND gzip -n9 -f ${PROJECT_BINARY_DIR}/changelog.Debian
   COMMAND_ERROR_IS_FATAL ANY)
-foreach(component LIBRARY DEVELOPMENT DAEMON)
+
+# Owned by root, and empty until somebody grants something.
+foreach(directory /etc/zelttokenmgr/installed /var/packages)
+  install(DIRECTORY DESTINATION ${directory} COMPONENT daemon)
+endforeach()
+
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
+  DESTINATION share/lintian/overrides RENAME zelttokenmgr COMPONENT daemon)
+
+foreach(component LIBRARY DEVELOPMENT DAEMON C_LIBRARY C_DEVELOPMENT PYTHON)
   string(TOLOWER ${component} name)
   install(FILES ${PROJECT_BINARY_DIR}/changelog.Debian.gz
     DESTINATION share/doc/${CPACK_DEBIAN_${component}_PACKAGE_NAME} COMPONENT ${name})

@@ -5,7 +5,7 @@ set -euo pipefail
 cd /test
 
 readonly socket=/tmp/zelttokenmgr.sock second=/run/zelttokenmgr/socket store=/run/zelttokenmgr/tokens.mdb
-readonly service=zelttokenmgrd.service sockets=zelttokenmgrd.socket state=/var/lib/zelttokenmgr
+readonly service=zelttokenmgrd.service sockets=zelttokenmgrd.socket grants=/etc/zelttokenmgr/installed
 export grant='[{"api":"Demo.Item","method":"get"}]'
 export use='{"api":"Demo.Item","method":"get","runner":"demo"}'
 
@@ -79,6 +79,15 @@ under_load() {
   ((failed <= $1)) || fail "$(sort load.errors | uniq -c | sort -rn | head -5)"
 }
 
+# Makes the package "notes", which brings its grants with it.
+make_notes() {
+  mkdir -p other notes/{DEBIAN,$grants,/var/packages/notes/conf}
+  printf '%s: %s\n' Package notes Version 1 Architecture all Maintainer demo Description notes >notes/DEBIAN/control
+  echo '{"username": "demo"}' >notes/var/packages/notes/conf/privilege
+  echo '{"fastapi": [{"api": "Demo.Item", "method": "get"}]}' >notes/$grants/notes
+  dpkg-deb -b notes other >/dev/null
+}
+
 # -- the steps, in their order ------------------------------------------------------------------
 
 # Files that other users created at the socket's path before the installation do no harm.
@@ -88,6 +97,8 @@ install() {
   useradd -m bob
   useradd dave
   as mallory mkdir -p $socket/full
+  make_notes
+  dpkg -i other/*.deb >/dev/null
   dpkg -i ./*.deb >/dev/null
   expect 0 $'active\nactive' systemctl is-active $service $sockets
   expect 0 'root 666 socket' stat -c '%U %a %F' $socket
@@ -98,9 +109,7 @@ install() {
   expect 0 '' journalctl -q --no-pager -u $service -p warning
   rmdir $socket.??????/full || fail "the file at the path was changed"
   rmdir $socket.??????
-  mkdir -p /var/packages/notes/conf
-  echo '{"username": "demo"}' >/var/packages/notes/conf/privilege
-  echo '{"fastapi": [{"api": "Demo.Item", "method": "get"}]}' >$state/installed/notes
+  expect 0 'root 644' stat -c '%U %a' $grants/notes
   life_of_a_token
 }
 
@@ -360,35 +369,35 @@ EOF
   expect 0 '* orphan *' zelttoken list
 }
 
-# Prints what a purge leaves behind.
+# Prints what a purge leaves behind, apart from the user.
 left_behind() {
   find / -xdev \( -iname '*zelttoken*' -o -nouser -o -user zelttokenmgr \) \
-    ! -path '/proc/*' ! -path '/sys/*' ! -path '/test/*' ! -path '/var/log/*' 2>/dev/null
+    ! -path '/proc/*' ! -path '/sys/*' ! -path '/test/*' ! -path '/var/log/*' ! -path "${grants%/*}*" 2>/dev/null
   find /run /tmp -iname '*zelttoken*' ! -path '/run/log/*'
 }
 
+# Neither package takes files of the other along.
 purge() {
-  (as zelttokenmgr sleep infinity &) 2>/dev/null
-  dpkg -P zelttokenmgr >/dev/null 2>purge.log || fail "$(cat purge.log)"
-  grep -q 'user zelttokenmgr was not removed' purge.log || fail "the user is not mentioned"
+  local state=/var/lib/zelttokenmgr
+  dpkg -P notes >/dev/null
+  expect 0 'root 755' stat -c '%U %a' $grants
+  expect 0 'root 755' stat -c '%U %a' /var/packages
+  dpkg -i other/*.deb >/dev/null
+  (umask 77 && touch $state/tokens.mdb $state/other)
+  ln -s /etc/passwd $state/tokens.mdb-lock
+  dpkg -P zelttokenmgr libzelttokenmanager1 >/dev/null 2>purge.log
+  expect 0 '*lib/zelttokenmgr holds other files*' cat purge.log
   expect 3 $'inactive\ninactive' systemctl is-active $service $sockets
-  pkill -u zelttokenmgr
-  getent passwd zelttokenmgr >/dev/null || fail "the user was removed"
-
-  dpkg -i ./*.deb >/dev/null # over a user that is there
-  dpkg -P zelttokenmgr >/dev/null
-  getent passwd zelttokenmgr >/dev/null || fail "a user that the package did not create was removed"
-  userdel zelttokenmgr
-
-  dpkg -i ./*.deb >/dev/null
-  dpkg -P zelttokenmgr libzelttokenmanager1 >/dev/null
+  expect 0 other ls $state
+  expect 0 '' dpkg -V notes
+  expect 0 'root:*' getent passwd root
+  rm -r $state
   expect 0 '' left_behind
-  expect 2 '' getent passwd zelttokenmgr
 }
 
 # -- the steps of the virtual machine, which reboots after each of the first two --------------------
 
-readonly on_disk=$state/tokens.mdb kept=/var/lib/test-system
+readonly on_disk=/var/lib/zelttokenmgr/tokens.mdb kept=/var/lib/test-system
 
 # This kernel passes descriptors on. Other clients are served however long closing them takes.
 descriptors() {

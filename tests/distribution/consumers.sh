@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs into a temporary directory, and builds and runs a program against it with CMake and with
-# pkg-config.
+# pkg-config, and an example in C.
 # Usage: consumers.sh SOURCE BUILD
 set -eu
 source=$1
@@ -19,3 +19,8 @@ export PKG_CONFIG_PATH
 "${CXX:-c++}" -std=c++17 "$source/tests/distribution/consumer.cpp" \
   -o "$installed/consumer" $(pkg-config --cflags --libs zelttokenmanager)
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir zelttokenmanager) "$installed/consumer"
+
+# shellcheck disable=SC2046 # several words
+gcc -std=c11 -Wall -Wextra -Wpedantic -Wstrict-prototypes -Wconversion -Werror \
+  "$source/examples/client.c" -o "$installed/client" $(pkg-config --cflags --libs zelttoken)
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir zelttoken) "$installed/client" || [ $? -eq 64 ]

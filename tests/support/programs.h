@@ -81,7 +81,7 @@ struct ProgramsTest : PrivateFiles {
     WriteFile("/tmp/run", Requoted(kRun));
     WriteFile("/tmp/newline", "\n");
     WriteFile("/var/packages/root", "");
-    WriteFile("/var/lib/zelttokenmgr/installed/root", Requoted("{'fastapi':" + kGet + "}"));
+    WriteFile("/etc/zelttokenmgr/installed/root", Requoted("{'fastapi':" + kGet + "}"));
   }
 };
 

@@ -93,7 +93,7 @@ inline std::string ReadFile(const std::string& path) {
 }
 
 // Enters a mount namespace, if need be in a user namespace in which this user is root
-// (user_namespaces(7)), and binds empty files over the machine's users and groups.
+// (user_namespaces(7)), and hides the machine's /tmp and /etc.
 inline void EnterPrivateMachine() {
   const std::string user = "0 " + std::to_string(getuid()) + " 1";
   const std::string group = "0 " + std::to_string(getgid()) + " 1";
@@ -104,15 +104,10 @@ inline void EnterPrivateMachine() {
     WriteFile("/proc/self/gid_map", group);
   }
   Check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "/");
-  MountEmpty("/tmp", "mode=755");
-  for (const std::string file : {"passwd", "group"}) {
-    WriteFile("/tmp/" + file, "");
-    Check(mount(("/tmp/" + file).c_str(), ("/etc/" + file).c_str(), nullptr, MS_BIND, nullptr),
-          file);
-  }
+  for (const char* directory : {"/tmp", "/etc"}) MountEmpty(directory, "mode=755");
 }
 
-/// A test on a machine of its own: an empty /tmp, an empty /var/packages, and the users alice
+/// A test on a machine of its own: an empty /tmp, /etc and /var/packages, and the users alice
 /// (4001), bob (4002), any (4003) and carol (4004), all in "users" and bob in "staff". Needs to be
 /// root, or user namespaces; without either the test is skipped.
 class PrivateFiles : public testing::Test {
@@ -120,7 +115,7 @@ class PrivateFiles : public testing::Test {
   void SetUp() override {
     static const std::string entered = Outcome(EnterPrivateMachine);  // once for the process
     if (entered != "done") GTEST_SKIP() << "no private machine: " << entered;
-    for (const char* directory : {"/tmp", "/var"}) MountEmpty(directory, "mode=755");
+    for (const char* directory : {"/tmp", "/var", "/etc"}) MountEmpty(directory, "mode=755");
     fs::create_directory("/var/packages");
     WriteFile("/etc/passwd",
               "root:x:0:0::/:/bin/sh\nalice:x:4001:4100::/:/bin/sh\nbob:x:4002:4100::/:/bin/sh\n"

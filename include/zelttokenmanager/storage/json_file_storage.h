@@ -30,7 +30,7 @@ class [[gnu::visibility("default")]] JsonFileStorage : public TokenStorage {
   ~JsonFileStorage() override;
 
   /// Appends a record. If not all of it can be written, the file is truncated to its former size if
-  /// possible. Data that cannot be written as JSON changes nothing.
+  /// possible.
   void Insert(const std::string& token, const Json::Value& data) override;
 
   /// Deletes the first record of `token`, if there is one.
