@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <utility>
@@ -15,6 +16,8 @@
 
 namespace ZELT::TokenManager {
 namespace {
+
+constexpr FileProblem kTooLarge = {.text = "larger than 4 MiB"};
 
 Json::StreamWriterBuilder OnOneLine() {
   Json::StreamWriterBuilder builder;
@@ -30,37 +33,23 @@ Json::CharReaderBuilder WithoutComments() {
   return builder;
 }
 
-bool ReadAll(int file, std::string& text) {
-  std::array<char, 16384> chunk;  // NOLINT(*-member-init): written before it is read
-  for (;;) {
-    const ssize_t count = read(file, chunk.data(), chunk.size());
-    if (count == 0) return true;
-    if (count < 0 && errno != EINTR) return false;
-    if (count > 0) text.append(chunk.data(), static_cast<std::size_t>(count));
-    if (text.size() > kMaxFileBytes) return false;
-  }
-}
-
-}  // namespace
-
 // Builders take longer to make than a text to parse. They are never destroyed, so that handlers of
 // atexit(3) and static destructors can use them.
 
-std::string toString(const Json::Value& value) {
+std::unique_ptr<Json::StreamWriter> MakeWriter() {
   static const auto& builder = *new Json::StreamWriterBuilder(OnOneLine());
-  const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
-  std::ostringstream text;
-  text.exceptions(std::ios::badbit);  // otherwise a failed allocation only cuts the text off
-  writer->write(value, &text);
-  return std::move(text).str();
+  return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
 }
 
-bool fromString(const std::string& text, Json::Value& value) {
+std::unique_ptr<Json::CharReader> MakeReader() {
   static const auto& builder = *new Json::CharReaderBuilder(WithoutComments());
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+}
+
+bool Parse(Json::CharReader& reader, const std::string& text, Json::Value& value) {
   Json::Value parsed;
   try {
-    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, nullptr)) return false;
+    if (!reader.parse(text.data(), text.data() + text.size(), &parsed, nullptr)) return false;
   } catch (const Json::Exception&) {  // nested too deeply
     return false;
   }
@@ -68,13 +57,55 @@ bool fromString(const std::string& text, Json::Value& value) {
   return true;
 }
 
-bool fromFile(const std::string& path, Json::Value& value) {
+FileProblem SystemProblem() { return {.text = strerrordesc_np(errno), .error = errno}; }
+
+// `size` is the file's: it only saves a last read(2) that returns 0, because some regular files
+// report no size (proc(5)), and a file may grow.
+FileProblem ReadAll(int file, off_t size, std::string& text) {
+  std::array<char, 16384> chunk;  // NOLINT(*-member-init): written before it is read
+  for (;;) {
+    const ssize_t count = read(file, chunk.data(), chunk.size());
+    if (count < 0 && errno != EINTR) return SystemProblem();
+    if (count > 0) text.append(chunk.data(), static_cast<std::size_t>(count));
+    if (text.size() > kMaxFileBytes) return kTooLarge;
+    if (count == 0 || std::cmp_equal(text.size(), size)) return {};
+  }
+}
+
+FileProblem ReadRegularFile(int directory, const char* path, std::string& text) {
   // Without O_NONBLOCK, opening a FIFO waits for a writer (fifo(7)).
-  const OwnedDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const OwnedDescriptor file(openat(directory, path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status {};
-  std::string text;
-  return file.IsOpen() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
-         ReadAll(file.Get(), text) && fromString(text, value);
+  text.clear();
+  if (!file.IsOpen() || fstat(file.Get(), &status) != 0) return SystemProblem();
+  if (!S_ISREG(status.st_mode)) return {.text = "not a regular file"};
+  if (std::cmp_greater(status.st_size, kMaxFileBytes)) return kTooLarge;
+  return ReadAll(file.Get(), status.st_size, text);
+}
+
+}  // namespace
+
+std::string toString(const Json::Value& value) {
+  std::ostringstream text;
+  text.exceptions(std::ios::badbit);  // otherwise a failed allocation only cuts the text off
+  MakeWriter()->write(value, &text);
+  return std::move(text).str();
+}
+
+bool fromString(const std::string& text, Json::Value& value) {
+  return Parse(*MakeReader(), text, value);
+}
+
+JsonFileReader::JsonFileReader() : reader(MakeReader()) {}
+
+FileProblem JsonFileReader::Read(int directory, const char* path, Json::Value& value) {
+  const FileProblem problem = ReadRegularFile(directory, path, text);
+  if (problem.text != nullptr || Parse(*reader, text, value)) return problem;
+  return {.text = "not JSON"};
+}
+
+bool fromFile(const std::string& path, Json::Value& value) {
+  return JsonFileReader().Read(AT_FDCWD, path.c_str(), value).text == nullptr;
 }
 
 }  // namespace ZELT::TokenManager

@@ -9,6 +9,7 @@
 #include "expect.h"
 #include "json_text.h"
 #include "strict_json.h"
+#include "write_json.h"
 
 namespace {
 
@@ -75,6 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   const std::string written = toString(ours);
+  Expect(written == WriteJson(ours), "both write the same");
   Json::Value again;
   Expect(ReadStrictJson(written, again) && HaveSameTypes(ours, again) && toString(again) == written,
          "what was written is read again");

@@ -1,11 +1,13 @@
 #include "zelttokenmanager/token_manager.h"
 
+#include <fcntl.h>
 #include <json/value.h>
 #include <unistd.h>
 
 #include <boost/filesystem/directory.hpp>
 #include <boost/filesystem/path.hpp>
 #include <chrono>
+#include <exception>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -38,28 +40,58 @@ constexpr unsigned int kMaxChecks = 256;
 constexpr std::chrono::seconds kMaxCheckTime{1};
 
 std::string UserName(uid_t uid) {
-  ZELTUser* found = nullptr;
-  const int result = ZELTUserGetLocalByUID(uid, &found);
-  const std::unique_ptr<ZELTUser, void (*)(ZELTUser*)> user(found, ZELTUserFree);
-  if (result != 0) throw std::runtime_error("token_manager.cpp:35 failed to get username from uid");
-  return user->name;
+  // Freed also when there is none, as the platform demands after each lookup.
+  struct Lookup {
+    ~Lookup() { ZELTUserFree(user); }
+    ZELTUser* user = nullptr;
+  } lookup;
+  if (ZELTUserGetLocalByUID(uid, &lookup.user) != 0) {
+    throw std::runtime_error("token_manager.cpp:35 failed to get username from uid");
+  }
+  return lookup.user->name;
 }
 
-// Returns the user that the package in `directory` runs as. This is the user with the package's
-// name if the privilege file is missing, too large, unreadable, or does not name a user.
-std::string PackageUser(const boost::filesystem::path& directory, const std::string& package) {
-  Json::Value privilege;
-  fromFile((directory / kPrivilegeFile).native(), privilege);
-  std::string username = TextOf(MemberOrNull(privilege, "username"));
-  return username.empty() ? package : username;
+// Throws `error`. Who wants to know more finds `cause` nested in it (std::rethrow_if_nested).
+[[noreturn]] void Throw(const char* error, const std::string& cause) {
+  try {
+    throw std::runtime_error(cause);
+  } catch (...) {
+    std::throw_with_nested(std::runtime_error(error));
+  }
 }
+
+// Why no package was found: mistakes in privilege files, which make packages run as other users.
+class Mistakes {
+ public:
+  void Add(const std::string& entry, const char* problem) {
+    if (problem == nullptr || ++found > kNamed) return;
+    text += std::string("; ") + kPackages + '/' + entry + '/' + kPrivilegeFile + ": " + problem;
+  }
+  std::string Text(const std::string& user) const {
+    return std::string("no package in ") + kPackages + " runs as \"" + user + '"' + text;
+  }
+
+ private:
+  static constexpr std::size_t kNamed = 3;  // more would only make the text longer
+
+  std::size_t found = 0;
+  std::string text;
+};
 
 std::string PackageOf(const std::string& user) {
-  for (const auto& entry : boost::filesystem::directory_iterator(kPackages)) {
-    std::string package = entry.path().stem().native();
-    if (PackageUser(entry.path(), package) == user) return package;
+  boost::filesystem::directory_iterator entries(kPackages);
+  PrivilegeReader reader;
+  Mistakes mistakes;
+  for (const auto& each : entries) {
+    const std::string entry = each.path().filename().native();
+    const std::string_view package = PackageName(entry);
+    const Privilege privilege = reader.Read(entry);
+    if (user == (privilege.username.empty() ? package : privilege.username)) {
+      return std::string(package);
+    }
+    mistakes.Add(entry, privilege.problem);
   }
-  throw std::runtime_error("token_manager.cpp:66 failed to get package name from uid");
+  Throw("token_manager.cpp:66 failed to get package name from uid", mistakes.Text(user));
 }
 
 Json::Value RecordToValidate(const TokenManager& manager, const Json::Value& request) {
@@ -148,11 +180,11 @@ void TokenManager::RemoveTokenInformation(const std::string& token) const {
 }
 
 Json::Value TokenManager::GetInstalledConfig(const std::string& package) const {
+  const std::string path = installed_config + "/" + package;
   Json::Value config;
-  if (!fromFile(installed_config + "/" + package, config)) {
-    throw std::runtime_error("token_manager.cpp:260 failed to get installed config");
-  }
-  return config;
+  const FileProblem problem = JsonFileReader().Read(AT_FDCWD, path.c_str(), config);
+  if (problem.text == nullptr) return config;
+  Throw("token_manager.cpp:260 failed to get installed config", path + ": " + problem.text);
 }
 
 void TokenManager::IssueToken(const ucred& credential, const Json::Value& request,

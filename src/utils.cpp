@@ -1,17 +1,23 @@
 #include "zelttokenmanager/utils.h"
 
+#include <functional>
+#include <memory>
+#include <set>
 #include <stdexcept>
 #include <string_view>
 
 #include "daemon_connection.h"
-#include "group_lookup.h"
 #include "json_member.h"
 #include "json_text.h"
+#include "zeltsystem/group.h"
 
 namespace ZELT::TokenManager {
 namespace {
 
+using Groups = std::set<std::string, std::less<>>;
+
 constexpr char kGroupMark = '@';
+constexpr int kAllGroups = 1;  // for QLIBGroupInfoListGet: primary and supplementary
 
 Json::Value SendRequest(const Json::Value& request) {
   const auto connection = ConnectToDaemon();
@@ -62,9 +68,19 @@ Verdict VerdictOf(const Json::Value& permitted) {
 
 bool IsGroup(std::string_view identity) { return identity.starts_with(kGroupMark); }
 
+Groups GroupsOfUser(const std::string& user) {
+  // A name with a NUL byte would be looked up as the shorter name before it.
+  const bool is_name = user.find('\0') == std::string::npos;
+  const std::unique_ptr<QLIBCSzList, void (*)(QLIBCSzList*)> list(
+      is_name ? QLIBGroupInfoListGet(user.c_str(), kAllGroups) : nullptr, QLIBCSzListFree);
+  if (!list) throw std::runtime_error("utils.cpp:37 failed to lookup groups of user");
+  Groups groups;
+  while (const char* group = QLIBCSzListShift(list.get())) groups.emplace(group);
+  return groups;
+}
+
 bool IsInList(const std::string& identity, const Json::Value& permitted) {
-  GroupLookup lookup;
-  const GroupLookup::Groups& groups = lookup.Of(identity);
+  const Groups groups = IsGroup(identity) ? Groups{identity.substr(1)} : GroupsOfUser(identity);
   for (const Json::Value& element : permitted) {
     const std::string_view name = ExpectString(element, "utils.cpp:170");
     if (IsGroup(name) ? groups.contains(name.substr(1)) : name == identity) return true;

@@ -5,6 +5,7 @@
 
 #include "strict_json.h"
 #include "support/tables.h"
+#include "write_json.h"
 
 namespace ZELT::TokenManager::JsonTextTests {
 
@@ -41,6 +42,7 @@ void CheckAgainstJsoncpp(const std::string& text) {
   EXPECT_EQ(fromString(text, ours), accepted) << text;
   EXPECT_TRUE(ours == (accepted ? theirs : "unchanged")) << text;
   EXPECT_EQ(toString(ours).find('\n'), std::string::npos) << text;
+  EXPECT_EQ(WriteJson(ours), toString(ours));
 }
 
 TEST_F(JsonTextTest, IsReadByTheLibraryAsByJsoncpp) {

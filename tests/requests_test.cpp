@@ -89,7 +89,41 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
   EXPECT_EQ(worker.Validate(token), kPermitted);
   fs::remove_all("/var/packages");
   const std::string log = Logged([&] { worker.Issue(); });
-  EXPECT_NE(log.find("reason=\"/var/packages: No such file or directory\"\n"), log.npos);
+  EXPECT_NE(log.find("No such file or directory: "), log.npos);
+}
+
+TEST_F(WorkerTest, LooksForAPackageOfAUserOnceASecond) {
+  Worker worker;
+  const auto log = [&] { return Logged([&] { worker.Issue(kCarol); }); };
+  EXPECT_TRUE(Eventually([&] {
+    WriteFile("/var/packages/shop/conf/privilege", "{");
+    const std::string looked = log();
+    fs::remove_all("/var/packages/shop");
+    return looked.find("shop/conf/privilege: not JSON") != looked.npos && log() == looked;
+  }));
+  WriteFile("/var/packages/carol", "");
+  WriteFile(kInstalled + "/carol", Requoted("{'fastapi':[{'api':'A','method':'m'}]}"));
+  EXPECT_TRUE(Eventually([&] { return !worker.Issue(kCarol).empty(); }));
+}
+
+TEST(UsersWithoutPackageTest, AreForgottenAfterASecondOrWhenTheyAreTooMany) {
+  UsersWithoutPackage users;
+  const auto remember = [&](uid_t user) {
+    try {
+      throw std::runtime_error(std::to_string(user));
+    } catch (...) {
+      users.Remember(user, {});
+    }
+  };
+  const auto refuse = [&](uid_t user, std::chrono::milliseconds time) {
+    return Outcome([&] { users.Refuse(user, UsersWithoutPackage::Clock::time_point(time)); });
+  };
+  for (uid_t user = 0; user < UsersWithoutPackage::kMaxUsers; ++user) remember(user);
+  using std::chrono::milliseconds;
+  EXPECT_EQ((Cells{refuse(1, milliseconds(999)), refuse(2, milliseconds(1000))}),
+            (Cells{"1", "done"}));
+  for (const uid_t user : {2000U, 2001U}) remember(user);
+  EXPECT_EQ((Cells{refuse(3, {}), refuse(2001, {})}), (Cells{"done", "2001"}));
 }
 
 TEST_F(WorkerTest, TakesATokenThroughItsLifeAndNotesIt) {
@@ -226,7 +260,7 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
 
 // The example in the documentation.
 TEST(PrintingTest, GrantsPrintersAndPermitsUsers) {
-  CheckService<TokenManager::Printing>("printing");
+  CheckService<Printing>("printing");
 }
 
 }  // namespace ZELT::RequestsTests

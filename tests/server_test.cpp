@@ -145,14 +145,6 @@ TEST_F(ServerTest, WholeRequestsAreNeverGivenUp) {
   });
 }
 
-TEST_F(ServerTest, ARequestThatIsTooLongIsCutAndAnswered) {
-  TestServer server(kPath);
-  server.While(Echo, [] {
-    Client client(kPath, std::string(zeltdaemon::kMaxRequestBytes + 20000, 'x') + "\n");
-    EXPECT_EQ(client.Answer().size(), zeltdaemon::kMaxRequestBytes + 1);
-  });
-}
-
 TEST_F(ServerTest, EachAccountHasItsLinesInTheLog) {
   TestServer server(kPath);
   Clients clients;

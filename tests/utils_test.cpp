@@ -41,6 +41,36 @@ TEST_F(UtilsTest, ClientsSendOneRequestAndReadOneResponse) {
   }
 }
 
+struct Framing {
+  const char* answer;
+  bool reads_to_the_end = false;  // of the client's stream, before it answers
+  bool closes = false;
+};
+
+// How daemons may frame their messages.
+const Framing kFramings[] = {{.answer = R"({"success":true})", .closes = true},
+                             {.answer = R"({"success":true})"},
+                             {.answer = "{\"success\":true}\n", .reads_to_the_end = true},
+                             {.answer = "{\n \"success\" : true\n}\n"},
+                             {.answer = "\n\r\n{\"a\":[\"\\\"}\\\\\",{}],\"success\":true}"},
+                             {.answer = "\xef\xbb\xbf{\"success\":true} more"}};
+
+TEST_F(UtilsTest, ClientsUnderstandDaemonsThatFrameMessagesInOtherWays) {
+  const OwnedDescriptor daemon = ListenAt(kSocketPath);
+  for (const Framing& framing : kFramings) {
+    OwnedDescriptor connection;
+    const std::jthread client([&] { EXPECT_EQ(Send("revoke"), "true") << framing.answer; });
+    connection = OwnedDescriptor(accept(daemon.Get(), nullptr, nullptr));
+    for (char c = 0; read(connection.Get(), &c, 1) == 1;) {
+      if (c == '\n' && !framing.reads_to_the_end) break;
+    }
+    for (const char* c = framing.answer; *c != '\0'; ++c) {
+      send(connection.Get(), c, 1, MSG_NOSIGNAL);
+    }
+    if (framing.closes) connection.Close();
+  }
+}
+
 TEST_F(UtilsTest, NeedADaemonARequestThatCanBeSentAndASocket) {
   MountEmpty("/run", "mode=755");
   const long descriptors = OpenDescriptors();

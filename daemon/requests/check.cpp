@@ -14,6 +14,7 @@
 #include "escaped_text.h"
 #include "json_text.h"
 #include "packages.h"
+#include "request_log.h"
 #include "services.h"
 #include "strict_json.h"
 #include "user_limits.h"
@@ -197,15 +198,12 @@ int CheckIssue(const std::string& installed_config, const std::string& user,
     output << "the payload is not JSON\n";
     return EX_USAGE;
   }
-  uid_t uid = 0;
   try {
-    uid = UserId(user);
-    output << toString(WouldGrant(installed_config, uid, request)) << '\n';
+    output << toString(WouldGrant(installed_config, UserId(user), request)) << '\n';
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
-    const Refusal refusal = Explain(error.what(), uid, installed_config);
-    const std::string cause = refusal.cause.empty() ? "" : " (" + refusal.cause + ")";
-    output << Escaped(refusal.reason + cause) << '\n';
+    const std::string cause = CauseOf(error);
+    output << Escaped(error.what() + (cause.empty() ? "" : " (" + cause + ")")) << '\n';
     return EXIT_FAILURE;
   }
 }

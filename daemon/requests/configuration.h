@@ -27,12 +27,3 @@ std::string ReadConfiguration(const std::string& path, Json::Value& configuratio
 /// Returns the paths of the installed configurations in `directory`, sorted. Throws
 /// `std::runtime_error` when they cannot be listed.
 std::vector<std::string> ListFiles(const std::string& directory);
-
-/// Why an issue request was refused, for an administrator.
-struct Refusal {
-  std::string reason;
-  std::string cause;  ///< the file or directory to blame, and why; may be empty
-};
-
-/// Finds the cause of a refusal for `reason`, the text that the library threw for the user `uid`.
-Refusal Explain(const std::string& reason, uid_t uid, const std::string& installed_config);

@@ -10,13 +10,13 @@
 #include <utility>
 
 #include "json_member.h"
-#include "json_text.h"
 #include "log.h"
 #include "message.h"
 #include "request_log.h"
 #include "services.h"
 #include "strict_json.h"
 #include "token_shape.h"
+#include "write_json.h"
 
 using namespace ZELT::TokenManager;
 using Clock = std::chrono::steady_clock;
@@ -32,6 +32,8 @@ constexpr std::size_t kMaxValues = 10000;
 // Refusals contain nothing else, even if the operation had begun its response.
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
+
+constexpr std::string_view kNoPackage = "token_manager.cpp:66 ";  // what the library throws
 
 bool HoldsTooManyValues(const std::string& text) {
   const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
@@ -128,7 +130,7 @@ void Inspect(TokenStore& store, const Json::Value& request, Json::Value& respons
 // Leaves room for the newline that the server appends.
 std::string Success(Json::Value& response) {
   response[Json::StaticString("success")] = true;
-  std::string text = toString(response);
+  std::string text = WriteJson(response);
   text.reserve(text.size() + 1);
   return text;
 }
@@ -161,7 +163,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
     answer = IsUnjudged(response, refusal) ? kUnjudged : kRefused;
-    Refuse(peer, request, refusal.what());
+    Refuse(peer, request, refusal);
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
   Set(slot.activity, Activity::kIdle);
@@ -228,8 +230,7 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   std::string details;
   switch (slot.type) {
     case RequestType::kIssue:
-      ExpectFewGrants(request["payload"]);
-      manager.IssueToken(peer.credential, request, response);
+      Issue(peer, request, response);
       break;
     case RequestType::kTransfer:
       manager.TransferToken(peer.credential, request, response);
@@ -244,6 +245,19 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
 }
 
+void RequestHandler::Issue(const Peer& peer, const Json::Value& request, Json::Value& response) {
+  ExpectFewGrants(request["payload"]);
+  const uid_t user = peer.credential.uid;
+  without_package.Refuse(user, Clock::now());
+  try {
+    manager.IssueToken(peer.credential, request, response);
+  } catch (const std::runtime_error& refusal) {
+    const bool has_no_package = std::string_view(refusal.what()).starts_with(kNoPackage);
+    if (has_no_package) without_package.Remember(user, Clock::now());
+    throw;
+  }
+}
+
 std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
                                                    const std::vector<TokenRow>& dropped) const {
   std::vector<std::string> lines;
@@ -256,11 +270,8 @@ std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
 }
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
-                            const std::string& reason) {
+                            const std::exception& refusal) {
   Count(CounterOf(slot.type, slot.refused));
   if (peer.lines != nullptr && !peer.lines->Take()) return;
-  const bool issues = slot.type == RequestType::kIssue;
-  LogRefusal(peer, request,
-             issues ? Explain(reason, peer.credential.uid, settings.installed_config)
-                    : Refusal{reason, ""});
+  LogRefusal(peer, request, refusal);
 }

@@ -9,9 +9,9 @@
 
 #include "administration.h"
 #include "board.h"
-#include "configuration.h"
 #include "peer.h"
 #include "token_store.h"
+#include "users_without_package.h"
 #include "zelttokenmanager/token_manager.h"
 
 struct RequestSettings {
@@ -44,9 +44,10 @@ class RequestHandler {
   std::string Change(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,
                                     Json::Value& response);
+  void Issue(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> AuditDrop(const Peer& peer, const std::vector<TokenRow>& dropped) const;
 
-  void Refuse(const Peer& peer, const Json::Value& request, const std::string& reason);
+  void Refuse(const Peer& peer, const Json::Value& request, const std::exception& refusal);
 
   TokenStore& store;
   Board& board;
@@ -54,4 +55,5 @@ class RequestHandler {
   const RequestSettings settings;
   ZELT::TokenManager::TokenManager manager;
   Administration administration;
+  UsersWithoutPackage without_package;
 };

@@ -60,15 +60,25 @@ Text<> LoggableMember(const Json::Value& request, const char* member) {
 
 }  // namespace
 
-void LogRefusal(const Peer& peer, const Json::Value& request, const Refusal& refusal) {
+std::string CauseOf(const std::exception& refusal) {
+  try {
+    std::rethrow_if_nested(refusal);
+    return "";
+  } catch (const std::exception& cause) {
+    return cause.what();
+  }
+}
+
+void LogRefusal(const Peer& peer, const Json::Value& request, const std::exception& refusal) {
+  const std::string found = CauseOf(refusal);
   std::array<char, kLongestCause + 16> cause{};  // with its name
-  if (!refusal.cause.empty()) {
-    const auto text = Quoted<kLongestCause>(refusal.cause);
+  if (!found.empty()) {
+    const auto text = Quoted<kLongestCause>(found);
     std::snprintf(cause.data(), cause.size(), " cause=%s", text.data());
   }
   Log(LOG_NOTICE, "refused pid=%d uid=%u type=%s service=%s reason=%s%s", peer.credential.pid,
       peer.credential.uid, LoggableMember(request, "type").data(),
-      LoggableMember(request, "service").data(), Loggable(refusal.reason).data(), cause.data());
+      LoggableMember(request, "service").data(), Loggable(refusal.what()).data(), cause.data());
 }
 
 std::string AuditLine(const Peer& peer, const char* what, std::uint64_t id,

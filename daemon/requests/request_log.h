@@ -4,14 +4,18 @@
 #include <json/value.h>
 
 #include <cstdint>
+#include <exception>
 #include <string>
 
-#include "configuration.h"
 #include "peer.h"
 
-/// Logs why a request was refused, with its type and service and the process and user that sent it.
-/// `request` need not be an object.
-void LogRefusal(const Peer& peer, const Json::Value& request, const Refusal& refusal);
+/// Returns what the library names as the cause of a refusal, a file or directory and what is wrong
+/// with it: the text of the exception nested in `refusal`. Empty if there is none.
+std::string CauseOf(const std::exception& refusal);
+
+/// Logs why a request was refused: the process and user that sent it, its type and service, the
+/// text of `refusal`, and its cause. `request` need not be an object.
+void LogRefusal(const Peer& peer, const Json::Value& request, const std::exception& refusal);
 
 /// Returns the line of the audit for a change of a token by `peer`. `what` is one of "issue",
 /// "revoke", "transfer" and "drop"; `details` has the form " name=value".

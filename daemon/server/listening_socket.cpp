@@ -144,9 +144,10 @@ int ListenAt(const std::string& path) {
   const std::string beside = NameBeside(path);
   OwnedDescriptor listener = BindAndListen(beside);
   if (rename(beside.c_str(), path.c_str()) == 0) return listener.Release();
-  const auto error = SystemError("cannot listen on " + path);
+  const int error = errno;
   unlink(beside.c_str());
-  throw error;
+  errno = error;
+  throw SystemError("cannot listen on " + path);
 }
 
 std::string AddressOf(int socket) {

@@ -10,11 +10,11 @@
 #include "json_text.h"
 #include "store_file.h"
 #include "strict_json.h"
+#include "write_json.h"
 
 using ZELT::TokenManager::fromString;
 using ZELT::TokenManager::MemberOrNull;
 using ZELT::TokenManager::TextOf;
-using ZELT::TokenManager::toString;
 
 namespace {
 
@@ -102,7 +102,7 @@ void IndexedStore::Rollback() noexcept {
 }
 
 void IndexedStore::Insert(const std::string& token, const Json::Value& data) {
-  const std::string text = toString(data);
+  const std::string text = WriteJson(data);
   if (removed && removed->token == token) return Transfer(data, text);
   Issue(token, data, text);
 }

@@ -18,7 +18,7 @@ using ZELT::TokenManager::OwnedDescriptor;
 namespace {
 
 std::system_error SystemError(const char* call) {
-  return std::system_error(errno, std::generic_category(), call);
+  return {errno, std::generic_category(), call};
 }
 
 [[noreturn]] void Run(const std::function<void()>& work, int report) {

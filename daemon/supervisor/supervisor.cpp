@@ -91,8 +91,7 @@ void LogEnd(pid_t worker, int status) {
 
 void IgnoreSignals() {
   for (int number = 1; number <= SIGRTMAX; ++number) {
-    const bool is_needed =
-        std::find(kNotIgnored.begin(), kNotIgnored.end(), number) != kNotIgnored.end();
+    const bool is_needed = std::ranges::count(kNotIgnored, number) > 0;
     signal(number, is_needed ? SIG_DFL : SIG_IGN);
   }
 }
@@ -116,7 +115,12 @@ Supervisor::Supervisor(Board& shared_board, SupervisorSettings supervisor_settin
   for (WorkerSlot& slot : slots) workers.push_back({.slot = slot});
 }
 
+// Clients that come now are served, even if the workers need a moment: the sockets listen, and the
+// store was tried before.
 void Supervisor::Run() {
+  StartWorkers();
+  Log(LOG_NOTICE, "ready, serving %s with %u workers", settings.serving.c_str(), settings.workers);
+  NotifyServiceManager("READY=1");
   for (int signal = -1; signal != SIGTERM && signal != SIGINT;) {
     try {
       DoRound(signal);
@@ -131,19 +135,17 @@ void Supervisor::Run() {
 void Supervisor::DoRound(int signal) {
   ReapWorkers();
   StartWorkers();
-  AnnounceReadiness();
   if (Clock::now() >= next_check) CheckWorkers();
   if (signal == SIGUSR1) LogCounters();
 }
 
 void Supervisor::StartWorkers() {
   for (Worker& worker : workers) {
-    const bool is_due = worker.pid == 0 && worker.due <= Clock::now();
-    if (is_due && !Start(worker)) return;  // the others would fail too
+    if (worker.pid == 0 && worker.due <= Clock::now()) Start(worker);
   }
 }
 
-bool Supervisor::Start(Worker& worker) {
+void Supervisor::Start(Worker& worker) {
   worker.slot.activity = Activity::kStarting;
   worker.slot.seen = Now().count();
   worker.served = Served(worker.slot);
@@ -159,7 +161,6 @@ bool Supervisor::Start(Worker& worker) {
     worker.slot.pid = worker.pid = pid;
   }
   fork_fails = pid < 0;
-  return !fork_fails;
 }
 
 // Runs in the forked process.
@@ -178,8 +179,11 @@ void Supervisor::ReapWorkers() {
   while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
     if (!WasToldToEnd(status)) ++board.deaths;
     const auto ended = std::ranges::find(workers, pid, &Worker::pid);
-    if (ended != workers.end()) Vacate(*ended);
-    dying -= ended == workers.end() ? 1 : 0;
+    if (ended != workers.end()) {
+      Vacate(*ended);
+    } else if (dying > 0) {  // not a child from before exec(3)
+      --dying;
+    }
     LogEnd(pid, status);
   }
 }
@@ -190,15 +194,6 @@ void Supervisor::Vacate(Worker& worker) {
   worker.delay =
       has_served ? milliseconds(0) : std::clamp(2 * worker.delay, kFirstDelay, kLongestDelay);
   worker.due = Clock::now() + worker.delay;
-}
-
-// The sockets listen, and the store was tried before: clients that come now are served, even if the
-// workers need a moment.
-void Supervisor::AnnounceReadiness() {
-  if (ready || !AnyRuns()) return;
-  ready = true;
-  Log(LOG_NOTICE, "ready, serving %s with %u workers", settings.serving.c_str(), settings.workers);
-  NotifyServiceManager("READY=1");
 }
 
 void Supervisor::CheckWorkers() {
@@ -225,8 +220,8 @@ void Supervisor::KillStuckWorker() {
 }
 
 void Supervisor::NotifyWatchdog() {
-  if (!watchdog_interval || Clock::now() < next_watchdog) return;
-  if (!AnyResponds(slots, settings.request_timeout)) return;
+  const bool is_due = watchdog_interval && Clock::now() >= next_watchdog;
+  if (!is_due || !AnyResponds(slots, settings.request_timeout)) return;
   NotifyServiceManager("WATCHDOG=1");
   next_watchdog = Clock::now() + *watchdog_interval;
 }
@@ -264,7 +259,7 @@ void Supervisor::LogCounters() const {
   for (std::size_t type = 0; type < kRequestTypes; ++type) {
     std::uint64_t done = 0;
     std::uint64_t refused = 0;
-    for (const WorkerSlot& slot : board.slots) {
+    for (const WorkerSlot& slot : slots) {
       done += slot.done[type];
       refused += slot.refused[type];
     }

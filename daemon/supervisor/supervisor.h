@@ -67,11 +67,10 @@ class Supervisor {
 
   void DoRound(int signal);
   void StartWorkers();
-  bool Start(Worker& worker);
+  void Start(Worker& worker);
   void Work(WorkerSlot& slot) const;
   void ReapWorkers();
   void Vacate(Worker& worker);
-  void AnnounceReadiness();
   void CheckWorkers();
   void KillStuckWorker();
   void NotifyWatchdog();
@@ -90,6 +89,5 @@ class Supervisor {
   std::size_t dying = 0;        // killed and replaced, but not ended
   Clock::time_point next_check;
   Clock::time_point next_watchdog;
-  bool ready = false;
   bool fork_fails = false;
 };

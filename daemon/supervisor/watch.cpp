@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <array>
 #include <tuple>
 
 #include "log.h"
@@ -13,18 +14,9 @@ std::chrono::nanoseconds TimeSinceSeen(const WorkerSlot& slot) {
   return std::chrono::steady_clock::now().time_since_epoch() - std::chrono::nanoseconds(slot.seen);
 }
 
-const char* Doing(Activity activity) {
-  switch (activity) {
-    case Activity::kStarting:
-      return "starting";
-    case Activity::kIdle:
-      return "idle";
-    case Activity::kServing:
-      return "serving";
-    case Activity::kWaitingForStore:
-      return "waiting for the store";
-  }
-  return "damaged";
+// A damaged value reads as the last name.
+const char* NameOf(auto value, const auto& names) {
+  return names[std::min(static_cast<std::size_t>(value), names.size() - 1)];
 }
 
 }  // namespace
@@ -45,10 +37,10 @@ bool AnyResponds(std::span<const WorkerSlot> slots, std::chrono::nanoseconds pat
 }
 
 void LogStuck(const WorkerSlot& slot) {
-  const auto type = std::min(static_cast<std::size_t>(slot.type.load()), kRequestTypes - 1);
+  constexpr std::array kDoing = {"starting", "idle", "serving", "waiting for the store"};
   Log(LOG_ERR,
       "worker %d has not responded for %.1f s; killing it: %s, last request type=%s pid=%d uid=%u",
       slot.pid.load(), std::chrono::duration<double>(TimeSinceSeen(slot)).count(),
-      Doing(slot.activity), kRequestTypeNames.at(type), slot.client_process.load(),
-      slot.client_user.load());
+      NameOf(slot.activity.load(), kDoing), NameOf(slot.type.load(), kRequestTypeNames),
+      slot.client_process.load(), slot.client_user.load());
 }

@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "zelttokenmanager/token_service.h"
-#include "zelttokenmanager/token_storage.h"
+#include "token_service.h"
+#include "token_storage.h"
 
 namespace ZELT::TokenManager {
 
@@ -62,7 +62,9 @@ class [[gnu::visibility("default")]] TokenManager {
   ///
   /// Request: {"service": string, ...}; the service reads the rest. Response: "success", "token".
   /// An installed package must run as the peer's user: the first entry of "/var/packages" whose
-  /// "conf/privilege" (of at most 4 MiB) names the user, or whose own name is the user's.
+  /// "conf/privilege" (of at most 4 MiB) names the user, or whose own name is the user's. If
+  /// there is none, or its installed configuration cannot be read, the exception has a nested one
+  /// with the cause (`std::rethrow_if_nested`): which file, and what is wrong with it.
   void IssueToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
   /// Asks the service whether the token permits the request. Any process may validate a token.
@@ -94,8 +96,8 @@ class [[gnu::visibility("default")]] TokenManager {
   void TransferToken(const ucred& credential, const Json::Value& request, Json::Value& response)
       const;
 
-  /// Returns the parsed installed configuration of `package`. Throws `std::runtime_error` when the
-  /// file is missing or not valid JSON.
+  /// Returns the parsed installed configuration of `package`. Throws `std::runtime_error`, with a
+  /// nested exception that names the cause, when the file is missing or not valid JSON.
   Json::Value GetInstalledConfig(const std::string& package) const;
 
  private:

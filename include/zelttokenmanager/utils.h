@@ -55,7 +55,8 @@ enum class Verdict {
                                                         const std::string& token, int pid);
 
 /// Returns the credential that the peer of the connected local socket `fd` had when it connected
-/// (`SO_PEERCRED`, unix(7)). Throws `std::runtime_error` when the kernel refuses.
+/// (`SO_PEERCRED`, unix(7)): process 0 and user -1 if it is not connected. Throws
+/// `std::runtime_error` when `fd` is no socket.
 [[gnu::visibility("default")]] ucred GetPeerCredential(int fd);
 
 /// Returns whether `permitted` admits `identity`: a local user's name, or "@" and a group's name.

@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 
+#include "json_end.h"
 #include "message.h"
 #include "unix_address.h"
 
@@ -53,15 +55,22 @@ SockConnection::~SockConnection() { Disconnect(); }
 bool SockConnection::Recv(std::string& message) {
   if (fd == -1) return false;  // poll(2) would wait
   const auto deadline = Clock::now() + kClientDeadline;
-  MessageReader reader;
-  auto state = MessageReader::State::kIncomplete;
-  while (state == MessageReader::State::kIncomplete) {
-    if (!Await(fd, POLLIN, deadline)) return false;
-    state = reader.Read(fd);
+  shutdown(fd, SHUT_WR);          // a peer may answer only at the end of the stream
+  std::array<char, 16384> piece;  // NOLINT(*-member-init): written before it is read
+  std::string text;
+  JsonEnd json;
+  while (Await(fd, POLLIN, deadline)) {
+    const ssize_t count = recv(fd, piece.data(), piece.size(), MSG_DONTWAIT);
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (count < 0 || (count == 0 && text.empty())) return false;
+    text.append(piece.data(), static_cast<std::size_t>(count));
+    if (text.size() > kMaxMessageBytes) return false;
+    if (count > 0 && !json.IsIn({piece.data(), static_cast<std::size_t>(count)})) continue;
+    if (text.ends_with('\n')) text.pop_back();
+    message = std::move(text);
+    return true;
   }
-  if (state == MessageReader::State::kFailed) return false;
-  message = reader.Take();
-  return true;
+  return false;
 }
 
 void SockConnection::Disconnect() {

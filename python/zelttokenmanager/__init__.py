@@ -9,18 +9,18 @@ A service that receives such a token asks whether it permits an operation:
 
     validate("fastapi", text, {"api": "Demo.Item", "method": "get", "runner": "alice"})
 
-Each call makes one exchange with the daemon, zelttokenmgrd(8): it connects, sends one request, reads
-one answer and closes. It takes `timeout` seconds at most. It tries /tmp/zelttokenmgr.sock first and
-then /run/zelttokenmgr/socket, and sends nothing unless the process that listens runs as root, as
-zelttokenmgr or as the caller's effective user.
+Each call makes one exchange with the daemon, zelttokenmgrd(8): it connects, sends one request,
+reads one answer and closes. It takes `timeout` seconds at most. It tries /tmp/zelttokenmgr.sock
+first and then /run/zelttokenmgr/socket, and sends nothing unless the process that listens runs as
+root, as zelttokenmgr or as the caller's effective user.
 
 A payload is what `json.dumps` accepts; what JSON cannot say is refused. Tokens are strings, or
 `Token` objects. The calls share no state, and any number of threads may make them.
 `zelttokenmanager.aio` has the same names for asyncio.
 
-Every call raises a subclass of `Error`: `Invalid` and `Unavailable` if nothing was sent, `Refused` if
-the daemon refused, `Interrupted` if no valid answer arrived and the request may have been carried
-out. None of them means that an operation is permitted.
+Every call raises a subclass of `Error`: `Invalid` and `Unavailable` if nothing was sent, `Refused`
+if the daemon refused, `Interrupted` if no valid answer arrived and the request may have been
+carried out. None of them means that an operation is permitted.
 """
 
 from __future__ import annotations

@@ -101,7 +101,7 @@ def _compose(
 ) -> bytes:
     if not isinstance(service, str):
         raise Invalid("the service is not a string")
-    request: dict[str, object] = {"type": kind, "service": service, **members}
+    request: Dict[str, object] = {"type": kind, "service": service, **members}
     if kind != "issue":
         request["token"] = _text_of(token)
     text = _to_json(request)
@@ -116,11 +116,13 @@ def _text_of(token: Optional[AnyToken]) -> str:
     return str(token)
 
 
-def _to_json(value: object) -> bytes:
+_encoder = json.JSONEncoder(ensure_ascii=False, allow_nan=False, separators=(",", ":"))
+
+
+def _to_json(value: Dict[str, object]) -> bytes:
     try:
         _check_names(value)
-        text = json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":"))
-        return text.encode()
+        return _encoder.encode(value).encode()
     except Invalid:
         raise
     except UnicodeEncodeError:  # its text would hold the whole request
@@ -131,16 +133,16 @@ def _to_json(value: object) -> bytes:
         raise Invalid("the payload is circular, or nested too deep") from None
 
 
-def _check_names(value: object) -> None:
-    """json.dumps writes names that are numbers, True or None as strings."""
+def _check_names(value: Iterable[object]) -> None:
+    """The encoder writes names that are numbers, True or None as strings."""
     if isinstance(value, dict):
-        if not all(isinstance(name, str) for name in value):
-            raise Invalid("a name in the payload is not a string")
+        for name in value:
+            if not isinstance(name, str):
+                raise Invalid("a name in the payload is not a string")
         value = value.values()
-    elif not isinstance(value, (list, tuple)):
-        return
     for each in value:
-        _check_names(each)
+        if isinstance(each, (dict, list, tuple)):
+            _check_names(each)
 
 
 def parse(text: Union[bytes, bytearray]) -> Answer:

@@ -1,9 +1,11 @@
-"""One exchange with the daemon, as a generator that never waits: it yields what to wait for, so that
-threads and event loops share it."""
+"""One exchange with the daemon, as a generator that never waits: it yields what to wait for, so
+that threads and event loops share it."""
 
 from __future__ import annotations
 
+import errno
 import os
+import pathlib
 import pwd
 import select
 import socket
@@ -19,11 +21,15 @@ from ._errors import Interrupted, Invalid, Unavailable
 PATHS = ("/tmp/zelttokenmgr.sock", "/run/zelttokenmgr/socket")
 DAEMON_USER = "zelttokenmgr"  # the packages run the daemon as this user
 
+ALL_USERS = 2**32 - 1  # ids in the initial user namespace
+
 MAX_ANSWER_BYTES = 1 << 20
 CHUNK_BYTES = 64 << 10
 FIRST_PAUSE = 0.001  # seconds until a full backlog is tried again, doubled each time
 LONGEST_PAUSE = 0.05
 LONGEST_TIMEOUT = 1e6  # seconds; poll(2) takes at most 24 days
+
+_CREDENTIAL = struct.Struct("iII")  # ucred: process, user, group
 
 
 class Wait(NamedTuple):
@@ -78,51 +84,48 @@ def _connect(deadline: Deadline) -> Generator[Wait, None, socket.socket]:
 
 
 def _connect_to(path: str) -> socket.socket:
-    owner = os.lstat(path).st_uid
-    if not (is_daemon_user(owner) or owner == _overflow_user()):
-        raise PermissionError(0, f"the socket belongs to the user {owner}, not to the daemon")
+    _check(os.lstat(path).st_uid, "the socket belongs to")
     connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK)
     try:
         connection.connect(path)
-        _check_listener(connection)
+        credential = connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, _CREDENTIAL.size)
+        _check(_CREDENTIAL.unpack(credential)[1], "the listening process belongs to")
     except BaseException:
         connection.close()
         raise
     return connection
 
 
-def _check_listener(connection: socket.socket) -> None:
-    credential = connection.getsockopt(
-        socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("iII")
-    )
-    user = struct.unpack("iII", credential)[1]
-    if is_daemon_user(user):
+def _check(user: int, what: str) -> None:
+    """Raises PermissionError unless a process of `user` is accepted as the daemon: of root, of this
+    process's effective user, or of the packages' user."""
+    if user == 0 or (user == os.geteuid() and not _is_unmapped(user)) or _is_packaged(user):
         return
-    if user == _overflow_user():
-        raise PermissionError(0, "user ids are not mapped here")
-    raise PermissionError(0, f"a process of the user {user} is listening, not the daemon")
+    problem = f"{what} the user {user}, not to the daemon"
+    if _is_unmapped(user):
+        problem = (
+            f"{what} a user who is not mapped in this user namespace, so nothing tells the daemon "
+            "from others: run this outside, or map root's id and the daemon's"
+        )
+    raise PermissionError(errno.EPERM, problem)
 
 
-def is_daemon_user(user: int) -> bool:
-    """Whether a process of `user` is accepted as the daemon: root, this process's effective user,
-    or the packages' user. Every user id that a user namespace does not map reads as the same id,
-    which says nothing (user_namespaces(7))."""
-    if user == 0:
-        return True
-    if user == os.geteuid():
-        return user != _overflow_user()
+def _is_packaged(user: int) -> bool:
     try:
-        return pwd.getpwnam(DAEMON_USER).pw_uid == user  # last, because it costs most
+        return pwd.getpwnam(DAEMON_USER).pw_uid == user
     except KeyError:
         return False
 
 
-def _overflow_user() -> int:
+def _is_unmapped(user: int) -> bool:
+    """Whether `user` stands for all users who are not mapped in this user namespace
+    (user_namespaces(7)): any of them may have it, this process's user included."""
     try:
-        with open("/proc/sys/kernel/overflowuid", encoding="ascii") as file:
-            return int(file.read())
-    except (OSError, ValueError):
-        return 65534
+        overflow = int(pathlib.Path("/proc/sys/kernel/overflowuid").read_text())
+        count = int(pathlib.Path("/proc/self/uid_map").read_text().split()[2])
+    except (OSError, ValueError, IndexError):  # no /proc, or no id is mapped
+        return user == 65534
+    return user == overflow and count != ALL_USERS
 
 
 def _send(connection: socket.socket, request: bytes, deadline: Deadline) -> Waits:

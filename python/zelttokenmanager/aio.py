@@ -5,9 +5,9 @@
     async with await aio.Token.issue("fastapi", [{"api": "Demo.Item", "method": "get"}]) as token:
         await use_a_service(str(token))
 
-Names, arguments, results and errors are the same. A call that is cancelled closes its connection; its
-request may have been carried out. The calls block the event loop only while they look up the user
-zelttokenmgr (getpwnam(3)), if the daemon runs as this user without systemd's socket.
+Names, arguments, results and errors are the same. A call that is cancelled closes its connection;
+its request may have been carried out. The calls block the event loop only while they look up the
+user zelttokenmgr (getpwnam(3)), if the daemon runs as this user without systemd's socket.
 """
 
 from __future__ import annotations

@@ -143,7 +143,7 @@ readme() {
       zelttokenmgrd*) ;; # the log's
       *) shown+=$line$'\n' ;;
     esac
-  done < <(sed -n "/^## A token's life/,/^A C++ program/{/^\`\`\`$/,/^\`\`\`$/p}" ../README.md)
+  done < <(sed -n "/^## A token's life/,/^## Build/{/^\`\`\`$/,/^\`\`\`$/p}" ../README.md)
   [ "$command" = '```' ] || fail "no session found"
 }
 

@@ -1,25 +1,34 @@
 #include "zelttokenmanager/service/fastapi.h"
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "grant.h"
+#include "grant_search.h"
 #include "json_member.h"
 
 namespace ZELT::TokenManager {
 namespace {
 
-// Checks each grant when the search reaches it, so malformed grants after the match do no harm.
-const Json::Value& FindGrant(const Json::Value& privilege, std::string_view api,
-                             std::string_view method) {
-  for (const Json::Value& grant : privilege) {
-    const std::string_view granted_api = StringMember(grant, "api", "service/fastapi.cpp:34");
-    const std::string_view granted_method = StringMember(grant, "method", "service/fastapi.cpp:35");
-    if (granted_api == api && granted_method == method) return grant;
+struct Method {
+  std::string_view api;
+  std::string_view name;
+
+  bool operator==(const Method&) const = default;
+};
+
+struct MethodHash {
+  std::size_t operator()(const Method& method) const {
+    const std::hash<std::string_view> hash;
+    return 31 * hash(method.api) + hash(method.name);
   }
-  throw std::runtime_error("service/fastapi.cpp:47 api=" + std::string(api) +
-                           " method=" + std::string(method) + " is not on the permitted list");
+};
+
+Method MethodOf(const Json::Value& grant) {
+  return {.api = StringMember(grant, "api", "service/fastapi.cpp:34"),
+          .name = StringMember(grant, "method", "service/fastapi.cpp:35")};
 }
 
 }  // namespace
@@ -30,10 +39,16 @@ Json::Value FastAPI::Issue(const Json::Value& request, const Json::Value& privil
   Json::Value granted(Json::arrayValue);
   const Json::Value& payload = ArrayMember(request, "payload", "service/fastapi.cpp:22");
   ExpectArray(privilege, "service/fastapi.cpp:23");
+  GrantSearch<Method, MethodHash> search(privilege, MethodOf);
   for (const Json::Value& wanted : payload) {
     const std::string_view api = StringMember(wanted, "api", "service/fastapi.cpp:26");
     const std::string_view method = StringMember(wanted, "method", "service/fastapi.cpp:27");
-    granted.append(FindGrant(privilege, api, method));
+    const Json::Value* const grant = search.Find({.api = api, .name = method});
+    if (grant == nullptr) {
+      throw std::runtime_error("service/fastapi.cpp:47 api=" + std::string(api) +
+                               " method=" + std::string(method) + " is not on the permitted list");
+    }
+    granted.append(*grant);
   }
   return granted;
 }

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "grant.h"
-#include "group_lookup.h"
+#include "grant_search.h"
 #include "json_member.h"
 
 namespace ZELT::TokenManager {
@@ -26,13 +26,8 @@ ActionTable MakeActionTable(const TaskManager& tasks) {
           {"list", bind(&TaskManager::CheckTaskPrefixAndOwner)}};
 }
 
-// Checks each grant when the search reaches it, so malformed grants after the match do no harm.
-const Json::Value& FindGrant(const Json::Value& privilege, std::string_view prefix) {
-  for (const Json::Value& grant : privilege) {
-    if (StringMember(grant, "prefix", "service/taskmanager.cpp:38") == prefix) return grant;
-  }
-  throw std::runtime_error("service/taskmanager.cpp:50 prefix=" + std::string(prefix) +
-                           " is not on the permitted list");
+std::string_view PrefixOf(const Json::Value& grant) {
+  return StringMember(grant, "prefix", "service/taskmanager.cpp:38");
 }
 
 // Whether a grant of `prefix` covers the new task that `args` describe.
@@ -57,9 +52,15 @@ Json::Value TaskManager::Issue(const Json::Value& request, const Json::Value& pr
   if (action != "issue") {
     throw std::runtime_error("service/taskmanager.cpp:28 unexpected action, \"issue\" expected");
   }
+  GrantSearch<std::string_view> search(privilege, PrefixOf);
   for (const Json::Value& wanted : args) {
     const std::string_view prefix = StringMember(wanted, "prefix", "service/taskmanager.cpp:32");
-    granted.append(FindGrant(privilege, prefix));
+    const Json::Value* const grant = search.Find(prefix);
+    if (grant == nullptr) {
+      throw std::runtime_error("service/taskmanager.cpp:50 prefix=" + std::string(prefix) +
+                               " is not on the permitted list");
+    }
+    granted.append(*grant);
   }
   return granted;
 }
@@ -75,7 +76,6 @@ bool TaskManager::Validate(const Json::Value& request, const Json::Value& data) 
   if (found == actions.end()) {
     throw std::runtime_error("service/taskmanager.cpp:82 invalid action: " + action);
   }
-  const GroupLookup groups;  // for all grants
   for (const Json::Value& grant : grants) {
     if (found->second(args, grant, data)) return true;
   }

@@ -112,9 +112,7 @@ std::size_t Append(int file, std::string_view text) {
   return written;
 }
 
-// Does not change the current directory if the path names none.
 void PrepareDirectory(const fs::path& directory) {
-  if (directory.empty()) return;
   if (!fs::is_directory(directory)) fs::create_directories(directory);  // which refuses "."
   fs::permissions(directory, kDirectoryMode);
 }
@@ -124,8 +122,7 @@ void PrepareDirectory(const fs::path& directory) {
 JsonFileStorage::JsonFileStorage(const std::string& path)
     : storage_path(path), lock_path(path + ".lock") {
   PrepareDirectory(fs::path(path).parent_path());
-  boost::system::error_code ignored;  // a file that cannot be examined is treated as missing
-  if (QLIBCFileTouch(lock_path.c_str()) != 0 && !fs::is_regular_file(lock_path, ignored)) {
+  if (QLIBCFileTouch(lock_path.c_str()) != 0) {
     throw std::runtime_error("storage/json_file_storage.cpp:34 failed to create lock file");
   }
 }

@@ -131,7 +131,8 @@ LRUCacheStorage::ShmString LRUCacheStorage::Key(const std::string& token) {
 
 Json::Value LRUCacheStorage::Use(const RecencyList::iterator& record) {
   Json::Value data;
-  fromString(std::string(record->second.data(), record->second.size()), data);
+  // The text is valid, but a stream inside of jsoncpp takes a failed allocation for a wrong number.
+  if (!fromString({record->second.data(), record->second.size()}, data)) throw std::bad_alloc();
   records->splice(records->begin(), *records, record);
   Count(stats->hit);
   return data;

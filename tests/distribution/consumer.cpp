@@ -1,26 +1,22 @@
-// Built against the installed library, as a user of it would. Exits with 0 when a service of one's
-// own can be made and found, and the Boost that the headers include serves.
+// Built against the installed library, as a user of it would. Exits with 0 when the example of a
+// service can be made and found, and the Boost that the headers include serves.
 #include <json/json.h>
-#include <zelttokenmanager/service/fastapi.h>
 #include <zelttokenmanager/storage/lru_cache_storage.h>
 #include <zelttokenmanager/token_manager.h>
 
-using namespace ZELT::TokenManager;
+#include "printing.h"
 
-class Mine : public FastAPI {
- public:
-  std::string GetName() override { return "mine"; }
-};
+using namespace ZELT::TokenManager;
 
 int main() {
   const auto cache = std::make_shared<LRUCacheStorage>(65536);
   ZELT::TokenManager::TokenManager manager("/none", cache, cache);
-  manager.AddService(std::make_shared<Mine>());
-  cache->Insert("token", manager.GetService("mine")->GetName());
+  manager.AddService(std::make_shared<Printing>());
+  cache->Insert("token", manager.GetService("printing")->GetName());
   try {
-    manager.GetService("mine")->Issue(Json::Value(), Json::Value());
+    manager.GetService("printing")->Issue(Json::Value(), Json::Value());
     return 1;
   } catch (const std::runtime_error&) {
-    return cache->GetAssociatedData("token") == "mine" ? 0 : 1;
+    return cache->GetAssociatedData("token") == "printing" ? 0 : 1;
   }
 }

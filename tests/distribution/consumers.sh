@@ -8,6 +8,9 @@ installed=$(mktemp -d)
 trap 'rm -rf "$installed"' EXIT
 cmake --install "$2" --prefix "$installed" >/dev/null
 
+# Where the installed examples are.
+export CPLUS_INCLUDE_PATH="$installed/share/doc/libzelttokenmanager-dev/examples"
+
 cmake -G Ninja -S "$source/tests/distribution" -B "$installed/build" -DCMAKE_PREFIX_PATH="$installed" \
   -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_EXTENSIONS=OFF >/dev/null
 cmake --build "$installed/build"

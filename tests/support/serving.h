@@ -20,10 +20,15 @@ struct Client : zeltdaemon::DomainSockConnection {
   bool Write(const std::string& bytes) const {
     return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
-  std::string Answer() {
-    std::string answer = "none";
-    Recv(answer);
-    return answer;
+  /// Returns what arrives until the end of the stream, less a newline there.
+  std::string Answer() const {
+    std::array<char, 16384> piece{};
+    std::string answer;
+    for (ssize_t count = 1; count > 0; answer.append(piece.data(), std::max<ssize_t>(count, 0))) {
+      count = recv(fd, piece.data(), piece.size(), 0);
+    }
+    if (answer.empty()) return "none";
+    return answer.ends_with('\n') ? answer.substr(0, answer.size() - 1) : answer;
   }
   bool IsClosed() const {
     std::array<char, 1> byte{};

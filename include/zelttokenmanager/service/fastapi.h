@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "zelttokenmanager/token_service.h"
+#include "../token_service.h"
 
 namespace ZELT::TokenManager {
 

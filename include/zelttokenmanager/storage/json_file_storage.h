@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "zelttokenmanager/token_storage.h"
+#include "../token_storage.h"
 
 namespace ZELT::TokenManager {
 
@@ -17,15 +17,16 @@ namespace ZELT::TokenManager {
 /// ".lock" appended: shared to read, exclusive to write. Threads: record locks belong to the
 /// process, so calls from several threads of one process must be serialised by the caller.
 ///
-/// Operations throw `std::runtime_error`, and `boost::interprocess::interprocess_exception` when
-/// the store file exists but cannot be opened, sized or mapped. An empty file cannot be mapped
-/// (mmap(2)), so reading and removing throw it too when the last record has been removed.
+/// Operations throw `std::runtime_error`, among them `boost::filesystem::filesystem_error` when it
+/// is unknown whether the store file exists, and `boost::interprocess::interprocess_exception` when
+/// it exists but cannot be opened, sized or mapped. An empty file cannot be mapped (mmap(2)), so
+/// reading and removing throw it too when the last record has been removed.
 class [[gnu::visibility("default")]] JsonFileStorage : public TokenStorage {
  public:
-  /// Creates the directory that `path` names if it is missing, sets its mode to 0300 in any case,
-  /// and creates the lock file. For a path without a "/" the current directory does not change. The
-  /// first `Insert` creates the store file. Throws `boost::filesystem::filesystem_error` for the
-  /// directory.
+  /// Creates the directory of `path` if it is missing, sets its mode to 0300 in any case, and
+  /// creates the lock file, which must be writable if it exists. The first `Insert` creates the
+  /// store file. Throws `boost::filesystem::filesystem_error` for the directory, also when `path`
+  /// names none; use "./NAME" for a file in the current directory.
   explicit JsonFileStorage(const std::string& path);
   ~JsonFileStorage() override;
 

@@ -19,7 +19,7 @@
 #include <string>
 #include <utility>
 
-#include "zelttokenmanager/token_storage.h"
+#include "../token_storage.h"
 
 namespace ZELT::TokenManager {
 

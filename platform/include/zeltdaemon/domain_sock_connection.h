@@ -13,8 +13,10 @@ class SockConnection {
   SockConnection(const SockConnection&) = delete;
   SockConnection& operator=(const SockConnection&) = delete;
 
-  /// Receives one message into `message`. Returns false, leaving `message` as it was, when the
-  /// stream is empty or fails, the message is longer than allowed, or the peer takes longer than
+  /// Ends the stream to the peer and receives one message into `message`, without a newline at its
+  /// end. It is complete at the end of the peer's stream, or as soon as it holds one JSON value,
+  /// whatever newlines stand before, in or after it. Returns false, leaving `message` as it was, when
+  /// the stream is empty or fails, the message is longer than allowed, or the peer takes longer than
   /// allowed (see message.h).
   bool Recv(std::string& message);
 
@@ -34,8 +36,8 @@ class DomainSockConnection : public SockConnection {
   /// listens or the wait takes longer than allowed.
   bool Connect();
 
-  /// Sends `message`, which must not hold a newline, as one message. Returns false when it is
-  /// longer than allowed, when the peer is gone, or when it takes longer than allowed.
+  /// Sends `message`, which must not hold a newline, and a newline. Returns false when it is longer
+  /// than allowed, when the peer is gone, or when it takes longer than allowed.
   bool Send(const std::string& message);
 
  private:
