@@ -16,12 +16,20 @@
 
 namespace {
 
+void ShowCache(ZELT::TokenManager::CacheStorage& cache, CacheCounts& counts) {
+  const Json::Value statistics = cache.GetStatistics();
+  Set(counts.hit, statistics["hit"].asUInt64());
+  Set(counts.miss, statistics["miss"].asUInt64());
+  Set(counts.total, statistics["total"].asUInt64());
+}
+
 // Names this process as the client, because no client is to blame if it hangs.
-void EverySecond(RequestHandler& handler, WorkerSlot& slot) {
+void EverySecond(RequestHandler& handler, const OpenedStore& opened, WorkerSlot& slot) {
   slot.type = RequestType::kOther;
   slot.client_process = getpid();
   slot.client_user = geteuid();
   try {
+    if (opened.cache) ShowCache(*opened.cache, slot.cache);
     handler.EverySecond();
   } catch (const std::exception& error) {
     Log(LOG_WARNING, "housekeeping failed: %s", error.what());
@@ -54,5 +62,5 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
   slot.activity = Activity::kIdle;
   server.Serve(
       [&](const Peer& peer, const std::string& text) { return handler.Answer(peer, text); },
-      [&] { EverySecond(handler, slot); });
+      [&] { EverySecond(handler, opened, slot); });
 }

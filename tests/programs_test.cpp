@@ -189,6 +189,10 @@ TEST_F(ProgramsTest, KeepsATextStore) {
   EXPECT_EQ(daemon.Children().size(), 1U);
   const std::string token = Issue();
   EXPECT_EQ(Validate(token), kPermitted);
+  EXPECT_TRUE(Eventually([&] {
+    kill(daemon.pid, SIGUSR1);
+    return daemon.Errors().find("]: cache hit=1 miss=0 total=1\n") != std::string::npos;
+  }));
   daemon.End(SIGTERM);
   EXPECT_EQ(ReadFile("/run/zelttokenmgr/text/tokens").find(token), 0U);
   Daemon small("--store-format text --cache-size 64K");

@@ -30,6 +30,13 @@ constexpr std::size_t TimeBucket(std::chrono::nanoseconds time) {
   return std::min<std::size_t>(std::bit_width(last), kTimeBuckets - 1);
 }
 
+/// How often the cache of a text store had a record, as of `LRUCacheStorage::GetStatistics`.
+struct CacheCounts {
+  std::atomic<std::uint64_t> hit = 0;
+  std::atomic<std::uint64_t> miss = 0;
+  std::atomic<std::uint64_t> total = 0;
+};
+
 /// One worker's part of the board. Only its worker writes to it, except for `pid`, which the
 /// supervisor sets. A replacement continues the counters.
 struct alignas(64) WorkerSlot {
@@ -46,6 +53,7 @@ struct alignas(64) WorkerSlot {
   std::array<std::atomic<std::uint64_t>, kRequestTypes> done{};
   std::array<std::atomic<std::uint64_t>, kRequestTypes> refused{};
   std::array<std::atomic<std::uint64_t>, kTimeBuckets> times{};
+  CacheCounts cache;  ///< up to a second old; zero without a cache
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 

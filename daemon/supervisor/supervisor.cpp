@@ -270,4 +270,8 @@ void Supervisor::LogCounters() const {
   Log(LOG_NOTICE, "up %lld s, workers=%zu deaths=%llu, requests done/refused:%s",
       static_cast<long long>(up.count()), workers.size(),
       static_cast<unsigned long long>(board.deaths.load()), counts.c_str());
+  const CacheCounts& cache = slots.front().cache;  // a text store has one worker
+  if (cache.total == 0) return;
+  Log(LOG_NOTICE, "cache hit=%ju miss=%ju total=%ju", std::uintmax_t{cache.hit},
+      std::uintmax_t{cache.miss}, std::uintmax_t{cache.total});
 }
