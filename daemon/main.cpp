@@ -15,6 +15,7 @@
 #include "log.h"
 #include "open_store.h"
 #include "options.h"
+#include "rebuild.h"
 #include "standard_descriptors.h"
 #include "supervisor.h"
 #include "worker.h"
@@ -44,8 +45,11 @@ int Check(const Options& options) {
 
 // Ends the daemon if no worker could open the store. A damaged file may kill the process that reads
 // it (mmap(2)), so child processes try it.
-void TryStore(const StoreOptions& options, const StoreLock& lock) {
-  RunInChild(options.path, [&] { CheckStore(options); });
+void TryStore(const StoreOptions& options, StoreLock& lock) {
+  if (options.format == StoreFormat::kIndexed) {
+    RunInChild(options.path, [&] { RebuildStore(options); });
+    lock.LockRebuilt();
+  }
   RunInChild(options.path, [&] {
     WorkerSlot slot;
     OpenStore(options, lock, slot);
@@ -63,7 +67,7 @@ void WarnOfWriters(const std::string& installed_config) {
 
 void Serve(const Options& options) {
   // Locked first: a daemon that cannot have the store leaves the sockets to the one that has it.
-  const StoreLock store_lock(options.store);
+  StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
   WarnOfWriters(options.installed_config);
   const Listeners listeners = OpenListeners();

@@ -7,6 +7,7 @@
 #include "expect.h"
 #include "indexed_store.h"
 #include "log.h"
+#include "rebuild.h"
 #include "request_handler.h"
 #include "store_file.h"
 #include "support/peers.h"
@@ -76,8 +77,15 @@ class Worker {
     change.Commit();
   }
 
+  StoreLock MakeStore() const {
+    StoreLock made(options);
+    RebuildStore(options);
+    made.LockRebuilt();
+    return made;
+  }
+
   const StoreOptions options{.path = "/var/store/tokens.mdb"};
-  const StoreLock lock{options};
+  const StoreLock lock = MakeStore();
   Board board;
   IndexedStore store{options, board.slots[0]};
   RequestHandler handler{store, board, board.slots[0], {"/var/installed", "1.0", true}};

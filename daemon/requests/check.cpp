@@ -17,7 +17,7 @@
 #include "request_log.h"
 #include "services.h"
 #include "strict_json.h"
-#include "user_limits.h"
+#include "token_store.h"
 #include "users.h"
 #include "writers.h"
 #include "zelttokenmanager/utils.h"

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "daemon_socket.h"
 #include "json_member.h"
 #include "log.h"
 #include "message.h"
@@ -75,6 +76,14 @@ void ExpectFewGrants(const Json::Value& payload) {
   }
 }
 
+std::chrono::seconds Lifetime(const Json::Value& seconds) {
+  const bool is_integer = seconds.type() == Json::intValue || seconds.type() == Json::uintValue;
+  if (!is_integer || !seconds.isInt64() || seconds.asInt64() <= 0) {
+    throw std::runtime_error("\"expires_in\" is not a positive integer");
+  }
+  return std::chrono::seconds(seconds.asInt64());
+}
+
 Sender SenderOf(RequestType type) {
   switch (type) {
     case RequestType::kIssue:
@@ -82,6 +91,7 @@ Sender SenderOf(RequestType type) {
     case RequestType::kTransfer:
       return Sender::kProcess;
     case RequestType::kList:
+    case RequestType::kShow:
     case RequestType::kDrop:
     case RequestType::kStatus:
       return Sender::kAdministrator;
@@ -99,6 +109,9 @@ void ExpectSender(Sender expected, const Peer& peer) {
   // identify an owner.
   if (expected == Sender::kProcess && peer.credential.pid == 0) {
     throw std::runtime_error("the peer has no process id in the daemon's pid namespace");
+  }
+  if (expected == Sender::kProcess && IsUnmapped(peer.credential.uid)) {
+    throw std::runtime_error("the peer's user id is not mapped in the daemon's user namespace");
   }
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
     throw std::runtime_error("only root and the daemon's user may ask for this");
@@ -138,6 +151,21 @@ std::string Success(Json::Value& response) {
   return text;
 }
 
+// Administrators are told the reason, and others that they are none. Other requests have it only in
+// the log, because it may say what tokens and grants there are.
+std::string Refused(RequestType type, const Json::Value& response,
+                    const std::exception& refusal) try {
+  if (SenderOf(type) != Sender::kAdministrator) {
+    return IsUnjudged(response, refusal) ? kUnjudged : kRefused;
+  }
+  Json::Value answer;
+  answer["success"] = false;
+  answer["reason"] = refusal.what();
+  return WriteJson(answer);
+} catch (const std::exception&) {
+  return kRefused;
+}
+
 }  // namespace
 
 RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
@@ -165,7 +193,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     answer = Handle(peer, text, request, response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    answer = IsUnjudged(response, refusal) ? kUnjudged : kRefused;
+    answer = Refused(slot.type, response, refusal);
     Refuse(peer, request, refusal);
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
@@ -174,6 +202,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
 }
 
 void RequestHandler::EverySecond() {
+  store.TakeCare();
   if (&slot != board.slots.data()) return;
   store.EverySecond();
 }
@@ -207,6 +236,9 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
     case RequestType::kList:
       administration.List(request, response);
       break;
+    case RequestType::kShow:
+      administration.Show(request, response);
+      break;
     case RequestType::kStatus:
       administration.Status(request, response);
       break;
@@ -216,9 +248,20 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
   return Success(response);
 }
 
-// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
 std::string RequestHandler::Change(const Peer& peer, const Json::Value& request,
                                    Json::Value& response) {
+  try {
+    return TryChange(peer, request, response);
+  } catch (const NoRoom&) {
+    if (!store.AwaitRoom()) throw;
+  }
+  response = Json::objectValue;
+  return TryChange(peer, request, response);
+}
+
+// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
+std::string RequestHandler::TryChange(const Peer& peer, const Json::Value& request,
+                                      Json::Value& response) {
   StoreChange change(store, peer);
   const std::vector<std::string> audit = CarryOut(peer, request, response);
   std::string answer = Success(response);
@@ -233,7 +276,9 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   std::string details;
   switch (slot.type) {
     case RequestType::kIssue:
+      if (request.isMember("expires_in")) store.ExpireAfter(Lifetime(request["expires_in"]));
       Issue(peer, request, response);
+      if (settings.audit) details = GrantsOf(response["token"].asString());
       break;
     case RequestType::kTransfer:
       manager.TransferToken(peer.credential, request, response);
@@ -246,6 +291,11 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   }
   if (!settings.audit) return {};
   return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
+}
+
+// Returns the grants of a new token for the audit.
+std::string RequestHandler::GrantsOf(const std::string& token) const {
+  return " grants=" + QuotedGrants(WriteJson(manager.GetAssociatedData(token)["payload"]));
 }
 
 void RequestHandler::Issue(const Peer& peer, const Json::Value& request, Json::Value& response) {

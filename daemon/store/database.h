@@ -8,7 +8,9 @@
 #include <string>
 #include <string_view>
 
-/// Throws `std::runtime_error` "cannot WHAT: REASON" unless `result` is MDB_SUCCESS.
+/// Throws unless `result` is MDB_SUCCESS: `NoRoom` for MDB_MAP_FULL, `std::system_error` for an
+/// error of the system, and otherwise `std::runtime_error`, each with "cannot WHAT: REASON". Ends
+/// the process if LMDB refuses all further work in it (MDB_PANIC).
 void Expect(int result, const char* what);
 
 /// The same, but returns false for MDB_NOTFOUND.
@@ -37,22 +39,24 @@ Cursor OpenCursor(MDB_txn* transaction, MDB_dbi table);
 /// fork(2).
 class Database {
  public:
-  /// Only `kMake` and `kServe` write; only `kServe` uses LMDB's locks.
-  enum class Use { kMake, kCheck, kServe };
+  /// `kServe` uses LMDB's locks. The others require that nobody else uses the file; `kMake` does
+  /// not sync it.
+  enum class Use { kMake, kRead, kServe };
 
-  /// `map_bytes` is the maximum size of the file; the map is larger if the file already is. Throws
-  /// `std::runtime_error`, also if the file is truncated.
-  Database(const std::string& path, std::uint64_t map_bytes, Use use);
+  /// Opens the file, which keeps its size. Throws as `Expect` does, and `std::runtime_error` if the
+  /// file is truncated.
+  Database(const std::string& path, Use use);
+
+  /// Opens the empty file `path` to make it, with all blocks of `bytes` allocated.
+  Database(const std::string& path, std::uint64_t bytes);
+
   ~Database();
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
   MDB_env* Get() const { return environment.get(); }
-  int File() const;
   std::uint64_t PageBytes() const { return page_bytes; }
-  std::uint64_t MapPages() const { return Info().me_mapsize / page_bytes; }
-  std::uint64_t LastPage() const { return Info().me_last_pgno; }     ///< as of the last commit
-  std::uint64_t LastCommit() const { return Info().me_last_txnid; }  ///< its number
+  std::uint64_t Pages() const;  ///< of the file
 
   /// Waits for the write lock.
   Transaction BeginWrite();
@@ -73,17 +77,24 @@ class Database {
     MDB_txn* transaction;
   };
 
-  /// Frees the pages that dead readers hold. Throws `std::runtime_error`.
-  void ClearDeadReaders();
+  /// Returns the number of the last commit.
+  std::uint64_t LastCommit() const;
+
+  /// Frees the pages that dead readers hold. Returns whether there were any. Throws as `Expect`
+  /// does.
+  bool ClearDeadReaders();
+
+  /// Returns whether a process reads the store as it was before this commit, so that pages freed
+  /// since are not reused.
+  bool IsReadBefore(std::uint64_t commit) const;
 
  private:
   struct Closer {
     void operator()(MDB_env* closed) const { mdb_env_close(closed); }
   };
 
-  MDB_envinfo Info() const;
+  void Open(const std::string& path, std::uint64_t bytes, unsigned int flags);
   MDB_txn* BeginRead();
-  int Begin(unsigned int flags, Transaction& begun);
 
   std::unique_ptr<MDB_env, Closer> environment;
   std::uint64_t page_bytes = 0;

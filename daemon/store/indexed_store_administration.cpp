@@ -1,6 +1,5 @@
 // The part of the indexed store that lists, drops and expires tokens.
 #include <algorithm>
-#include <stdexcept>
 #include <utility>
 
 #include "indexed_store.h"
@@ -8,32 +7,25 @@
 
 namespace {
 
-constexpr std::size_t kExamined = 4096;       // tokens examined per call
-constexpr std::size_t kExaminedAtOnce = 256;  // tokens examined between looks at the clock
+constexpr std::size_t kExamined = 4096;       // tokens examined per second
+constexpr std::size_t kExaminedAtOnce = 256;  // tokens examined in one read transaction
+constexpr std::size_t kMostInChange = 16;     // tokens changed while others wait
 
 }  // namespace
 
 Page<TokenRow> IndexedStore::List(const TokenFilter& filter, std::uint64_t after) {
-  return SelectTokens(database, tables, filter, after).page;
+  return SelectTokens(database, tables, options, filter, after).page;
 }
 
 Page<TokenRow> IndexedStore::Drop(const TokenFilter& filter, std::uint64_t after) {
-  Selection found = SelectTokens(database, tables, filter, after);
+  Selection found = SelectTokens(database, tables, options, filter, after);
   Page<TokenRow> dropped{.next = found.page.next};
-  BeginWrite(found.holdings.size());
+  BeginWrite();
   for (std::size_t i = 0; i < found.holdings.size(); ++i) {
     if (!EraseIfSame(found.holdings[i], filter.orphans)) continue;
     dropped.rows.push_back(std::move(found.page.rows[i]));
   }
   return dropped;
-}
-
-TokenRow IndexedStore::Inspect(const std::string& token) {
-  const Database::ReadScope scope(database);
-  const auto record = tables.Find(scope.Get(), token);
-  if (!record || IsGone(record->header, options)) throw std::runtime_error(kUnknownToken);
-  return RowOf(record->header, record->service, std::string(record->text),
-               IsAlive(record->header.Owner()));
 }
 
 Page<UsageRow> IndexedStore::Usage(std::uint64_t after) {
@@ -42,23 +34,31 @@ Page<UsageRow> IndexedStore::Usage(std::uint64_t after) {
 
 Json::Value IndexedStore::GetStatistics() {
   const Database::ReadScope scope(database);
+  const Total all = tables.TotalOfAll(scope.Get());
   Json::Value statistics(Json::objectValue);
-  statistics["tokens"] = Json::UInt64{tables.CountTokens(scope.Get())};
-  statistics["used"] = Json::UInt64{tables.UsedPages(scope.Get()) * database.PageBytes()};
+  statistics["tokens"] = Json::UInt64{all.tokens};
+  statistics["used"] = Json::UInt64{all.bytes};
   statistics["size"] = Json::UInt64{options.bytes};
   return statistics;
 }
 
+void IndexedStore::TakeCare() {
+  // Ends the process if LMDB gave up in the failed commit.
+  if (std::exchange(commit_failed, false)) const Database::ReadScope scope(database);
+  if (!orphans.IsWanted()) return;
+  ChangeEach(orphans.Next(database, tables, kMostInChange),
+             [this](const Holding& each) { EraseIfSame(each, !IsTooOld(each.header, options)); });
+}
+
 // Goes through all tokens, a few thousand per call, and then starts over.
 void IndexedStore::EverySecond() {
-  database.ClearDeadReaders();
-  if (options.max_age.count() == 0 && options.drop_orphans_after.count() == 0) return;
   Judge judge;
   for (std::size_t seen = 0; seen < kExamined && !judge.IsTired(); seen += kExaminedAtOnce) {
-    auto holdings = NextHoldings(database, tables, std::nullopt, last_examined, kExaminedAtOnce);
-    last_examined = holdings.size() < kExaminedAtOnce ? 0 : holdings.back().header.id;
-    std::erase_if(holdings, [&](const Holding& each) { return !NeedsUpdate(each.header, judge); });
-    ChangeEach(holdings, [&](const Holding& each) { DropOrMark(each); });
+    Holdings next = NextHoldings(database, tables, std::nullopt, last_examined, kExaminedAtOnce);
+    last_examined = next.last;
+    std::erase_if(next.found,
+                  [&](const Holding& each) { return !NeedsUpdate(each.header, judge); });
+    ChangeEach(next.found, [this](const Holding& each) { DropOrMark(each); });
     if (last_examined == 0) return;
   }
 }
@@ -76,17 +76,35 @@ void IndexedStore::DropOrMark(const Holding& holding) {
   } else if (const auto record = FindSame(holding, true)) {
     RecordHeader header = record->header;
     header.orphaned = Now();
-    tables.Replace(Write(), holding.token, header, std::string(record->text));
+    tables.Replace(write.get(), holding.key, header, std::string(record->text));
   }
 }
 
+// The token may have been removed or transferred since it was read.
+std::optional<Record> IndexedStore::FindSame(const Holding& holding, bool same_owner) {
+  auto record = tables.Find(write.get(), holding.key);
+  if (!record || record->header.id != holding.header.id) return std::nullopt;
+  if (same_owner && record->header.Owner() != holding.header.Owner()) return std::nullopt;
+  return record;
+}
+
+bool IndexedStore::EraseIfSame(const Holding& holding, bool same_owner) {
+  const bool found = FindSame(holding, same_owner).has_value();
+  if (found) tables.Erase(write.get(), holding.key);
+  return found;
+}
+
 void IndexedStore::ChangeEach(std::span<const Holding> holdings, const Changer& change) {
-  const Rollbacker rollback{*this};
   while (!holdings.empty()) {
     const auto part = holdings.first(std::min(holdings.size(), kMostInChange));
-    BeginWrite(part.size());
-    std::for_each(part.begin(), part.end(), change);
-    CommitWrite();
+    BeginWrite();
+    try {
+      std::for_each(part.begin(), part.end(), change);
+      CommitWrite();
+    } catch (...) {
+      Rollback();
+      throw;
+    }
     holdings = holdings.subspan(part.size());
   }
 }

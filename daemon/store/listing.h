@@ -3,8 +3,8 @@
 
 #include <vector>
 
+#include "expiry.h"
 #include "token_store.h"
-#include "user_limits.h"
 
 /// A page of tokens, as rows and as the tokens themselves.
 struct Selection {
@@ -12,12 +12,14 @@ struct Selection {
   Page<TokenRow> page;
 };
 
-TokenRow RowOf(const RecordHeader& header, std::string_view service, const std::string& text,
-               bool alive);
-
 /// See `TokenStore::List`.
-Selection SelectTokens(Database& database, const Tables& tables, const TokenFilter& filter,
-                       std::uint64_t after);
+Selection SelectTokens(Database& database, const Tables& tables, const StoreOptions& options,
+                       const TokenFilter& filter, std::uint64_t after);
 
 /// See `TokenStore::Usage`.
 Page<UsageRow> ListUsage(Database& database, const Tables& tables, std::uint64_t after);
+
+/// Returns the associated data in the text of a record. Throws `std::runtime_error` if it is none.
+Json::Value ReadData(const std::string& text);
+
+TokenRow RowOf(const Record& record, bool alive, const StoreOptions& options);

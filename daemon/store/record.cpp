@@ -1,14 +1,16 @@
 #include "record.h"
 
+#include <nettle/sha2.h>
+
+#include <algorithm>
+#include <bit>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <stdexcept>
 
 namespace {
 
-constexpr std::uint64_t kPage = 4096;
-constexpr std::uint64_t kLargestInPage = 2000;  // bytes; larger records get their own pages
-constexpr std::uint64_t kTables = 160;          // bytes in the other tables
 constexpr std::int64_t kSecond = 1'000'000'000;
 
 std::int64_t Read(clockid_t clock) {
@@ -17,7 +19,24 @@ std::int64_t Read(clockid_t clock) {
   return time.tv_sec * kSecond + time.tv_nsec;
 }
 
+TokenKey Sha256(std::initializer_list<std::string_view> parts) {
+  sha256_ctx context;
+  sha256_init(&context);
+  for (const std::string_view part : parts) {
+    sha256_update(&context, part.size(), reinterpret_cast<const std::uint8_t*>(part.data()));
+  }
+  TokenKey hash;
+  sha256_digest(&context, hash.size(), reinterpret_cast<std::uint8_t*>(hash.data()));
+  return hash;
+}
+
+std::string_view BytesOf(const RecordHeader& header) {
+  return {reinterpret_cast<const char*>(&header), sizeof header};
+}
+
 }  // namespace
+
+TokenKey KeyOf(std::string_view token) { return Sha256({token}); }
 
 Moment Now() { return {Read(CLOCK_BOOTTIME), Read(CLOCK_REALTIME), CurrentBoot()}; }
 
@@ -35,11 +54,11 @@ void RecordHeader::SetOwner(const ProcessIdentity& owner) {
   orphaned = {};
 }
 
-Record DecodeRecord(std::string_view bytes) {
+Record DecodeRecord(std::string_view bytes, std::size_t header_bytes) {
   Record record;
-  if (bytes.size() < sizeof(RecordHeader)) throw std::runtime_error("a record is truncated");
-  std::memcpy(&record.header, bytes.data(), sizeof(RecordHeader));
-  bytes.remove_prefix(sizeof(RecordHeader));
+  if (bytes.size() < header_bytes) throw std::runtime_error("a record is truncated");
+  std::memcpy(&record.header, bytes.data(), header_bytes);
+  bytes.remove_prefix(header_bytes);
   if (bytes.size() != std::uint64_t{record.header.service_size} + record.header.text_size) {
     throw std::runtime_error("a record has the wrong size");
   }
@@ -48,17 +67,30 @@ Record DecodeRecord(std::string_view bytes) {
   return record;
 }
 
-std::string EncodeRecord(RecordHeader header, std::string_view service, std::string_view text) {
-  header.service_size = static_cast<std::uint32_t>(service.size());
-  header.text_size = static_cast<std::uint32_t>(text.size());
-  std::string bytes(sizeof(header), '\0');
-  std::memcpy(bytes.data(), &header, sizeof(header));
-  return bytes.append(service).append(text);
+std::uint64_t Checksum(std::string_view key, const Record& record) {
+  RecordHeader header = record.header;
+  header.checksum = 0;
+  const TokenKey hash = Sha256({key, BytesOf(header), record.service, record.text});
+  std::uint64_t checksum = 0;
+  std::memcpy(&checksum, hash.data(), sizeof checksum);
+  return checksum;
 }
 
-std::uint64_t Footprint(std::string_view token, const Record& record) {
-  const std::uint64_t size =
-      token.size() + sizeof(RecordHeader) + record.service.size() + record.text.size();
-  if (size > kLargestInPage) return (size / kPage + 1) * kPage + kTables;
-  return size + size / 2 + kTables;
+std::string EncodeRecord(const Record& record) {
+  std::string bytes;
+  bytes.reserve(kHeaderBytes + record.service.size() + record.text.size());
+  return bytes.append(BytesOf(record.header)).append(record.service).append(record.text);
+}
+
+// LMDB puts at least two records into a page, or a record into pages of its own. Pages of a tree
+// whose keys come in any order are two thirds full on average (A. Yao, On random 2-3 trees, 1978).
+std::uint64_t Footprint(const Record& record, std::uint64_t page_bytes) {
+  constexpr std::uint64_t kPageHeader = 16;   // bytes, as LMDB lays out pages
+  constexpr std::uint64_t kNodeHeader = 10;   // bytes, with the node's offset in its page
+  constexpr std::uint64_t kOtherTables = 96;  // bytes
+  const std::uint64_t room = page_bytes - kPageHeader;
+  const std::uint64_t data = kHeaderBytes + record.service.size() + record.text.size();
+  const std::uint64_t node = kNodeHeader + sizeof(TokenKey) + data;
+  if (node > room / 2) return (data + kPageHeader + room) / page_bytes * page_bytes + kOtherTables;
+  return page_bytes * 3 / 2 / (room / node) + kOtherTables;
 }

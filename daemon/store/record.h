@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -10,6 +11,11 @@
 #include <type_traits>
 
 #include "process.h"
+
+/// The key of a token's record: its SHA-256 (FIPS 180-4), from which nobody can find the token.
+using TokenKey = std::array<char, 32>;
+
+TokenKey KeyOf(std::string_view token);
 
 /// A point in time that is still meaningful after a reboot.
 struct Moment {
@@ -35,12 +41,19 @@ struct RecordHeader {
   Moment issued;
   Moment orphaned;  ///< when the owner was first found dead
 
+  // Format 1 ended here.
+  std::uint64_t lifetime = 0;  ///< seconds from `issued`; 0: no limit
+  std::uint64_t checksum = 0;  ///< over the key and everything else in the record
+
   ProcessIdentity Owner() const { return {owner_pid, owner_start, owner_boot}; }
   void SetOwner(const ProcessIdentity& owner);
 };
 static_assert(std::is_trivially_copyable_v<RecordHeader>);
 static_assert(
     std::has_unique_object_representations_v<RecordHeader>);  // no uninitialized bytes are written
+
+constexpr std::size_t kHeaderBytes = sizeof(RecordHeader);
+constexpr std::size_t kHeaderBytesOfFormat1 = offsetof(RecordHeader, lifetime);
 
 /// A view of a record in the file, valid until the transaction that read it ends or changes
 /// anything.
@@ -51,10 +64,12 @@ struct Record {
 };
 
 /// Throws `std::runtime_error` if `bytes` are not a record.
-Record DecodeRecord(std::string_view bytes);
+Record DecodeRecord(std::string_view bytes, std::size_t header_bytes = kHeaderBytes);
 
-std::string EncodeRecord(RecordHeader header, std::string_view service, std::string_view text);
+std::uint64_t Checksum(std::string_view key, const Record& record);
 
-/// Returns roughly how many bytes of the file a record uses, including its entries in the other
-/// tables and its share of unused space in pages.
-std::uint64_t Footprint(std::string_view token, const Record& record);
+std::string EncodeRecord(const Record& record);
+
+/// Returns how many bytes of the file a record takes, with its share of the other tables and of the
+/// unused space in pages of `page_bytes`.
+std::uint64_t Footprint(const Record& record, std::uint64_t page_bytes);

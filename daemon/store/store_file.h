@@ -1,35 +1,47 @@
-// The store's directory and file, which must belong to this daemon alone.
+// The store's directory and files, which must belong to this daemon alone.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
-#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "owned_descriptor.h"
 #include "store_options.h"
 
-/// Creates the store's directory and file if they are missing, checks them, and locks the file.
-/// Deletes nothing, and does not change the mode of existing files.
+/// Creates the store's directory and lock file if they are missing, checks them and the store's
+/// file, and locks both files. Deletes nothing, and does not change the mode of existing files.
 ///
-/// The supervisor holds the lock as long as the daemon runs; the processes that it forks hold it
+/// The supervisor holds the locks as long as the daemon runs; the processes that it forks hold them
 /// too.
 class StoreLock {
  public:
-  /// `patience` gives the workers of an earlier daemon time to end. Throws `std::runtime_error`
-  /// with what is wrong, and what to do.
+  /// `patience` gives the workers of an earlier daemon time to end. Throws `StartError` with what
+  /// is wrong and what to do, and `std::system_error`.
   explicit StoreLock(const StoreOptions& options,
                      std::chrono::milliseconds patience = std::chrono::seconds(5));
 
-  /// Throws unless the path still names the locked file, which the other workers use.
-  void ExpectSameFile() const;
+  /// Locks the store's file, which was rebuilt.
+  void LockRebuilt();
+
+  /// Throws `std::runtime_error` unless the paths still name the locked files, which the other
+  /// workers use, and the store has its size.
+  void ExpectSameFiles() const;
 
  private:
-  std::string path;
-  ZELT::TokenManager::OwnedDescriptor file;
+  struct LockedFile {
+    std::string path;
+    ZELT::TokenManager::OwnedDescriptor file;
+  };
+
+  void Lock(const std::string& path, int flags = 0);
+
+  const std::string store;  // path of the indexed store, or empty
+  const std::chrono::milliseconds patience;
+  std::vector<LockedFile> locked;
+  off_t store_bytes = 0;  // which never change, once the store was rebuilt
 };
 
-/// Returns the maximum size of the indexed store's file. It is twice what new tokens may use, so
-/// that changes find room while a stopped reader keeps freed pages from being reused.
-constexpr std::uint64_t MapBytes(const StoreOptions& options) {
-  return 2 * options.bytes + (16U << 20);
-}
+/// Writes the entries of a directory to the disk. Throws `std::system_error`.
+void SyncDirectory(const std::string& directory);

@@ -10,10 +10,10 @@ enum class StoreFormat : std::uint8_t { kIndexed, kText };
 struct StoreOptions {
   std::string path = "/run/zelttokenmgr/tokens.mdb";
   StoreFormat format = StoreFormat::kIndexed;
-  std::uint64_t bytes = 64U << 20;         ///< an indexed store of this size issues no tokens
-  std::uint64_t tokens_per_user = 10'000;  ///< of the indexed store
-  std::uint64_t users_share = 4;           ///< a user may use 1/users_share of `bytes`
-  std::chrono::nanoseconds max_age{0};     ///< 0: no limit
+  std::uint64_t bytes = 20U << 20;                 ///< that tokens may take in an indexed store
+  std::uint64_t tokens_per_user = 10'000;          ///< of the indexed store
+  std::uint64_t users_share = 4;                   ///< a user may use 1/users_share of `bytes`
+  std::chrono::nanoseconds max_age{0};             ///< 0: no limit
   std::chrono::nanoseconds drop_orphans_after{0};  ///< 0: never
   unsigned int cache_bytes = 8U << 20;             ///< of the text store; 0: no cache
 

@@ -13,7 +13,6 @@
 #include "json_text.h"
 #include "owned_descriptor.h"
 #include "process.h"
-#include "user_limits.h"
 
 using ZELT::TokenManager::MemberOrNull;
 using ZELT::TokenManager::OwnedDescriptor;
@@ -37,9 +36,11 @@ void EndLastLine(const std::string& path) {
 
 }  // namespace
 
-TextStore::TextStore(const std::string& path) : storage(path) { EndLastLine(path); }
+TextStore::TextStore(const std::string& file) : path(file), storage(file) { EndLastLine(path); }
 
 void TextStore::Begin(const Peer& /*peer*/) { removed.reset(); }
+
+void TextStore::ExpireAfter(std::chrono::seconds /*lifetime*/) { Refuse(); }
 
 void TextStore::Commit() {
   if (removed) storage.Remove(*removed);
@@ -54,8 +55,22 @@ void TextStore::Insert(const std::string& token, const Json::Value& data) {
   if (!IdentifyProcess(pid.isInt() ? pid.asInt() : 0)) {
     throw std::runtime_error("no living process has the id of the new owner");
   }
-  if (removed == token) Commit();
+  if (removed == token) return Transfer(token, data);
   storage.Insert(token, data);
+}
+
+// Puts the old record back if the new one cannot be written. A failed insertion may leave a part of
+// a line.
+void TextStore::Transfer(const std::string& token, const Json::Value& data) {
+  const Json::Value old = storage.GetAssociatedData(token);
+  Commit();
+  try {
+    storage.Insert(token, data);
+  } catch (...) {
+    EndLastLine(path);
+    storage.Insert(token, old);
+    throw;
+  }
 }
 
 void TextStore::Remove(const std::string& token) { removed = token; }
@@ -87,4 +102,3 @@ TokenRow TextStore::Inspect(const std::string& token) {
 }
 
 Json::Value TextStore::GetStatistics() { return Json::nullValue; }
-void TextStore::EverySecond() {}

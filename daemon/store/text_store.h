@@ -10,17 +10,20 @@
 /// A `JsonFileStorage` as the daemon uses it.
 ///
 /// Changes are not transactions. A removal is deferred until `Commit`, or until the same token is
-/// inserted again: a worker killed in between, or a disk that fills up there, loses the token.
+/// inserted again: a worker killed in between loses the token.
 /// Owners are process ids. Administrators' requests are refused.
 class TextStore : public TokenStore {
  public:
   /// Ends a last line that a killed worker left incomplete, so that the next record does not become
   /// a part of it. Throws what `JsonFileStorage` throws.
-  explicit TextStore(const std::string& path);
+  explicit TextStore(const std::string& file);
 
   void Begin(const Peer& peer) override;
+  void ExpireAfter(std::chrono::seconds lifetime) override;
   void Commit() override;
   void Rollback() noexcept override;
+
+  bool AwaitRoom() override { return false; }
 
   /// The text store has no ids.
   std::uint64_t ChangedId() const override { return 0; }
@@ -34,9 +37,14 @@ class TextStore : public TokenStore {
   TokenRow Inspect(const std::string& token) override;
   Page<UsageRow> Usage(std::uint64_t after) override;
   Json::Value GetStatistics() override;
-  void EverySecond() override;
+  bool NeedsCare() const override { return false; }
+  void TakeCare() override {}
+  void EverySecond() override {}
 
  private:
+  void Transfer(const std::string& token, const Json::Value& data);
+
+  const std::string path;
   ZELT::TokenManager::JsonFileStorage storage;
   std::optional<std::string> removed;
 };

@@ -7,7 +7,9 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "peer.h"
@@ -15,6 +17,19 @@
 
 /// Maximum grants of one token. Each validation searches them.
 constexpr unsigned int kMaxGrants = 256;
+
+/// How many grants a payload holds: the elements of an array, or one that is no array.
+Json::ArrayIndex GrantCount(const Json::Value& payload);
+
+/// Throws `std::runtime_error` if a token with this data, and this text of it, would hold too many
+/// grants or be too long.
+void ExpectSmallToken(const Json::Value& data, std::string_view text);
+
+/// A change found no space in the store. Trying it again may help, see `AwaitRoom`.
+class NoRoom : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 /// Selects tokens for an administrator: those that meet all conditions.
 struct TokenFilter {
@@ -62,11 +77,18 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// called in between.
   virtual void Begin(const Peer& peer) = 0;
 
+  /// Limits the life of the token that the current change issues. At least one second.
+  virtual void ExpireAfter(std::chrono::seconds lifetime) = 0;
+
   /// Commits the change. If it throws, nothing was changed. If it returns, the change lasts.
   virtual void Commit() = 0;
 
   /// Undoes the changes since `Begin`.
   virtual void Rollback() noexcept = 0;
+
+  /// After a change failed with `NoRoom` and was rolled back: waits until the cause is gone.
+  /// Returns false if there is no cause that goes.
+  virtual bool AwaitRoom() = 0;
 
   /// The id of the token that the current change, or the last committed one, inserted or removed.
   virtual std::uint64_t ChangedId() const = 0;
@@ -86,7 +108,15 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// Returns "tokens", "used" and "size" (bytes).
   Json::Value GetStatistics() override = 0;
 
-  /// Does a bounded amount of periodic work.
+  /// Whether `TakeCare` has something to do: a user was refused a token at a limit, or a commit
+  /// failed.
+  virtual bool NeedsCare() const = 0;
+
+  /// Drops some of the oldest orphans of users at a limit. Ends the process if the store refuses
+  /// all further work in it. Takes some milliseconds at most. Not to be called during a change.
+  virtual void TakeCare() = 0;
+
+  /// Does a bounded amount of periodic work for all workers: drops what has expired.
   virtual void EverySecond() = 0;
 };
 

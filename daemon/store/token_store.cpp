@@ -1,0 +1,22 @@
+#include "token_store.h"
+
+#include "json_member.h"
+
+using ZELT::TokenManager::MemberOrNull;
+
+Json::ArrayIndex GrantCount(const Json::Value& payload) {
+  return payload.isArray() ? payload.size() : 1;
+}
+
+void ExpectSmallToken(const Json::Value& data, std::string_view text) {
+  constexpr std::size_t kMaxTextBytes = 64U << 10;  // each validation parses it
+  const Json::ArrayIndex grants = GrantCount(MemberOrNull(data, "payload"));
+  if (grants > kMaxGrants) {
+    throw std::runtime_error("the token would hold " + std::to_string(grants) +
+                             " grants, more than " + std::to_string(kMaxGrants));
+  }
+  if (text.size() > kMaxTextBytes) {
+    throw std::runtime_error("the record of the token would have " + std::to_string(text.size()) +
+                             " bytes, more than " + std::to_string(kMaxTextBytes));
+  }
+}
