@@ -42,9 +42,23 @@ void Demand(bool done, const std::string& what) {
   if (!done) throw Failure(kRefused, "the daemon refused to " + what + " the token" + kReasonInLog);
 }
 
+// The library's request has no lifetime.
+std::string IssueExpiringToken(const Arguments& arguments, const Json::Value& payload) {
+  Json::Value request;
+  request["type"] = "issue";
+  request["service"] = arguments.service;
+  request["payload"] = payload;
+  request["expires_in"] = Json::UInt64{arguments.expires_in};
+  const Json::Value response = SendToDaemon(request);
+  Demand(response["success"] == true, "issue");
+  return response["token"].isString() ? response["token"].asString() : "";
+}
+
 std::string IssueToken(const Arguments& arguments) {
   const Json::Value payload = ReadPayload(arguments.payload);
-  std::string token = Ask([&] { return SendIssueRequest(arguments.service, payload); });
+  std::string token = arguments.expires_in > 0
+                          ? IssueExpiringToken(arguments, payload)
+                          : Ask([&] { return SendIssueRequest(arguments.service, payload); });
   if (token.empty()) throw Failure(kUnavailable, "the daemon answered without a token");
   return token;
 }
