@@ -12,9 +12,9 @@ namespace {
 Json::Value AskForPage(const Json::Value& request) {
   Json::Value response = SendToDaemon(request);
   if (TruthOf(MemberOrNull(response, "success"))) return response;
-  throw Failure(kRefused, std::string("the daemon refused; only root and the daemon's user may "
-                                      "administer tokens") +
-                              kReasonInLog);
+  const std::string reason = TextOf(MemberOrNull(response, "reason"));
+  throw Failure(kRefused, reason.empty() ? std::string("the daemon refused") + kReasonInLog
+                                         : "the daemon refused: " + reason);
 }
 
 // Calls `take` with each page of the answer to `request`.
@@ -56,6 +56,16 @@ Result List(const Arguments& arguments) {
   return result;
 }
 
+Result Show(const Arguments& arguments) {
+  Json::Value request;
+  request["type"] = "show";
+  request["id"] = Json::UInt64{arguments.ids.front()};
+  Result result;
+  result.value["token"] = MemberOrNull(AskForPage(request), "token");
+  result.text = TokenReport(result.value["token"]);
+  return result;
+}
+
 Result Drop(const Arguments& arguments) {
   std::uint64_t dropped = 0;
   try {
@@ -69,7 +79,8 @@ Result Drop(const Arguments& arguments) {
   }
   Result result{
       .text = std::to_string(dropped) + (dropped == 1 ? " token" : " tokens") + " dropped",
-      .value = {}};
+      .value = {},
+      .exit_code = dropped == 0 ? kRefused : 0};
   result.value["dropped"] = Json::UInt64{dropped};
   return result;
 }

@@ -59,6 +59,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     AddCommand("run", "Run a command with a token, then revoke the token:", Run);
     AddCommand("exec", "Become a command that owns a token, as services should:", Exec);
     AddList();
+    AddShow();
     AddDrop();
     AddStatus();
     app.allow_extras();  // Parse() reads them
@@ -216,6 +217,14 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   void AddList() {
     AddFilter(Add("list", "List tokens, without their text",
                   "zelttoken list --user alice --orphans", List));
+  }
+
+  void AddShow() {
+    CLI::App* show = Add("show", "Show what a token grants", "zelttoken show 4711", Show);
+    const auto read = [this](const std::string& id) {
+      arguments.ids.push_back(ParseNumber<std::uint64_t>("ID", id));
+    };
+    show->add_option_function<std::string>("ID", read, "The id that list shows")->required();
   }
 
   void AddDrop() {

@@ -22,7 +22,7 @@ namespace {
 Failure Explain(const std::string& error) {
   const auto is = [&error](std::string_view where) { return error.starts_with(where); };
   const std::string cause = " (" + error + ")";
-  if (is("utils.cpp:89") || is("utils.cpp:108") || is("utils.cpp:110")) {
+  if (is("utils.cpp:108") || is("utils.cpp:110")) {
     return {kRefused, "the daemon refused" + cause + kReasonInLog};
   }
   return is("utils.cpp:62") ? Unreachable(cause) : BrokenExchange(cause);
@@ -33,6 +33,8 @@ template <typename Exchange>
 auto Ask(const Exchange& exchange) {
   try {
     return exchange();
+  } catch (const Failure&) {
+    throw;
   } catch (const std::runtime_error& error) {
     throw Explain(error.what());
   }
@@ -43,22 +45,32 @@ void Demand(bool done, const std::string& what) {
 }
 
 // The library's request has no lifetime.
-std::string IssueExpiringToken(const Arguments& arguments, const Json::Value& payload) {
+std::string SendExpiringIssue(const Arguments& arguments, const Json::Value& payload) {
   Json::Value request;
   request["type"] = "issue";
   request["service"] = arguments.service;
   request["payload"] = payload;
   request["expires_in"] = Json::UInt64{arguments.expires_in};
   const Json::Value response = SendToDaemon(request);
-  Demand(response["success"] == true, "issue");
+  if (response["success"] != true) throw IssueRefused("", arguments.service, payload);
   return response["token"].isString() ? response["token"].asString() : "";
+}
+
+std::string SendIssue(const std::string& service, const Json::Value& payload) {
+  try {
+    return SendIssueRequest(service, payload);
+  } catch (const std::runtime_error& error) {
+    const std::string text = error.what();
+    if (!text.starts_with("utils.cpp:89")) throw;
+    throw IssueRefused(" (" + text + ")", service, payload);
+  }
 }
 
 std::string IssueToken(const Arguments& arguments) {
   const Json::Value payload = ReadPayload(arguments.payload);
   std::string token = arguments.expires_in > 0
-                          ? IssueExpiringToken(arguments, payload)
-                          : Ask([&] { return SendIssueRequest(arguments.service, payload); });
+                          ? SendExpiringIssue(arguments, payload)
+                          : Ask([&] { return SendIssue(arguments.service, payload); });
   if (token.empty()) throw Failure(kUnavailable, "the daemon answered without a token");
   return token;
 }

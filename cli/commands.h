@@ -43,6 +43,7 @@ Result Exec(const Arguments& arguments);
 
 // Only root and the daemon's user may use these.
 Result List(const Arguments& arguments);
+Result Show(const Arguments& arguments);
 Result Drop(const Arguments& arguments);
 Result Status(const Arguments& arguments);
 

@@ -7,7 +7,11 @@
 
 #include "failure.h"
 
-constexpr const char* kReasonInLog = "; its log says why (journalctl -u zelttokenmgrd)";
+constexpr const char* kReasonInLog = "; its log says why (as root: journalctl -u zelttokenmgrd)";
+
+/// Returns the failure of a refused issue, with the command that tells why.
+Failure IssueRefused(const std::string& cause, const std::string& service,
+                     const Json::Value& payload);
 
 /// Each returns a failure whose text includes `cause` and what to do about it.
 Failure Unreachable(const std::string& cause);

@@ -28,6 +28,10 @@ std::string Cell(const Json::Value& row, const char* name) {
   return Printable(TextOf(MemberOrNull(row, name)));
 }
 
+std::string State(const Json::Value& token) {
+  return TruthOf(MemberOrNull(token, "alive")) ? "alive" : "orphan";
+}
+
 std::string Padded(std::string text, std::size_t width) {
   text.resize(std::max(text.size(), width), ' ');
   return text;
@@ -175,11 +179,11 @@ void AddUsage(Metrics& metrics, const Json::Value& usage, const char* member, co
 }  // namespace
 
 std::string TokenTable(const Json::Value& tokens) {
-  std::vector<Line> lines{{"ID", "SERVICE", "USER", "PID", "OWNER", "STATE", "AGE", "GRANTS"}};
+  std::vector<Line> lines{
+      {"ID", "SERVICE", "USER", "UID", "PID", "OWNER", "STATE", "AGE", "GRANTS"}};
   for (const Json::Value& token : tokens) {
     lines.push_back({Cell(token, "id"), Cell(token, "service"), Cell(token, "requester"),
-                     Cell(token, "pid"), Cell(token, "owner"),
-                     TruthOf(MemberOrNull(token, "alive")) ? "alive" : "orphan",
+                     Cell(token, "uid"), Cell(token, "pid"), Cell(token, "owner"), State(token),
                      Duration(MemberOrNull(token, "age")), Cell(token, "grants")});
   }
   return Table(lines);
@@ -187,12 +191,16 @@ std::string TokenTable(const Json::Value& tokens) {
 
 std::string TokenReport(const Json::Value& token) {
   const Json::Value& expires_in = MemberOrNull(token, "expires_in");
-  std::vector<Line> lines{
-      {"requester", Cell(token, "requester")},
-      {"owner", TruthOf(MemberOrNull(token, "alive")) ? "alive" : "ended"},
-      {"age", Duration(MemberOrNull(token, "age"))},
-      {"expires", expires_in.isNull() ? "never" : "in " + Duration(expires_in)},
-  };
+  std::vector<Line> lines;
+  for (const char* name : {"id", "service", "requester", "uid", "pid"}) {
+    if (token.isMember(name)) lines.push_back({name, Cell(token, name)});
+  }
+  lines.insert(lines.end(),
+               {
+                   {"owner", TruthOf(MemberOrNull(token, "alive")) ? "alive" : "ended"},
+                   {"age", Duration(MemberOrNull(token, "age"))},
+                   {"expires", expires_in.isNull() ? "never" : "in " + Duration(expires_in)},
+               });
   const auto add = [&lines](const Json::Value& grant) {
     lines.push_back({"grant", Printable(toString(grant))});
   };

@@ -8,7 +8,7 @@
 /// Returns a table with a line for each of the `tokens` of a "list" response.
 std::string TokenTable(const Json::Value& tokens);
 
-/// Returns an "inspect" response as a table, with a line for each grant.
+/// Returns a token, as "inspect" and "show" describe it, as a table with a line for each grant.
 std::string TokenReport(const Json::Value& token);
 
 /// Returns a "status" response as tables.

@@ -18,6 +18,10 @@ inline constexpr std::array kSocketPaths{kSocketPath, kSecondSocketPath};
 /// The user under whom the packages run the daemon.
 inline constexpr const char* kDaemonUser = "zelttokenmgr";
 
+/// Whether `user` stands for all users who are not mapped in this user namespace
+/// (user_namespaces(7)): any of them may have it, this process's user included.
+bool IsUnmapped(uid_t user);
+
 /// Whether clients accept a process of `user` as the daemon. They accept root, this process's
 /// effective user, and "zelttokenmgr".
 bool IsDaemonUser(uid_t user);

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "daemon_socket.h"
 #include "process.h"
 #include "users.h"
 
@@ -134,13 +135,25 @@ Json::Value ServiceTimes(const Board& board) {
 }  // namespace
 
 bool Administration::IsAdministrator(const Peer& peer) {
-  return peer.credential.uid == 0 || peer.credential.uid == geteuid();
+  const uid_t uid = peer.credential.uid;
+  return uid == 0 || (uid == geteuid() && !ZELT::TokenManager::IsUnmapped(uid));
 }
 
 void Administration::List(const Json::Value& request, Json::Value& response) {
   const Page<TokenRow> page = store.List(Filter(request), After(request));
   response["tokens"] = Formatted(page.rows);
   SetNext(page.next, response);
+}
+
+void Administration::Show(const Json::Value& request, Json::Value& response) {
+  TokenFilter filter;
+  filter.ids = {Member(request, "id", &Json::Value::isUInt64, "an id").asUInt64()};
+  const Page<TokenRow> page = store.List(filter, 0);
+  if (page.rows.empty()) {
+    throw std::runtime_error("no token has the id " + std::to_string(filter.ids.front()));
+  }
+  response["token"] = Formatted(page.rows.front());
+  response["token"]["payload"] = page.rows.front().payload;
 }
 
 std::vector<TokenRow> Administration::Drop(const Json::Value& request, Json::Value& response) {

@@ -1,4 +1,4 @@
-// The administrators' requests: "list", "drop" and "status".
+// The administrators' requests: "list", "show", "drop" and "status".
 #pragma once
 
 #include <json/value.h>
@@ -23,6 +23,9 @@ class Administration {
   /// Request: "user", "service", "orphans" and "after", each optional. Response: "tokens", and
   /// "next" unless this is the last page.
   void List(const Json::Value& request, Json::Value& response);
+
+  /// Request: "id". Response: "token", as in the response to List, with its "payload".
+  void Show(const Json::Value& request, Json::Value& response);
 
   /// Request: as for List, and "ids"; without any condition, "all" must be true. Response:
   /// "dropped" and "next". Returns what was dropped. Part of a change of the store.

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <utility>
 
+#include "daemon_socket.h"
 #include "json_member.h"
 #include "log.h"
 #include "request_log.h"
@@ -89,6 +90,7 @@ Sender SenderOf(RequestType type) {
     case RequestType::kTransfer:
       return Sender::kProcess;
     case RequestType::kList:
+    case RequestType::kShow:
     case RequestType::kDrop:
     case RequestType::kStatus:
       return Sender::kAdministrator;
@@ -106,6 +108,9 @@ void ExpectSender(Sender expected, const Peer& peer) {
   // identify an owner.
   if (expected == Sender::kProcess && peer.credential.pid == 0) {
     throw std::runtime_error("the peer has no process id in the daemon's pid namespace");
+  }
+  if (expected == Sender::kProcess && IsUnmapped(peer.credential.uid)) {
+    throw std::runtime_error("the peer's user id is not mapped in the daemon's user namespace");
   }
   if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
     throw std::runtime_error("only root and the daemon's user may ask for this");
@@ -145,6 +150,21 @@ std::string Success(Json::Value& response) {
   return text;
 }
 
+// Administrators are told the reason, and others that they are none. Other requests have it only in
+// the log, because it may say what tokens and grants there are.
+std::string Refused(RequestType type, const Json::Value& response,
+                    const std::exception& refusal) try {
+  if (SenderOf(type) != Sender::kAdministrator) {
+    return IsUnjudged(response, refusal) ? kUnjudged : kRefused;
+  }
+  Json::Value answer;
+  answer["success"] = false;
+  answer["reason"] = refusal.what();
+  return WriteJson(answer);
+} catch (const std::exception&) {
+  return kRefused;
+}
+
 std::chrono::seconds Seconds() {
   return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch());
 }
@@ -176,7 +196,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     answer = Handle(peer, text, request, response);
     Count(CounterOf(slot.type, slot.done));
   } catch (const std::exception& refusal) {
-    answer = IsUnjudged(response, refusal) ? kUnjudged : kRefused;
+    answer = Refused(slot.type, response, refusal);
     Refuse(peer, request, refusal);
   }
   Count(slot.times.at(TimeBucket(Clock::now() - begun)));
@@ -219,6 +239,9 @@ std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Js
     case RequestType::kList:
       administration.List(request, response);
       break;
+    case RequestType::kShow:
+      administration.Show(request, response);
+      break;
     case RequestType::kStatus:
       administration.Status(request, response);
       break;
@@ -258,6 +281,7 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
     case RequestType::kIssue:
       if (request.isMember("expires_in")) store.ExpireAfter(Lifetime(request["expires_in"]));
       Issue(peer, request, response);
+      if (settings.audit) details = GrantsOf(response["token"].asString());
       break;
     case RequestType::kTransfer:
       manager.TransferToken(peer.credential, request, response);
@@ -270,6 +294,11 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
   }
   if (!settings.audit) return {};
   return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
+}
+
+// Returns the grants of a new token for the audit.
+std::string RequestHandler::GrantsOf(const std::string& token) const {
+  return " grants=" + QuotedGrants(WriteJson(manager.GetAssociatedData(token)["payload"]));
 }
 
 void RequestHandler::Issue(const Peer& peer, const Json::Value& request, Json::Value& response) {

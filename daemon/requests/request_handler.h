@@ -45,6 +45,7 @@ class RequestHandler {
   std::string TryChange(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,
                                     Json::Value& response);
+  std::string GrantsOf(const std::string& token) const;
   void Issue(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> AuditDrop(const Peer& peer, const std::vector<TokenRow>& dropped) const;
 

@@ -17,8 +17,9 @@ using namespace ZELT::TokenManager;
 
 namespace {
 
-constexpr std::size_t kLongestText = 256;   // bytes, escaped
-constexpr std::size_t kLongestCause = 512;  // bytes, escaped; mostly paths, no client text
+constexpr std::size_t kLongestText = 256;     // bytes, escaped
+constexpr std::size_t kLongestGrants = 1024;  // bytes, escaped; a line has at most 2 KiB
+constexpr std::size_t kLongestCause = 512;    // bytes, escaped; mostly paths, no client text
 
 // Text for a line of the log. Nothing here allocates memory, so that a refusal for lack of memory
 // is logged too.
@@ -79,6 +80,10 @@ void LogRefusal(const Peer& peer, const Json::Value& request, const std::excepti
   Log(LOG_NOTICE, "refused pid=%d uid=%u type=%s service=%s reason=%s%s", peer.credential.pid,
       peer.credential.uid, LoggableMember(request, "type").data(),
       LoggableMember(request, "service").data(), Loggable(refusal.what()).data(), cause.data());
+}
+
+std::string QuotedGrants(const std::string& grants) {
+  return Quoted<kLongestGrants>(grants).data();
 }
 
 std::string AuditLine(const Peer& peer, const char* what, std::uint64_t id,

@@ -17,6 +17,9 @@ std::string CauseOf(const std::exception& refusal);
 /// text of `refusal`, and its cause. `request` need not be an object.
 void LogRefusal(const Peer& peer, const Json::Value& request, const std::exception& refusal);
 
+/// Returns the JSON text of a token's grants as a JSON string, cut at 1 KiB.
+std::string QuotedGrants(const std::string& grants);
+
 /// Returns the line of the audit for a change of a token by `peer`. `what` is one of "issue",
 /// "revoke", "transfer" and "drop"; `details` has the form " name=value".
 std::string AuditLine(const Peer& peer, const char* what, std::uint64_t id,

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "configuration.h"
+#include "daemon_socket.h"
 #include "packages.h"
 #include "users.h"
 
@@ -32,7 +33,8 @@ std::string ForeignWriter(const fs::path& path, bool is_above) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) return "";
   if (IsWritableByEverybody(status, is_above)) return "it is writable by everybody";
-  if (status.st_uid != 0) return "it is writable by user \"" + UserName(status.st_uid) + "\"";
+  if (status.st_uid != 0 && !IsUnmapped(status.st_uid))
+    return "it is writable by user \"" + UserName(status.st_uid) + "\"";
   if ((status.st_mode & S_IWGRP) == 0 || status.st_gid == 0) return "";
   return "it is writable by group \"" + GroupName(status.st_gid) + "\"";
 }

@@ -14,6 +14,7 @@ enum class RequestType : std::uint8_t {
   kRevoke,
   kTransfer,
   kList,
+  kShow,
   kDrop,
   kStatus,
   kOther
@@ -22,5 +23,5 @@ constexpr std::size_t kRequestTypes = static_cast<std::size_t>(RequestType::kOth
 
 /// The values of "type" in requests, in the same order.
 constexpr std::array<const char*, kRequestTypes> kRequestTypeNames = {
-    "issue",    "validate", "validate_many", "inspect", "revoke",
-    "transfer", "list",     "drop",          "status",  "other"};
+    "issue", "validate", "validate_many", "inspect", "revoke", "transfer",
+    "list",  "show",     "drop",          "status",  "other"};

@@ -42,7 +42,7 @@ set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS
   "${library} (>= ${version}), systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
   ${CMAKE_CURRENT_LIST_DIR}/postinst ${CMAKE_CURRENT_LIST_DIR}/prerm
-  ${CMAKE_CURRENT_LIST_DIR}/postrm)
+  ${CMAKE_CURRENT_LIST_DIR}/postrm ${CMAKE_CURRENT_LIST_DIR}/conffiles)
 set(CPACK_COMPONENT_DAEMON_DESCRIPTION "access tokens between local processes (daemon)
 A token states what the package of the requesting process is granted. This
 package contains the daemon, which issues, validates, revokes and transfers
@@ -61,6 +61,7 @@ foreach(directory /etc/zelttokenmgr/installed /var/packages)
   install(DIRECTORY DESTINATION ${directory} COMPONENT daemon)
 endforeach()
 
+install(FILES packaging/default DESTINATION /etc/default RENAME zelttokenmgr COMPONENT daemon)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
   DESTINATION share/lintian/overrides RENAME zelttokenmgr COMPONENT daemon)
 

@@ -9,7 +9,8 @@ namespace zeltdaemon {
 /// Looks for the end of a JSON value in pieces of text. Does not check that it is valid.
 class JsonEnd {
  public:
-  /// Whether the value ends in the next `piece`. A number or a word ends at the whitespace after it.
+  /// Whether the value ends in the next `piece`. A number or a word ends at the whitespace after
+  /// it.
   bool IsIn(std::string_view piece) {
     return std::any_of(piece.begin(), piece.end(), [this](char c) { return Ends(c); });
   }

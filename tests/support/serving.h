@@ -23,7 +23,8 @@ struct Client : zeltdaemon::DomainSockConnection {
   std::string Answer() const {
     std::array<char, 16384> piece{};
     std::string answer;
-    for (ssize_t count = 1; count > 0; answer.append(piece.data(), std::max<ssize_t>(count, 0))) {
+    for (ssize_t count = 1; count > 0;
+         answer.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)))) {
       count = recv(fd, piece.data(), piece.size(), 0);
     }
     if (answer.empty()) return "none";

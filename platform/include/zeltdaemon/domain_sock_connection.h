@@ -15,9 +15,9 @@ class SockConnection {
 
   /// Ends the stream to the peer and receives one message into `message`, without a newline at its
   /// end. It is complete at the end of the peer's stream, or as soon as it holds one JSON value,
-  /// whatever newlines stand before, in or after it. Returns false, leaving `message` as it was, when
-  /// the stream is empty or fails, the message is longer than allowed, or the peer takes longer than
-  /// allowed (see message.h).
+  /// whatever newlines stand before, in or after it. Returns false, leaving `message` as it was,
+  /// when the stream is empty or fails, the message is longer than allowed, or the peer takes
+  /// longer than allowed (see message.h).
   bool Recv(std::string& message);
 
   /// Closes the descriptor if it is open.
