@@ -52,7 +52,8 @@ std::string SendExpiringIssue(const Arguments& arguments, const Json::Value& pay
   request["payload"] = payload;
   request["expires_in"] = Json::UInt64{arguments.expires_in};
   const Json::Value response = SendToDaemon(request);
-  if (response["success"] != true) throw IssueRefused("", arguments.service, payload);
+  const bool issued = response["success"] == true;
+  if (!issued) throw IssueRefused("", arguments.service, payload);
   return response["token"].isString() ? response["token"].asString() : "";
 }
 
