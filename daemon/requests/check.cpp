@@ -1,5 +1,6 @@
 #include "check.h"
 
+#include <pwd.h>
 #include <sysexits.h>
 #include <unistd.h>
 
@@ -7,9 +8,12 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
+#include <set>
 #include <stdexcept>
 
+#include "check_grant.h"
 #include "configuration.h"
 #include "escaped_text.h"
 #include "json_text.h"
@@ -68,6 +72,9 @@ void CheckPackages(Findings& findings) {
   Claims users("user");
   for (const Package& package : packages) {
     findings.Add(package.privilege, package.problem);
+    if (getpwnam(package.user.c_str()) == nullptr) {
+      findings.Add(package.directory, "its user \"" + package.user + "\" does not exist");
+    }
     findings.Add(package.directory, names.Claim(package.name, package.directory));
     findings.Add(package.directory, users.Claim(package.user, package.directory));
   }
@@ -98,7 +105,7 @@ std::string ListProblem(const Json::Value& grant, const char* list_name) {
 class ServiceCheck {
  public:
   explicit ServiceCheck(const Service& checked)
-      : service(checked.make()), permitted_list(checked.permitted_list) {
+      : service(checked.make()), keys(checked.keys), permitted_list(checked.permitted_list) {
     fromString(checked.probe, probe["payload"]);
     well_formed = Verdict(*service, probe, Json::Value(Json::arrayValue));
   }
@@ -110,26 +117,55 @@ class ServiceCheck {
     findings.Add(file, problem.empty() ? "" : Name() + ": " + problem);
     for (Json::ArrayIndex i = 0; privilege.isArray() && i < privilege.size(); ++i) {
       const std::string what = GrantProblem(privilege[i]);
-      findings.Add(file, what.empty() ? "" : Name() + "[" + std::to_string(i) + "]: " + what);
+      findings.Add(file, what.empty() ? "" : At(i) + what);
+      if (what.empty() && IsRepeated(privilege, i))
+        findings.Add(file, At(i) + "an earlier grant always applies");
     }
   }
 
  private:
+  std::string At(Json::ArrayIndex i) const { return Name() + "[" + std::to_string(i) + "]: "; }
+
+  bool Agree(const Json::Value& a, const Json::Value& b) const {
+    return a.isObject() &&
+           std::all_of(keys.begin(), keys.end(), [&](const char* key) { return a[key] == b[key]; });
+  }
+
+  bool IsRepeated(const Json::Value& privilege, Json::ArrayIndex last) const {
+    for (Json::ArrayIndex i = 0; i < last; ++i) {
+      if (Agree(privilege[i], privilege[last])) return true;
+    }
+    return false;
+  }
+
   // Checks one grant, so that the finding can name it.
   std::string GrantProblem(const Json::Value& grant) const {
     Json::Value privilege(Json::arrayValue);
     privilege.append(grant);
     const std::string verdict = Verdict(*service, probe, privilege);
-    return verdict == well_formed ? ListProblem(grant, permitted_list) : verdict;
+    if (verdict != well_formed) return verdict;
+    const std::string problem = ListProblem(grant, permitted_list);
+    return problem.empty() ? OddList(grant, permitted_list) : problem;
   }
 
   std::shared_ptr<TokenService> service;
+  std::array<const char*, 2> keys;
   const char* permitted_list;
   Json::Value probe;
   std::string well_formed;  // the verdict on well-formed grants
 };
 
+// Returns none if they cannot be listed, which CheckPackages reports.
+std::optional<std::set<std::string>> PackageNames() try {
+  std::set<std::string> names;
+  for (const Package& package : ReadPackages()) names.insert(package.name);
+  return names;
+} catch (const std::runtime_error&) {
+  return std::nullopt;
+}
+
 void CheckConfigurations(const std::string& directory, Findings& findings) {
+  const std::optional<std::set<std::string>> packages = PackageNames();
   std::map<std::string, ServiceCheck> checks;
   for (const Service& service : Services()) {
     const ServiceCheck check(service);
@@ -138,6 +174,9 @@ void CheckConfigurations(const std::string& directory, Findings& findings) {
   for (const std::string& file : ListFiles(directory)) {
     Json::Value configuration;
     findings.Add(file, ReadConfiguration(file, configuration));
+    const std::string package = file.substr(file.rfind('/') + 1);
+    if (packages && !packages->contains(package))
+      findings.Add(file, "there is no package \"" + package + "\"");
     if (!configuration.isObject()) continue;
     for (const std::string& service : configuration.getMemberNames()) {
       const auto found = checks.find(service);

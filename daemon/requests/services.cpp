@@ -18,9 +18,11 @@ std::shared_ptr<TokenService> Make() {
 const std::array kServices = {
     Service{.make = Make<FastAPI>,
             .probe = R"([{"api":"\u0000","method":"\u0000"}])",
+            .keys = {"api", "method"},
             .permitted_list = "runner"},
     Service{.make = Make<ZELT::TokenManager::TaskManager>,
             .probe = R"({"action":"issue","args":[{"prefix":"\u0000"}]})",
+            .keys = {"prefix", "prefix"},
             .permitted_list = "owner"},
 };
 

@@ -1,6 +1,7 @@
 // The daemon's services. This is the only place where a service is registered.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <span>
 
@@ -14,6 +15,9 @@ struct Service {
   /// The payload, as JSON text, of a well-formed issue request that no grant satisfies, so that
   /// `Issue` examines every grant.
   const char* probe;
+
+  /// The members of a grant that a request names. Of grants that agree in them, the first applies.
+  std::array<const char*, 2> keys;
 
   /// The member of a grant that holds a permitted list.
   const char* permitted_list;

@@ -369,6 +369,25 @@ EOF
   expect 0 '* orphan *' zelttoken list
 }
 
+with_options() { echo "ZELTTOKENMGRD_OPTIONS='$1'" >/etc/default/zelttokenmgr; }
+
+# A start that cannot succeed is not repeated, even for waiting clients. Afterwards, a store on a disk
+# and a restart of the sockets alone.
+failed_start() {
+  with_options '--store /etc/hostname'
+  systemctl restart $service 2>/dev/null || true
+  expect 69 '*cannot be reached*' as demo zelttoken issue fastapi "$grant"
+  await eval '[ "$(systemctl is-active $service $sockets)" = $'"'failed\\ninactive'"' ]'
+  with_options '--store /var/lib/zelttokenmgr/tokens.mdb'
+  systemctl start $service
+  life_of_a_token
+  systemctl restart $sockets
+  life_of_a_token
+  expect 0 'zelttokenmgr 600' stat -c '%U %a' /var/lib/zelttokenmgr/tokens.mdb
+  with_options ''
+  systemctl restart $service
+}
+
 # Prints what a purge leaves behind, apart from the user.
 left_behind() {
   find / -xdev \( -iname '*zelttoken*' -o -nouser -o -user zelttokenmgr \) \
@@ -464,7 +483,7 @@ after_reset() {
 }
 
 readonly container=(install readme restart reload upgrade killed_workers ended_daemon squatting stranger
-  hardened_clients cleaning full_run hanging wrapped_service replaced_service purge)
+  hardened_clients cleaning full_run hanging wrapped_service failed_start replaced_service purge)
 
 run_steps() {
   local step
