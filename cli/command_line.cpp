@@ -3,13 +3,18 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <limits>
+#include <map>
+#include <string>
 #include <utility>
 
 #include "failure.h"
 #include "token_shape.h"
 
 namespace {
+
+constexpr std::uint64_t kLongestLifetime = std::uint64_t{100} * 365 * 24 * 3600;  // seconds
 
 constexpr const char* kOwnership =
     "Only the process that owns a token may revoke it; --owner transfers it.\n";
@@ -138,6 +143,16 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
     AddService(issue);
     AddPayload(issue);
     AddProcess(issue, "--owner", arguments.owner, "Transfer the token to this process at once");
+    AddExpiry(issue);
+  }
+
+  void AddExpiry(CLI::App* issuing) {
+    const std::map<std::string, std::uint64_t> units = {
+        {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}};
+    issuing->add_option("--expires-in", arguments.expires_in, "End the token after this time")
+        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED))
+        ->check(CLI::Range(std::uint64_t{1}, kLongestLifetime))
+        ->type_name("NUMBER(s|m|h|d)");
   }
 
   void AddValidate() {
@@ -184,6 +199,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
             "zelttoken " + name + " fastapi @payload.json -- sh -c 'echo $ZELT_TOKEN'", command);
     added->fallthrough(false)->allow_extras();
     AddJson(added);
+    AddExpiry(added);
     AddService(added);
     AddPayload(added);
     const auto read = [this](const std::string& word) { arguments.command.push_back(word); };

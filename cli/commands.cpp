@@ -44,6 +44,19 @@ void Demand(bool done, const std::string& what) {
   if (!done) throw Failure(kRefused, "the daemon refused to " + what + " the token" + kReasonInLog);
 }
 
+// The library's request has no lifetime.
+std::string SendExpiringIssue(const Arguments& arguments, const Json::Value& payload) {
+  Json::Value request;
+  request["type"] = "issue";
+  request["service"] = arguments.service;
+  request["payload"] = payload;
+  request["expires_in"] = Json::UInt64{arguments.expires_in};
+  const Json::Value response = SendToDaemon(request);
+  const bool issued = response["success"] == true;
+  if (!issued) throw IssueRefused("", arguments.service, payload);
+  return response["token"].isString() ? response["token"].asString() : "";
+}
+
 std::string SendIssue(const std::string& service, const Json::Value& payload) {
   try {
     return SendIssueRequest(service, payload);
@@ -56,7 +69,9 @@ std::string SendIssue(const std::string& service, const Json::Value& payload) {
 
 std::string IssueToken(const Arguments& arguments) {
   const Json::Value payload = ReadPayload(arguments.payload);
-  std::string token = Ask([&] { return SendIssue(arguments.service, payload); });
+  std::string token = arguments.expires_in > 0
+                          ? SendExpiringIssue(arguments, payload)
+                          : Ask([&] { return SendIssue(arguments.service, payload); });
   if (token.empty()) throw Failure(kUnavailable, "the daemon answered without a token");
   return token;
 }

@@ -14,7 +14,8 @@ struct Arguments {
   std::string payload;
   std::vector<std::string> payloads;  ///< of validate
   int pid = 0;
-  int owner = 0;  ///< 0: not given
+  int owner = 0;                 ///< 0: not given
+  std::uint64_t expires_in = 0;  ///< seconds; 0: no limit
   std::vector<std::string> command;
   std::string user;
   std::vector<std::uint64_t> ids;

@@ -70,7 +70,7 @@ void Serve(const Options& options) {
   StoreLock store_lock(options.store);
   TryStore(options.store, store_lock);
   WarnOfWriters(options.installed_config);
-  const Listeners listeners = OpenListeners(options.limits.backlog);
+  const Listeners listeners = OpenListeners();
   Board& board = MapBoard();
   const WorkerContext context{options, listeners.sockets, store_lock, board};
   Supervisor supervisor(board, {.workers = options.workers,

@@ -68,15 +68,13 @@ void DescribeStore(CLI::App& app, Options& options, RawOptions& raw) {
 
 template <typename Number>
 void AddLimit(CLI::App& app, const std::string& name, Number& value, const std::string& description,
-              Number most = 1U << 20) {
+              Number most) {
   app.add_option(name, value, description)->check(CLI::Range(Number{1}, most))->type_name("N");
 }
 
 void DescribeLimits(CLI::App& app, Options& options, RawOptions& raw) {
   AddLimit(app, "--workers", options.workers, "Worker processes; default: one per processor",
            unsigned{kMaxWorkers});
-  AddLimit(app, "--max-waiting", options.limits.waiting, "Maximum waiting connections per worker");
-  AddLimit(app, "--max-waiting-per-user", options.limits.waiting_per_user, "The same, per user");
   AddLimit(app, "--max-tokens-per-user", options.store.tokens_per_user,
            "Maximum tokens of one user", std::uint64_t{std::numeric_limits<std::uint32_t>::max()});
   AddDuration(app, "--max-age", raw.max_age, 1, "Drop tokens older than this");

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "server_limits.h"
 #include "store_options.h"
 
 /// What `--check` checks.
@@ -18,7 +17,6 @@ struct CheckOptions {
 struct Options {
   std::string installed_config = "/etc/zelttokenmgr/installed";
   StoreOptions store;
-  ServerLimits limits;
   unsigned int workers = 1;  ///< processes that serve
   std::chrono::seconds request_timeout{5};
   bool audit = false;

@@ -57,11 +57,14 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                           .version = ZELT_VERSION,
                           .audit = options.audit},
                          opened.cache);
-  Server server(context.listeners, options.limits, slot);
-  server.OnIdle([&] { EverySecond(handler, opened, slot); });
+  Server server(context.listeners, {}, slot, context.board.lines);
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
   slot.activity = Activity::kIdle;
-  server.Serve([&handler](const Peer& peer, const std::string& request) {
-    return handler.Answer(peer, request);
-  });
+  server.Serve(
+      [&](const Peer& peer, const std::string& text) {
+        std::string answer = handler.Answer(peer, text);
+        if (opened.store->NeedsCare()) server.Hasten();
+        return answer;
+      },
+      [&] { EverySecond(handler, opened, slot); });
 }

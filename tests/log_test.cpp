@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <syslog.h>
 
-#include "refusals.h"
 #include "support/logged.h"
 #include "unix_address.h"
 
@@ -82,19 +81,6 @@ TEST_F(LogTest, ALoggerThatStallsOrStartsAgainLosesLines) {
     close(logger);
   }
   Check(umount("/dev"), "/dev");
-}
-
-TEST_F(LogTest, RefusalsOfAUserAreLimitedAndSummedUp) {
-  Refusals refusals{};
-  const std::chrono::seconds now(7);
-  EXPECT_EQ(Logged([&] {
-              for (int i = 0; i < 25; ++i) EXPECT_EQ(refusals.MayLog(4001, now), i < 20);
-              EXPECT_TRUE(refusals.MayLog(4002, now));
-              refusals.LogHeldBack(now);
-              EXPECT_TRUE(refusals.MayLog(4001, now + std::chrono::seconds(1)));
-              for (int i = 1; i < 4; ++i) refusals.LogHeldBack(now + std::chrono::seconds(i));
-            }),
-            "5 more refusals of user 4001 were not logged\n");
 }
 
 }  // namespace ZELT::LogTests

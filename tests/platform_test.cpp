@@ -10,7 +10,8 @@ namespace ZELT::PlatformTests {
 using PlatformTest = PrivateFiles;
 
 constexpr const char* kPath = "/tmp/socket";
-const std::string kLongest(zeltdaemon::kMaxMessageBytes, 'x');
+const std::string kLongest(zeltdaemon::kMaxRequestBytes, 'x');
+const std::string kTooLong(zeltdaemon::kMaxMessageBytes + 1, 'x');
 
 // What a client writes until it ends the stream, and the message that arrives.
 const std::pair<std::vector<std::string>, std::string> kMessages[] = {
@@ -20,8 +21,8 @@ const std::pair<std::vector<std::string>, std::string> kMessages[] = {
     {{"a", "b"}, "ab"},
     {{"a\nb\n"}, "a"},
     {{kLongest}, kLongest},
-    {{kLongest, "y"}, "none"},
-    {{kLongest + "y\n"}, "none"},
+    {{kLongest, "y"}, kLongest + "y"},
+    {{kLongest + "yz\n"}, kLongest + "y"},  // what is too long is cut
 };
 
 TEST_F(PlatformTest, MessagesEndAtANewlineOrAtTheEndOfTheStream) {
@@ -35,7 +36,7 @@ TEST_F(PlatformTest, MessagesEndAtANewlineOrAtTheEndOfTheStream) {
     }
     Client client(kPath);
     EXPECT_TRUE(client.Send(kLongest) && client.Answer() == kLongest);
-    EXPECT_FALSE(Client(kPath).Send(kLongest + "x"));
+    EXPECT_FALSE(Client(kPath).Send(kTooLong));
   });
 }
 

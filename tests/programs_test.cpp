@@ -207,14 +207,6 @@ TEST_F(ProgramsTest, KeepsATextStore) {
   EXPECT_EQ(Validate(token), kRefused);
 }
 
-TEST_F(ProgramsTest, IsNotHeldUpBySilentClients) {
-  const Daemon daemon("--max-waiting-per-user 8");
-  std::list<DomainSockConnection> silent;
-  while (silent.size() < 100) ASSERT_TRUE(silent.emplace_back(kSocket).Connect());
-  EXPECT_EQ(Validate(Issue()), kPermitted);
-  EXPECT_TRUE(daemon.Logs("closing the oldest"));
-}
-
 TEST_F(ProgramsTest, TellsWhatIsWrongWithItsOptions) { CheckSessions("daemon.txt", "options"); }
 
 TEST_F(ProgramsTest, ChecksFiles) { CheckSessions("daemon.txt", "faults in files"); }

@@ -12,6 +12,7 @@
 #include "daemon_socket.h"
 #include "json_member.h"
 #include "log.h"
+#include "message.h"
 #include "request_log.h"
 #include "services.h"
 #include "strict_json.h"
@@ -165,10 +166,6 @@ std::string Refused(RequestType type, const Json::Value& response,
   return kRefused;
 }
 
-std::chrono::seconds Seconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch());
-}
-
 }  // namespace
 
 RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
@@ -205,7 +202,6 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
 }
 
 void RequestHandler::EverySecond() {
-  board.refusals.LogHeldBack(Seconds());
   store.TakeCare();
   if (&slot != board.slots.data()) return;
   store.EverySecond();
@@ -213,6 +209,7 @@ void RequestHandler::EverySecond() {
 
 std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
                                    Json::Value& response) {
+  if (text.size() > zeltdaemon::kMaxRequestBytes) throw std::runtime_error("too long");
   if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
   if (!ReadStrictJson(text, request) || !request.isObject()) {
     throw std::runtime_error("not a JSON object");
@@ -328,6 +325,6 @@ std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::exception& refusal) {
   Count(CounterOf(slot.type, slot.refused));
-  if (!board.refusals.MayLog(peer.credential.uid, Seconds())) return;
+  if (peer.lines != nullptr && !peer.lines->Take()) return;
   LogRefusal(peer, request, refusal);
 }

@@ -5,84 +5,102 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 #include "log.h"
 
 namespace {
 
-// Short, so that service resumes within a second.
-constexpr timeval kPause{.tv_sec = 0, .tv_usec = 100000};
+constexpr std::chrono::milliseconds kPause{100};
+
+// In pauses. Longer than any connection lasts, so what a worker lacks by then it does not get.
+constexpr int kMaxFailures = 100;
 
 // The log gets one line per interval at most, because other users can cause pauses.
 constexpr std::chrono::seconds kLogInterval{60};
 
 }  // namespace
 
-Backlog::Backlog(const EventBase& base, const std::vector<Listener>& listeners)
-    : sources(listeners.size()), next_log(std::chrono::steady_clock::now()) {
-  const auto note = [](evutil_socket_t, short, void* source) {
-    static_cast<Source*>(source)->pending = true;
-  };
+Backlog::Backlog(Poll& poll, const std::vector<Listener>& listeners)
+    : events(poll), sources(listeners.size()) {
   for (std::size_t i = 0; i < sources.size(); ++i) {
-    sources[i].listener = listeners[i];
     const int fd = listeners[i].fd;
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    sources[i].acceptable = MakeEvent(base, fd, EV_READ | EV_PERSIST, note, &sources[i]);
-    event_add(sources[i].acceptable.get(), nullptr);
+    sources[i].listener = listeners[i];
+    sources[i].refuses_descriptors = RefusesDescriptors(fd);
   }
-  const auto go_on = [](evutil_socket_t, short, void* self) {
-    for (Source& each : static_cast<Backlog*>(self)->sources)
-      event_add(each.acceptable.get(), nullptr);
-  };
-  resume = MakeEvent(base, -1, 0, go_on, this);
+  resume = Clock::now();
+  Resume(resume);
 }
 
-int Backlog::Accept() {
-  for (Source& each : sources) {
-    if (!each.pending) continue;
-    const int fd = AcceptFrom(each);
-    if (fd >= 0) return fd;
+ClientSocket Backlog::Accept(PassedDescriptors& descriptors) {
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    Source& source = sources[next++ % sources.size()];
+    if (!source.pending) continue;
+    ClientSocket accepted = AcceptFrom(source, descriptors);
+    if (accepted.IsOpen()) return accepted;
   }
-  return -1;
+  return {};
 }
 
-int Backlog::AcceptFrom(Source& source) {
-  for (;;) {
-    const int fd = accept4(source.listener.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd >= 0) return fd;
-    if (errno == EINTR || errno == ECONNABORTED) continue;
-    source.pending = false;
-    source.was_empty = source.was_empty || errno == EAGAIN;
-    if (errno != EAGAIN) Pause(errno);
-    return -1;
+ClientSocket Backlog::AcceptFrom(Source& source, PassedDescriptors& descriptors) {
+  int fd = -1;
+  do {
+    fd = accept4(source.listener.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
+  if (fd >= 0) {
+    failures = 0;
+    return {fd, source.refuses_descriptors ? nullptr : &descriptors};
   }
+  source.pending = false;
+  if (errno != EAGAIN) Pause(errno);
+  return {};
 }
 
-bool Backlog::WasEmpty() const {
-  return std::all_of(sources.begin(), sources.end(),
-                     [](const Source& each) { return each.was_empty; });
+bool Backlog::Pending() const {
+  return std::any_of(sources.begin(), sources.end(), [](const Source& s) { return s.pending; });
+}
+
+void Backlog::LookAgain() noexcept {
+  if (resume != Clock::time_point()) return;
+  for (Source& each : sources) each.pending = !draining || !each.listener.inherited;
 }
 
 void Backlog::Pause(int error) {
   if (draining) return;
-  for (Source& each : sources) {
-    each.pending = false;
-    event_del(each.acceptable.get());
-  }
-  event_add(resume.get(), &kPause);
-  const auto now = std::chrono::steady_clock::now();
+  if (++failures > kMaxFailures) throw std::system_error(error, std::generic_category(), "accept4");
+  StopWaiting();
+  const auto now = Clock::now();
+  resume = now + kPause;
   if (now < next_log) return;
   next_log = now + kLogInterval;
   Log(LOG_WARNING, "cannot accept connections for now: %s", std::strerror(error));
 }
 
-void Backlog::BeginDraining() {
-  draining = true;
-  event_del(resume.get());
+// While accepting is paused, the sockets are not waited for: an exclusive wake would be lost here.
+void Backlog::StopWaiting() {
   for (Source& each : sources) {
-    event_del(each.acceptable.get());
-    each.pending = !each.listener.inherited;
+    events.Control(EPOLL_CTL_DEL, each.listener.fd, 0, nullptr);
+    each.pending = false;
   }
+}
+
+Backlog::Clock::time_point Backlog::Resume(Clock::time_point now) {
+  if (resume == Clock::time_point()) return Clock::time_point::max();
+  if (now < resume) return resume;
+  for (Source& each : sources) {
+    if (events.Control(EPOLL_CTL_ADD, each.listener.fd, EPOLLIN | EPOLLEXCLUSIVE, &each)) continue;
+    Pause(errno);
+    return resume;
+  }
+  resume = {};
+  LookAgain();
+  return Clock::time_point::max();
+}
+
+void Backlog::BeginDraining() {
+  StopWaiting();
+  draining = true;
+  resume = {};
+  LookAgain();
 }

@@ -4,7 +4,8 @@
 #include <chrono>
 #include <vector>
 
-#include "events.h"
+#include "passed_descriptors.h"
+#include "poll.h"
 
 /// A listening socket.
 struct Listener {
@@ -14,43 +15,54 @@ struct Listener {
   bool inherited = false;
 };
 
-/// Accepts connections from listening sockets that other processes may share. Wakes the event loop
-/// when there is something to accept. Pauses when descriptors or memory run out, because retrying
-/// at once would spin.
+/// Accepts connections from listening sockets, which other processes may share, alternately. A
+/// connection wakes one process (EPOLLEXCLUSIVE). Pauses when descriptors or memory run out,
+/// because retrying at once would spin. Meanwhile connections wake the other processes.
 class Backlog {
  public:
-  /// `base` must outlive the backlog. The caller keeps the descriptors, which are made
+  using Clock = std::chrono::steady_clock;
+
+  /// `poll` must outlive the backlog. The caller keeps the descriptors, which are made
   /// non-blocking.
-  Backlog(const EventBase& base, const std::vector<Listener>& listeners);
-  Backlog(const Backlog&) = delete;
-  Backlog& operator=(const Backlog&) = delete;
+  Backlog(Poll& poll, const std::vector<Listener>& listeners);
 
-  /// Returns the descriptor of an accepted connection, non-blocking and close-on-exec, or -1 if
-  /// there is nothing to accept.
-  int Accept();
+  /// Returns an accepted connection, non-blocking and close-on-exec, or none if there is nothing to
+  /// accept. Its descriptors are handled by `descriptors` if the kernel lets any through.
+  ClientSocket Accept(PassedDescriptors& descriptors);
 
-  /// Returns whether each listening socket has been empty once. If so, all further connections are
-  /// younger than this object.
-  bool WasEmpty() const;
+  /// Whether there may be something to accept.
+  bool Pending() const;
 
-  /// Stops accepting for a moment because of `error` (errno(3)).
+  /// Looks at all listening sockets, since a process that was woken may have died.
+  void LookAgain() noexcept;
+
+  /// Stops accepting for a moment because of `error` (errno(3)). Throws `std::system_error` if that
+  /// has been the only result for long.
   void Pause(int error);
+
+  /// Ends a pause that is over. Returns when to call this again.
+  Clock::time_point Resume(Clock::time_point now);
 
   /// Stops accepting from inherited sockets, and stops pausing.
   void BeginDraining();
 
  private:
-  struct Source {
+  struct Source final : Awaiting {
+    void BecomeReady() noexcept override { pending = true; }
+
     Listener listener;
-    bool pending = true;  // there may be something to accept
-    bool was_empty = false;
-    Event acceptable;
+    bool refuses_descriptors = false;
+    bool pending = false;
   };
 
-  int AcceptFrom(Source& source);
+  ClientSocket AcceptFrom(Source& source, PassedDescriptors& descriptors);
+  void StopWaiting();
 
+  Poll& events;
   std::vector<Source> sources;
-  Event resume;
+  std::size_t next = 0;
+  int failures = 0;  // since a connection was accepted
   bool draining = false;
-  std::chrono::steady_clock::time_point next_log;
+  Clock::time_point resume;  // the epoch when accepting
+  Clock::time_point next_log;
 };

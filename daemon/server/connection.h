@@ -5,60 +5,84 @@
 #include <chrono>
 #include <list>
 #include <string>
+#include <string_view>
 
-#include "events.h"
-#include "message.h"
 #include "passed_descriptors.h"
 #include "peer.h"
+#include "poll.h"
+#include "server_limits.h"
 
-struct User;
+struct Account;
 
-// Removes itself from its list when it is destroyed. Adding it to a list allocates no memory.
-using Hook =
+/// A connection and the bytes that it holds, charged to its account and to its worker until it is
+/// destroyed.
+class Charge {
+ public:
+  Charge(Usage& of_account, Usage& of_worker);
+  ~Charge();
+  Charge(const Charge&) = delete;
+  Charge& operator=(const Charge&) = delete;
+
+  /// Sets how many bytes the connection holds.
+  void Hold(std::size_t bytes);
+
+ private:
+  Usage& account;
+  Usage& worker;
+  std::size_t held = 0;
+};
+
+// Removes itself from its queue when it is destroyed. Adding it allocates no memory.
+using DueHook =
     boost::intrusive::list_base_hook<boost::intrusive::link_mode<boost::intrusive::auto_unlink>>;
 
-template <typename Element>
-using Queue = boost::intrusive::list<Element, boost::intrusive::constant_time_size<false>>;
-
-/// Receives a request or sends an answer, a piece at a time and without waiting. Closes its
-/// descriptor.
-class Connection : public Hook {
+/// Receives a request and sends the answer without waiting.
+class Connection final : public DueHook, public Awaiting {
  public:
   using Clock = std::chrono::steady_clock;
+  enum class State {
+    kIncomplete,  ///< the rest has not arrived
+    kUnread,      ///< more may have arrived
+    kWhole,
+    kGone,  ///< the client closed the connection, or sent descriptors
+  };
 
-  /// `passed_descriptors` is null if the kernel lets no descriptors through on this connection.
-  Connection(int connected, PassedDescriptors* passed_descriptors,
-             Clock::time_point request_deadline)
-      : deadline(request_deadline), fd(connected), descriptors(passed_descriptors) {}
-  ~Connection();
+  /// Charges the connection to `owner` and to `worker`.
+  Connection(ClientSocket accepted, const Peer& client, Account& owner, Usage& worker);
+  ~Connection() { Forget(); }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Receives a piece of the request. Sets `more` if another piece may already be there.
-  zeltdaemon::MessageReader::State Receive(bool& more);
+  /// Receives what has arrived, up to a whole request. Of a longer one, only so much is kept that
+  /// its length shows.
+  State Receive();
 
-  /// Sends as much of `answer` as the client takes without waiting, and leaves the rest in it.
-  /// Clears `answer` if the client is gone.
+  /// Sends as much of `answer` as the client takes, and leaves the rest in it. Clears `answer` if
+  /// the client is gone.
   void Send();
 
-  /// Bytes of memory held for the client.
-  std::size_t Held() const { return reader.Held() + answer.capacity(); }
+  /// Makes `poll` tell when the client sends or, with an `answer`, takes more. Returns false and
+  /// sets `errno` if it cannot.
+  bool Await(Poll& poll);
 
-  /// For polling.
-  int Descriptor() const { return fd; }
+  /// Makes the connection one to be served.
+  void BecomeReady() noexcept override;
 
-  Peer peer;
-  zeltdaemon::MessageReader reader;
-  std::string answer;  ///< the part that is not sent yet
-  Clock::time_point deadline;
-  Event awaited;
+  const Peer peer;
+  Account& account;
+  std::string request;
+  std::string answer;          ///< the part that is not sent yet
+  Clock::time_point deadline;  ///< the epoch: not set yet
 
-  // Maintained by `Queues`.
-  User* user = nullptr;
+  // Maintained by `Accounts`.
   std::list<Connection>::iterator place;
-  std::size_t accounted = 0;
+  bool waiting = false;
 
  private:
-  int fd;
-  PassedDescriptors* descriptors;
+  void Forget();
+  bool Append(std::string_view piece);
+
+  Charge charge;
+  const ClientSocket socket;
+  Poll* awaited = nullptr;
 };

@@ -14,11 +14,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 #include <thread>
 
 #include "environment.h"
 #include "owned_descriptor.h"
+#include "passed_descriptors.h"
 #include "start_error.h"
 #include "unix_address.h"
 
@@ -28,6 +30,10 @@ using ZELT::TokenManager::UnixAddress;
 namespace {
 
 constexpr int kFirstInherited = 3;  // SD_LISTEN_FDS_START, sd_listen_fds(3)
+
+// The kernel's maximum (net.core.somaxconn): clients that do not block in connect(2) fail beyond
+// it.
+constexpr int kBacklog = std::numeric_limits<int>::max();
 
 // The workers of a daemon that was killed take a moment to close its socket.
 constexpr std::chrono::milliseconds kDyingGrace{500};
@@ -92,12 +98,14 @@ std::string NameBeside(const std::string& path) {
 
 // The umask sets the file's mode in bind(2). Before a later chmod(2), another file could be put in
 // its place.
-OwnedDescriptor BindAndListen(const std::string& path, int backlog) {
+OwnedDescriptor BindAndListen(const std::string& path) {
   OwnedDescriptor made = MakeSocket();
+  RefuseDescriptors(made.Get());
   const mode_t mask = umask(S_IXUSR | S_IXGRP | S_IXOTH);
   const int bound = UnixAddress(path).Bind(made.Get());
   umask(mask);
-  if (bound != 0 || listen(made.Get(), backlog) != 0) throw SystemError("cannot listen on " + path);
+  if (bound != 0 || listen(made.Get(), kBacklog) != 0)
+    throw SystemError("cannot listen on " + path);
   return made;
 }
 
@@ -131,10 +139,10 @@ std::vector<int> InheritedSockets() {
   return sockets;
 }
 
-int ListenAt(const std::string& path, int backlog) {
+int ListenAt(const std::string& path) {
   ExpectReplaceable(path);
   const std::string beside = NameBeside(path);
-  OwnedDescriptor listener = BindAndListen(beside, backlog);
+  OwnedDescriptor listener = BindAndListen(beside);
   if (rename(beside.c_str(), path.c_str()) == 0) return listener.Release();
   const int error = errno;
   unlink(beside.c_str());

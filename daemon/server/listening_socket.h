@@ -14,7 +14,7 @@ std::vector<int> InheritedSockets();
 /// renamed, so that there is always one at the path, which nobody else can take. Throws
 /// `std::runtime_error` if the socket is served, if a file of another user or type is at the path,
 /// and if a system call fails.
-int ListenAt(const std::string& path, int backlog);
+int ListenAt(const std::string& path);
 
 /// Returns the path of a socket that was passed on.
 std::string AddressOf(int socket);

@@ -15,6 +15,8 @@ namespace {
 // Connections that are closed together. Each uses up a descriptor until then.
 constexpr std::size_t kDeferredAtOnce = 32;
 
+constexpr int kPassRights = 83;  // SO_PASSRIGHTS, which older headers lack
+
 // There is no room for control data, so Linux sets MSG_CTRUNC if any has arrived. MSG_PEEK leaves
 // the descriptors in the socket.
 ssize_t Peek(int fd, char* bytes, std::size_t size) {
@@ -36,16 +38,31 @@ bool HoldsUnread(int fd) {
 
 }  // namespace
 
-bool RefuseDescriptors(int listener) {
-  constexpr int kPassRights = 83;  // SO_PASSRIGHTS, which older headers lack
+void RefuseDescriptors(int socket) {
   const int pass = 0;
-  return setsockopt(listener, SOL_SOCKET, kPassRights, &pass, sizeof pass) == 0;
+  setsockopt(socket, SOL_SOCKET, kPassRights, &pass, sizeof pass);
 }
 
-ssize_t PassedDescriptors::Receive(int fd, char* bytes, std::size_t size) {
-  const ssize_t count = Peek(fd, bytes, size);
+bool RefusesDescriptors(int listener) {
+  int pass = 1;
+  socklen_t length = sizeof pass;
+  return getsockopt(listener, SOL_SOCKET, kPassRights, &pass, &length) == 0 && pass == 0;
+}
+
+// In line, an out-of-band byte is received like others. Otherwise MSG_PEEK skips it together with
+// its descriptors, and the next recv(2) closes them.
+ClientSocket::ClientSocket(int connected, PassedDescriptors* passed_descriptors)
+    : fd(connected), descriptors(passed_descriptors) {
+  if (descriptors == nullptr) return;
+  const int in_line = 1;
+  setsockopt(connected, SOL_SOCKET, SO_OOBINLINE, &in_line, sizeof in_line);
+}
+
+ssize_t ClientSocket::Receive(char* bytes, std::size_t size) const {
+  if (descriptors == nullptr) return recv(fd.Get(), bytes, size, MSG_DONTWAIT);
+  const ssize_t count = Peek(fd.Get(), bytes, size);
   if (count <= 0) return count;
-  return recv(fd, bytes, static_cast<std::size_t>(count), MSG_DONTWAIT);
+  return recv(fd.Get(), bytes, static_cast<std::size_t>(count), MSG_DONTWAIT);
 }
 
 void PassedDescriptors::Close(int fd) {

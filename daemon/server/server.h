@@ -1,82 +1,86 @@
 // The event loop of a worker.
 #pragma once
 
+#include <boost/intrusive/list.hpp>
 #include <chrono>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "account.h"
 #include "backlog.h"
 #include "board.h"
 #include "owned_descriptor.h"
-#include "passed_descriptors.h"
-#include "peer.h"
-#include "queues.h"
-#include "server_limits.h"
+#include "poll.h"
 
-/// Answers messages (message.h), one on each connection and one at a time, in one worker.
+/// Answers requests, one on each connection and one at a time, in one worker. A request is one line
+/// (message.h).
 ///
-/// Accepted connections are lost if the worker dies. So it serves each connection before it accepts
-/// the next one, as long as the backlog is empty often enough. Otherwise it accepts the whole
-/// backlog at once, to find users who wait behind others.
+/// A connection that comes alone is served at once. If more are waiting, they are accepted first,
+/// to find out whose they are. Accepted connections are lost if the worker dies.
 ///
 /// Processes: create the object after fork(2). Several may serve the same listening sockets.
-/// Threads: one. SIGTERM must be blocked or ignored until `Serve`.
+/// Threads: one. SIGTERM must be blocked in all threads.
 class Server {
  public:
-  /// Returns the answer to a request. Must not throw.
+  /// Returns the answer to a request. Requests that are longer than `kMaxRequestBytes` are cut
+  /// after one more byte. Must not throw.
   using Handler = std::function<std::string(const Peer& peer, const std::string& request)>;
 
-  /// `server_limits` and `worker_slot` must outlive the server; `listeners` stay the caller's.
-  /// Makes the kernel refuse descriptors sent along, if it can. Throws `std::bad_alloc` if there is
-  /// no memory for the event loop.
+  /// `worker_slot` and `lines` must outlive the server; `listeners` stay the
+  /// caller's. Throws `std::system_error` if there are no descriptors for it.
   Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
-         WorkerSlot& worker_slot);
+         WorkerSlot& worker_slot, LineTotal& lines);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  /// Makes `Serve` call `action` about once a second, also under load. It must not throw.
-  void OnIdle(std::function<void()> action) { on_idle = std::move(action); }
+  /// Serves until SIGTERM. Then answers the connections that it has accepted and those in the
+  /// backlogs of sockets that are not inherited. Clients with incomplete requests get one more
+  /// second. Calls `every_second` about once a second, also under load. It must not throw. Throws
+  /// `std::system_error` if it can no longer accept or wait.
+  void Serve(const Handler& request_handler, const std::function<void()>& every_second);
 
-  /// Serves until SIGTERM, which it unblocks. Then answers the connections that it has accepted and
-  /// those in the backlogs of sockets that are not inherited. Clients with incomplete requests get
-  /// one more second.
-  void Serve(const Handler& request_handler);
+  /// Has `every_second` called as soon as the current request was answered. For the handler.
+  void Hasten() { next_second = {}; }
 
  private:
   using Clock = Connection::Clock;
+  using Due = boost::intrusive::list<Connection, boost::intrusive::constant_time_size<false>>;
+
+  struct Termination final : Awaiting {
+    void BecomeReady() noexcept override { requested = true; }
+    bool requested = false;
+  };
 
   void Step();
-  bool IsOverdue();
-  void BeginTurn(bool overdue);
-  void Wait(int flags);
-  void RunEvents(int flags);
+  void Wait(bool sleeps);
+  Clock::time_point Wake();
+  void Expire(Due& due);
+  void Tick();
+  void AcceptRound(int most);
   bool AcceptOne();
+  void ServeNext();
   void TakeTurn(Connection& connection);
   void Read(Connection& connection);
-  void Write(Connection& connection);
   void Respond(Connection& connection);
-  void Await(Connection& connection, short what);
+  void Write(Connection& connection);
+  void SetDeadline(Connection& connection, Due& due, std::chrono::milliseconds time);
+  void Await(Connection& connection);
   void Drain();
 
-  const ServerLimits& limits;
+  const ServerLimits limits;
   WorkerSlot& slot;
-  EventBase base;
-  const bool descriptors_refused;      // by the kernel, on connections younger than this object
-  bool descriptors_can_arrive = true;  // on the next connection
+  Poll poll;
   PassedDescriptors descriptors;
-  Queues queues;
-  const ZELT::TokenManager::OwnedDescriptor schedstat;
+  Accounts accounts;
+  Due requests_due;  // connections by their deadlines
+  Due answers_due;
   Backlog backlog;
-  Event tick;
-  Event terminate;
-  std::function<void()> on_idle;
+  const ZELT::TokenManager::OwnedDescriptor signals;
+  Termination termination;
   const Handler* handler = nullptr;
+  const std::function<void()>* on_second = nullptr;
   Clock::time_point now;
-  Clock::time_point turn_begin;
-  std::optional<Clock::time_point> first_overdue;  // minus the time without a processor
-  int accepted = 0;                                // in this turn
-  bool second_passed = false;
-  bool ending = false;
+  Clock::time_point next_look;
+  Clock::time_point next_second;
 };

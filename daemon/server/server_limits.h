@@ -4,32 +4,26 @@
 #include <chrono>
 #include <cstddef>
 
-/// At a limit, each further connection closes the one that was accepted first. Limits are at least
-/// 1.
+/// What connections use of a worker.
+struct Usage {
+  std::size_t connections = 0;
+  std::size_t bytes = 0;  ///< of incomplete requests and unsent answers
+};
+
+/// At a limit, connections are given up that wait for their client: those that were read and have
+/// sent no whole request, and those whose answer is not fetched.
 struct ServerLimits {
-  /// Connections that a worker has accepted and not yet answered. Together with the rest of the
-  /// process they stay within the usual 1024 descriptors. At this limit, the user with the most
-  /// connections loses one.
-  unsigned int waiting = 512;
+  /// Of a worker. A connection takes 3 KiB, most of it in the kernel. Reduced to what the limit on
+  /// descriptors allows (RLIMIT_NOFILE, getrlimit(2)).
+  Usage worker{.connections = 16384, .bytes = std::size_t{32} << 20};
 
-  /// The same, for one user. More than a whole backlog.
-  unsigned int waiting_per_user = 256;
+  /// Of an account: connections that wait for their client. Several answers of maximum length.
+  Usage account{.connections = 8192, .bytes = std::size_t{8} << 20};
 
-  /// Bytes of incomplete requests and unsent answers of one user: several messages of maximum
-  /// length (message.h).
-  std::size_t bytes_per_user = std::size_t{8} << 20;
-
-  /// Connections that the kernel keeps for each listening socket until they are accepted
-  /// (listen(2)); further clients wait in connect(2). The kernel keeps the order of arrival, so a
-  /// client waits behind at most this many others, whichever user they belong to.
-  int backlog = 96;
-
-  /// For a whole request, counted from acceptance, however slowly it arrives.
+  /// For a whole request, counted from when the connection is first read, however slowly the
+  /// request arrives.
   std::chrono::milliseconds request_deadline{5000};
 
   /// For a whole answer, if the client does not take it at once.
   std::chrono::milliseconds answer_deadline{5000};
-
-  /// Whether the kernel is asked to refuse descriptors sent along. Kernels before 6.16 cannot.
-  bool refuse_descriptors = true;
 };

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "refusals.h"
+#include "line_allowance.h"
 #include "request_type.h"
 
 /// What a worker is doing. A worker that waits for the store is not stuck itself; the worker that
@@ -76,6 +76,6 @@ constexpr std::size_t kMaxWorkers = 256;
 struct Board {
   std::int64_t started = 0;                   ///< CLOCK_MONOTONIC in nanoseconds
   std::atomic<std::uint64_t> deaths = 0;      ///< of workers that had not been told to end
-  Refusals refusals;                          ///< limits their lines in the log
+  LineTotal lines;                            ///< that clients cause in the log
   std::array<WorkerSlot, kMaxWorkers> slots;  ///< used slots come first
 };

@@ -5,6 +5,8 @@
 
 #include <chrono>
 
+#include "line_allowance.h"
+
 /// A client as the kernel reported it when its connection was accepted.
 struct Peer {
   ucred credential{.pid = 0, .uid = static_cast<uid_t>(-1), .gid = static_cast<gid_t>(-1)};
@@ -14,4 +16,6 @@ struct Peer {
   std::chrono::nanoseconds accepted{0};
 
   int connection = -1;  ///< its descriptor, for as long as the request is served
+
+  LineAllowance* lines = nullptr;  ///< of its account; null: without a limit
 };

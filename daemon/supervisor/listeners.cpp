@@ -21,13 +21,13 @@ void Add(Listeners& listeners, const Listener& listener, const std::string& name
   listeners.names += (listeners.names.empty() ? "" : " and ") + name;
 }
 
-void AddSecond(Listeners& listeners, int backlog) {
+void AddSecond(Listeners& listeners) {
   const std::string directory = std::filesystem::path(kSecondSocketPath).parent_path();
   const mode_t mask = umask(S_IWGRP | S_IWOTH);
   mkdir(directory.c_str(), 0755);  // it may exist, or this user may not create it
   umask(mask);
   try {
-    Add(listeners, {.fd = ListenAt(kSecondSocketPath, backlog)}, kSecondSocketPath);
+    Add(listeners, {.fd = ListenAt(kSecondSocketPath)}, kSecondSocketPath);
   } catch (const std::runtime_error& error) {
     Log(LOG_WARNING, "%s; programs with a private /tmp cannot reach the daemon", error.what());
   }
@@ -35,14 +35,14 @@ void AddSecond(Listeners& listeners, int backlog) {
 
 }  // namespace
 
-Listeners OpenListeners(int backlog) {
+Listeners OpenListeners() {
   Listeners listeners;
   for (const int socket : InheritedSockets()) {
     Add(listeners, {.fd = socket, .inherited = true}, AddressOf(socket));
   }
   if (!listeners.sockets.empty()) return listeners;
-  Add(listeners, {.fd = ListenAt(kSocketPath, backlog)}, kSocketPath);
-  AddSecond(listeners, backlog);
+  Add(listeners, {.fd = ListenAt(kSocketPath)}, kSocketPath);
+  AddSecond(listeners);
   return listeners;
 }
 

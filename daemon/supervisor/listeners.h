@@ -14,7 +14,7 @@ struct Listeners {
 /// Returns the sockets that were passed on or, without any, listens at both of the daemon's
 /// addresses. Throws `std::runtime_error` if the first address fails. A failure of the second is
 /// only logged, because not every user may create it.
-Listeners OpenListeners(int backlog);
+Listeners OpenListeners();
 
 /// Refuses new connections on all sockets that are not inherited.
 void StopListening(const Listeners& listeners);

@@ -4,7 +4,7 @@
 # Packages needed to build the library, the daemon and the command line.
 # shellcheck disable=SC2034 # used by the scripts that source this file
 build_packages=(cmake g++ ninja-build pkg-config libboost-dev libboost-filesystem-dev libcli11-dev
-  libevent-dev libjsoncpp-dev liblmdb-dev libsimdjson-dev nettle-dev)
+  libjsoncpp-dev liblmdb-dev libsimdjson-dev nettle-dev)
 
 # Installs those of the named Debian packages that are missing.
 ensure_packages() {

@@ -3,6 +3,7 @@
 
 #include <csignal>
 
+#include "listening_socket.h"
 #include "server.h"
 #include "support/fake_daemon.h"
 #include "zeltdaemon/domain_sock_connection.h"
@@ -30,25 +31,39 @@ struct Client : zeltdaemon::DomainSockConnection {
     if (answer.empty()) return "none";
     return answer.ends_with('\n') ? answer.substr(0, answer.size() - 1) : answer;
   }
+  bool IsClosed() const {
+    std::array<char, 1> byte{};
+    return Eventually([&] { return recv(fd, byte.data(), byte.size(), MSG_DONTWAIT) == 0; });
+  }
   int Descriptor() const { return fd; }
 };
 
-/// Listens on a socket at a path, and serves it when told to.
+/// Listens on sockets, at a path and at the same with "2", and serves them when told to.
 struct TestServer {
   explicit TestServer(const std::string& socket_path, const ServerLimits& server_limits = {})
-      : path(socket_path), limits(server_limits), listener(ListenAt(path, limits.backlog)) {
+      : path(socket_path),
+        limits(server_limits),
+        listener(ListenAt(path)),
+        second(ListenAt(path + "2")) {
     fs::permissions(path, fs::perms::all);
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ending, nullptr);
   }
 
   /// Serves until a client sends "stop".
   void Run(const Server::Handler& handler, bool inherited = false,
-           const std::function<void()>& on_idle = nullptr) {
-    Server server({{.fd = listener.Get(), .inherited = inherited}}, limits, slot);
-    server.OnIdle(on_idle);
-    server.Serve([&](const Peer& peer, const std::string& request) {
+           const std::function<void()>& every_second = nullptr) {
+    Server server({{.fd = listener.Get(), .inherited = inherited},
+                   {.fd = second.Get(), .inherited = inherited}},
+                  limits, slot, lines);
+    const auto answer = [&](const Peer& peer, const std::string& request) {
       if (request == "stop") kill(getpid(), SIGTERM);
       return handler(peer, request);
-    });
+    };
+    server.Serve(answer, every_second);
+    const timespec none{};
+    sigtimedwait(&ending, nullptr, &none);  // takes it
   }
 
   /// Serves on a thread of its own while `use` runs.
@@ -61,7 +76,10 @@ struct TestServer {
   const std::string path;
   const ServerLimits limits;
   const OwnedDescriptor listener;
+  const OwnedDescriptor second;
+  sigset_t ending{};
   WorkerSlot slot;
+  LineTotal lines;
 };
 
 }  // namespace ZELT

@@ -1,0 +1,54 @@
+// A limit on the lines that clients cause in the log.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <utility>
+
+/// The lines that all clients may cause in a second, in all workers. Lies in their shared memory,
+/// initially zero. Fewer than journald.conf(5) takes from a service by default, which would
+/// otherwise drop the daemon's own lines as well.
+class LineTotal {
+ public:
+  static constexpr std::uint32_t kEachSecond = 300;
+
+  /// Returns whether another line may be logged at `now` (CLOCK_MONOTONIC).
+  bool Take(std::chrono::seconds now) {
+    if (second.exchange(now.count()) != now.count()) taken = 0;
+    return taken.fetch_add(1) < kEachSecond;
+  }
+
+ private:
+  std::atomic<std::int64_t> second = 0;
+  std::atomic<std::uint32_t> taken = 0;
+};
+
+/// The lines that one account may cause in a second, in one worker.
+class LineAllowance {
+ public:
+  static constexpr std::uint32_t kEachSecond = 20;
+
+  /// `all` must outlive the object.
+  explicit LineAllowance(LineTotal& all) : total(all) {}
+
+  /// Returns whether a line may be logged. Counts it as held back if not.
+  bool Take() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    if (taken < kEachSecond && total.Take(std::chrono::duration_cast<std::chrono::seconds>(now))) {
+      return ++taken, true;
+    }
+    return ++held_back, false;
+  }
+
+  /// Begins a second. Returns how many lines were held back in the last one.
+  std::uint32_t Renew() {
+    taken = 0;
+    return std::exchange(held_back, 0);
+  }
+
+ private:
+  LineTotal& total;
+  std::uint32_t taken = 0;
+  std::uint32_t held_back = 0;
+};
