@@ -175,13 +175,6 @@ class RealDaemon(unittest.TestCase):
         self.daemon.wait()
         self.daemon.stderr.close()
 
-    def test_life_of_a_token(self):
-        for call in call_sync, call_aio:
-            text = call("issue", "fastapi", GRANTS)
-            self.assertIs(call("validate", "fastapi", text, USE), True)
-            self.assertIsNone(call("transfer", "fastapi", text, self.daemon.pid))
-            self.assertEqual(outcome(call, "revoke", "fastapi", text), "Refused")
-
     def test_tokens_are_revoked(self):
         with Token.issue("fastapi", GRANTS) as revoked:
             self.assertNotIn(str(revoked), repr(revoked))
