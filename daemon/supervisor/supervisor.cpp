@@ -9,10 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <exception>
 #include <new>
 #include <numeric>
 #include <string>
@@ -234,16 +231,12 @@ void Supervisor::Stop() {
     if (worker.pid != 0) kill(worker.pid, SIGTERM);
   }
   const auto deadline = Clock::now() + kStopGrace;
-  for (ReapWorkers(); AnyRuns() && Clock::now() < deadline; ReapWorkers()) {
-    TakeSignal(SetOf(SIGCHLD), deadline);
+  const auto runs = [](const Worker& worker) { return worker.pid != 0; };
+  for (ReapWorkers(); std::ranges::any_of(workers, runs); ReapWorkers()) {
+    if (TakeSignal(SetOf(SIGCHLD), deadline) > 0 || Clock::now() < deadline) continue;
+    return Log(LOG_WARNING, "some workers have not finished within %d s; killing them",
+               static_cast<int>(kStopGrace.count()));
   }
-  if (!AnyRuns()) return;
-  Log(LOG_WARNING, "some workers have not finished within %d s; killing them",
-      static_cast<int>(kStopGrace.count()));
-}
-
-bool Supervisor::AnyRuns() const {
-  return std::ranges::any_of(workers, [](const Worker& worker) { return worker.pid != 0; });
 }
 
 Supervisor::Clock::time_point Supervisor::NextDeadline() const {
