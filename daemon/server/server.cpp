@@ -79,7 +79,7 @@ void Server::Wait(bool sleeps) {
       sleeps ? std::chrono::ceil<milliseconds>(Wake() - Clock::now()) : milliseconds();
   poll.Wait(std::max(time, milliseconds()));
   now = Clock::now();
-  Set(slot.seen, now.time_since_epoch().count());
+  slot.seen = now.time_since_epoch().count();
   Expire(requests_due);
   Expire(answers_due);
   backlog.Resume(now);
@@ -160,7 +160,7 @@ void Server::Read(Connection& connection) {
 }
 
 void Server::Respond(Connection& connection) {
-  Set(slot.seen, now.time_since_epoch().count());
+  slot.seen = now.time_since_epoch().count();
   connection.answer = (*handler)(connection.peer, std::exchange(connection.request, {}));
   connection.answer += '\n';
   SetDeadline(connection, answers_due, limits.answer_deadline);

@@ -43,5 +43,8 @@ class StoreLock {
   off_t store_bytes = 0;  // which never change, once the store was rebuilt
 };
 
+/// Throws `std::system_error` with `errno` and `what` unless a system call was `done`.
+void ExpectDone(bool done, const std::string& what);
+
 /// Writes the entries of a directory to the disk. Throws `std::system_error`.
 void SyncDirectory(const std::string& directory);
