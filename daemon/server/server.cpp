@@ -53,9 +53,9 @@ Server::Server(const std::vector<Listener>& listeners, const ServerLimits& serve
   }
 }
 
-void Server::Serve(const Handler& request_handler, const std::function<void()>& every_second) {
+void Server::Serve(const Handler& request_handler, const std::function<void()>& periodic_work) {
   handler = &request_handler;
-  on_second = &every_second;
+  every_second = &periodic_work;
   now = Clock::now();
   while (!termination.requested) Step();
   Drain();
@@ -83,7 +83,7 @@ void Server::Wait(bool sleeps) {
   Expire(requests_due);
   Expire(answers_due);
   backlog.Resume(now);
-  if (now >= next_second) Tick();
+  if (now >= next_second) EverySecond();
 }
 
 Server::Clock::time_point Server::Wake() {
@@ -103,12 +103,12 @@ void Server::Expire(Due& due) {
   }
 }
 
-void Server::Tick() {
+void Server::EverySecond() {
   next_second = now + std::chrono::seconds(1);
   backlog.LookAgain();
   accounts.EverySecond();
   ReportLostLines();
-  if (*on_second) (*on_second)();
+  if (*every_second) (*every_second)();
 }
 
 void Server::AcceptRound(int most) {

@@ -17,8 +17,8 @@
 /// too.
 class StoreLock {
  public:
-  /// `patience` gives the workers of an earlier daemon time to end. Throws `StartError` with what
-  /// is wrong and what to do, and `std::system_error`.
+  /// `patience` gives the workers of an earlier daemon time to end (seam: tests have less). Throws
+  /// `StartError` with what is wrong and what to do, and `std::system_error`.
   explicit StoreLock(const StoreOptions& options,
                      std::chrono::milliseconds patience = std::chrono::seconds(5));
 
