@@ -62,14 +62,15 @@ void Server::Serve(const Handler& request_handler, const std::function<void()>& 
   accounts.EverySecond();
 }
 
-// A connection that comes alone is served at once. Now and then, and as long as there are more,
-// those that are waiting are accepted first.
+// A connection that comes alone is served at once. Now and then those that are waiting are accepted
+// first. As long as there are more, accepting and serving take equal time.
 void Server::Step() {
   const bool sleeps = !accounts.AnyReady() && !backlog.Pending();
   const bool looks = !sleeps && now >= next_look;
   if (sleeps || looks) Wait(sleeps);
+  const auto begin = now;
   if (looks || !accounts.AnyReady()) AcceptRound(looks ? kRound : 1);
-  if (sleeps || (looks && !backlog.Pending())) next_look = now + kLook;
+  if (sleeps || looks) next_look = now + (looks && backlog.Pending() ? now - begin : kLook);
   ServeNext();
 }
 
