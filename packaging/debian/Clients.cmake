@@ -29,4 +29,10 @@ package lets Python programs request, validate, transfer and revoke tokens
 through the token manager's daemon, which is in the package zelttokenmgr.")
 install(DIRECTORY python/zelttokenmanager DESTINATION lib/python3/dist-packages COMPONENT python
   FILES_MATCHING PATTERN *.py PATTERN py.typed PATTERN __pycache__ EXCLUDE)
-install(FILES docs/python.md DESTINATION share/doc/python3-zelttokenmanager COMPONENT python)
+
+# The pages that it links to are in the daemon's package.
+file(READ docs/python.md page)
+string(REPLACE "](" "](../zelttokenmgr/" page "${page}")
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/python.md CONTENT "${page}" @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/python.md
+  DESTINATION share/doc/python3-zelttokenmanager COMPONENT python)
