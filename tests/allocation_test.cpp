@@ -67,15 +67,12 @@ const std::pair<Call, const char*> kCalls[] = {
        return world.cache->GetAssociatedData("t")["payload"][0]["n"][0];
      },
      "0.5"},
-    {[](World& world) { return world.manager.GetAssociatedData("t")["payload"][0]["n"][0]; },
-     "0.5"},
     {[](World& world) {
        world.manager.RemoveTokenInformation("t");
        world.manager.InsertTokenInformation("t", world.data);
        return world.manager.GetAssociatedData("t")["payload"][0]["n"][0];
      },
      "0.5"},
-    {[](World& world) { return world.cache->GetStatistics()["total"].isUInt64(); }, "true"},
     {[](World&) { return SendIssueRequest("s", kGrant); }, "'t'"},
     {[](World&) { return SendValidateRequest("s", "t", kGrant); }, "true"},
     {[](World&) { return SendRevokeRequest("s", "t") && SendTransferRequest("s", "t", 1); },

@@ -98,15 +98,4 @@ TEST_F(JsonFileStorageTest, SharesTheLockToReadAndNotToWrite) {
   EXPECT_EQ(ReadFile(kStore), "abc 2\n");
 }
 
-TEST_F(JsonFileStorageTest, LogsAFailureToUnlock) {
-  WriteFile("/tmp/lock", "");
-  const int next = dup(STDIN_FILENO);
-  close(next);
-  auto lock = std::make_unique<FileLock>("/tmp/lock", true);
-  close(next);
-  TakeLog();
-  lock.reset();
-  EXPECT_EQ(TakeLog(), "<3>token_storage.cpp:40 failed to unlock: Bad file descriptor\n");
-}
-
 }  // namespace ZELT::TokenManager::JsonFileStorageTests

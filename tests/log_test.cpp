@@ -49,21 +49,6 @@ void CheckLost(const std::function<std::string()>& read) {
   EXPECT_TRUE(std::regex_search(text, lost)) << lines;
 }
 
-TEST_F(LogTest, AReaderOfStandardErrorThatStallsLosesLines) {
-  std::array<int, 2> ends{};
-  Check(pipe2(ends.data(), O_CLOEXEC), "pipe");
-  const int usual = dup(STDERR_FILENO);
-  dup2(ends[1], STDERR_FILENO);
-  OpenLog(true);
-  CheckLost([&] {
-    std::string text(1 << 20, '\0');
-    text.resize(static_cast<std::size_t>(read(ends[0], text.data(), text.size())));
-    return text;
-  });
-  dup2(usual, STDERR_FILENO);
-  OpenLog(false);
-}
-
 TEST_F(LogTest, ALoggerThatStallsOrStartsAgainLosesLines) {
   MountEmpty("/dev", "mode=755");
   for (int i = 0; i < 2; ++i) {

@@ -89,7 +89,7 @@ std::string GroupsOf(const char* user) {
 TEST_F(PlatformTest, AChangeOfGroupsHoldsAtOnce) {
   for (int i = 0; i < 300; ++i) {
     const std::string group = "g" + std::to_string(100 + i);
-    WriteFile("/etc/group", "users:x:4100:\n" + group + ":x:4101:bob\n");
+    WriteFile("/etc/group", "root:x:0:\nusers:x:4100:\n" + group + ":x:4101:bob\n");
     // Often, the file is too young to be remembered; with this many turns, it is not always.
     for (int again = 0; again < 1 + i % 30; ++again) {
       ASSERT_EQ(GroupsOf("bob"), "users " + group + " ");

@@ -112,26 +112,6 @@ TEST_F(ProgramsTest, AStoreThatCannotBeReadEndsOnlyWorkers) {
   EXPECT_TRUE(Eventually([&] { return Validate(token) == kPermitted; })) << daemon.Errors();
 }
 
-// A limit of the user's processes does not bind root.
-TEST_F(ProgramsTest, ServesOnWhileItCannotFork) {
-  const Program daemon(R"sh(
-    chmod 1777 /tmp && install -d -o 4001 /run/zelttokenmgr &&
-    cp "$(command -v zelttokenmgrd)" "$LD_LIBRARY_PATH"/libzelttokenmanager.so.? /tmp &&
-    LD_LIBRARY_PATH=/tmp exec setpriv --reuid 4001 --clear-groups \
-      ./zelttokenmgrd --workers 2 --stderr)sh");
-  if (!daemon.Logs("ready")) GTEST_SKIP() << daemon.Errors();
-  const auto limit_processes = [&daemon](const std::string& limit) {
-    Shell("setpriv --reuid 4001 --clear-groups prlimit --nproc=" + limit + ": --pid " +
-          std::to_string(daemon.pid));
-  };
-  limit_processes("1");
-  kill(daemon.Children().at(0), SIGKILL);
-  EXPECT_TRUE(daemon.Logs("cannot fork a worker"));
-  EXPECT_EQ(Ask("[]"), kRefused);
-  limit_processes("99");
-  EXPECT_TRUE(Eventually([&] { return daemon.Children().size() == 2; }));
-}
-
 TEST_F(ProgramsTest, IsEndedByFewSignals) {
   const Daemon daemon("--workers 2 --max-age 1s", "ulimit -c unlimited;");
   const std::vector<pid_t> workers = daemon.Children();
@@ -144,29 +124,6 @@ TEST_F(ProgramsTest, IsEndedByFewSignals) {
   EXPECT_EQ(daemon.Children(), workers);
   const std::string limits = ReadFile("/proc/" + std::to_string(workers[0]) + "/limits");
   EXPECT_NE(limits.find("Max core file size        0 "), limits.npos) << limits;
-}
-
-TEST_F(ProgramsTest, KeepsATextStore) {
-  Daemon daemon("--store-format text");
-  EXPECT_EQ(daemon.Children().size(), 1U);
-  const std::string token = Issue();
-  EXPECT_EQ(Validate(token), kPermitted);
-  EXPECT_TRUE(Eventually([&] {
-    kill(daemon.pid, SIGUSR1);
-    return daemon.Errors().find("]: cache hit=1 miss=0 total=1\n") != std::string::npos;
-  }));
-  daemon.End(SIGTERM);
-  EXPECT_EQ(ReadFile("/run/zelttokenmgr/text/tokens").find(token), 0U);
-  Daemon small("--store-format text --cache-size 64K");
-  EXPECT_TRUE(Eventually([&] {
-    Issue();
-    return small.Errors().find("]: storage/lru_cache_storage.cpp:182 ") != std::string::npos;
-  })) << "what the library gives to syslog(3) is in the daemon's log";
-  small.End(SIGTERM);
-  const Daemon next("--store-format text --cache-size 0");
-  EXPECT_EQ(Validate(token), kPermitted);
-  EXPECT_EQ(Ask("revoke", token, "null"), "{'success':true}");
-  EXPECT_EQ(Validate(token), kRefused);
 }
 
 TEST_F(ProgramsTest, TellsWhatIsWrongWithItsOptions) { CheckSessions("daemon.txt", "options"); }

@@ -172,6 +172,10 @@ TEST_F(StoreTest, TellsWhichProcessesLive) {
   EXPECT_TRUE(judge.IsOrphan(header)) << "another process had the same number";
   EXPECT_FALSE(IsAlive({.pid = self.pid, .start = self.start}));  // of another boot
   EXPECT_GT(Age({}), std::chrono::hours(24 * 365)) << "from a boot in 1970";
+  EXPECT_GT(Age({.wall_time = INT64_MAX / 2}).count(), 0) << "the clock was wrong then";
+  header.orphaned = Now();
+  EXPECT_FALSE(IsGone(header, {.drop_orphans_after = std::chrono::hours(1)}))
+      << "but issued in 1970";
   // The first thread may end before the process does.
   const pid_t process = Start([] {
     std::thread([] { pause(); }).detach();

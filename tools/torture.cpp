@@ -162,13 +162,11 @@ const Phase kPhases[] = {
     {"DaemonKilled", 0.10, 200, [](Torture& t) { t.EndDaemon(SIGKILL), t.StartDaemon(); }, kAny},
     {"AllKilled", 0.06, 50, [](Torture& t) { t.KillAll(); }, kAny},
     {"DaemonRestarted", 0.04, 50, [](Torture& t) { t.EndDaemon(SIGTERM), t.StartDaemon(); }, kAny},
-    {"ClientKilled", 0.03, 100, [](Torture&) { Restart(Below(kClients)); }},
     {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 4, "tmpfs",
      "--request-timeout 2s"},
     {"FullTmpfs", 0.03, 10, [](Torture&) { Torture::Fill(); }},
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
     {"FullBtrfs", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "btrfs"},
-    {"FullStore", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "tmpfs", "--store-size 4M"},
     {"PowerCut", 0.10, 200, [](Torture& t) { t.CutPower(); }, kAny, "ext4"},
 };
 INSTANTIATE_TEST_SUITE_P(, Torture, testing::ValuesIn(kPhases),
