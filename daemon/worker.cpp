@@ -61,6 +61,10 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
   slot.activity = Activity::kIdle;
   server.Serve(
-      [&](const Peer& peer, const std::string& text) { return handler.Answer(peer, text); },
+      [&](const Peer& peer, const std::string& text) {
+        std::string answer = handler.Answer(peer, text);
+        if (opened.store->NeedsCare()) server.Hasten();
+        return answer;
+      },
       [&] { EverySecond(handler, opened, slot); });
 }

@@ -8,13 +8,14 @@ namespace ZELT::TokenManager::LruCacheTests {
 
 constexpr unsigned int kSize = 16384;  // bytes
 const std::string kMiss = "~std::exception";
-const std::string kNotInserted =
-    "<4>storage/lru_cache_storage.cpp:109 failed to insert record into cache\n";
 
-std::string Evicting(unsigned int held, unsigned int count) {
-  return "<4>storage/lru_cache_storage.cpp:182 " + std::to_string(held) + " records in cache, " +
-         std::to_string(count) +
-         " records are going to be evicted from cache, consider increasing cache size\n";
+// What was logged, with "evicting COUNT of HELD" for what each eviction logs.
+std::string Log() {
+  static const std::regex evicting(
+      "<4>storage/lru_cache_storage.cpp:182 (\\d+) records in cache, (\\d+) records are going to "
+      "be "
+      "evicted from cache, consider increasing cache size");
+  return std::regex_replace(TakeLog(), evicting, "evicting $2 of $1");
 }
 
 struct LRUCacheTest : testing::Test {
@@ -34,7 +35,7 @@ TEST_F(LRUCacheTest, AdmitsOnceAndEvictsWhatWasUsedLongestAgo) {
     if (words[0] == "insert") cache.Insert(token, data);
     if (words[0] == "remove") cache.Remove(token);
     if (words[0] == "evict") cache.Evict(data.asUInt());
-    return TakeLog();
+    return Log();
   };
   CheckSection("lru_cache.txt", "a cache", call);
 }
@@ -43,17 +44,18 @@ TEST_F(LRUCacheTest, DropsWhatIsTooLarge) {
   for (const unsigned int size : {kSize - 256, 2 * kSize}) {
     for (const char* token : {"a", "b"}) cache.Insert(token, 1);
     cache.Insert("large", std::string(size, 'x'));
-    EXPECT_EQ(TakeLog(), Evicting(2, 1) + Evicting(1, 1) + kNotInserted);
+    EXPECT_EQ(Log(),
+              "evicting 1 of 2\nevicting 1 of 1\n"
+              "<4>storage/lru_cache_storage.cpp:109 failed to insert record into cache\n");
   }
   const std::string token(2 * std::size_t{kSize}, 't');
   EXPECT_EQ(Outcome([&] { cache.Remove(token); }),
             "storage/lru_cache_storage.cpp:132 failed to remove record in cache");
   EXPECT_EQ(Get(token), kMiss);
-  EXPECT_EQ(TakeLog(), Evicting(0, 1) + Evicting(0, 1) +
-                           "<4>storage/lru_cache_storage.cpp:162 failed to find record in cache\n");
+  EXPECT_EQ(Log(),
+            "evicting 1 of 0\nevicting 1 of 0\n"
+            "<4>storage/lru_cache_storage.cpp:162 failed to find record in cache\n");
   EXPECT_EQ(Text(cache.GetStatistics()), "{'hit':0,'miss':0,'total':0}");
-  EXPECT_EQ(Outcome([] { LRUCacheStorage none(64); }),
-            "~Could not initialize buffer in basic_managed_external_buffer constructor");
 }
 
 // Records of many sizes, so that each allocation of an insert is once the one that fails.

@@ -34,10 +34,12 @@ std::string Send(const std::string& type) {
 
 TEST_F(UtilsTest, ClientsSendOneRequestAndReadOneResponse) {
   const OwnedDescriptor daemon = ListenAt(kSocketPath);
+  std::map<std::string, std::string> requests;
+  for (const Cells& row : Section("utils.txt", "requests")) requests[row.at(0)] = row.at(1);
   for (const Cells& row : Section("utils.txt", "exchanges")) {
     const std::jthread client(
-        [&] { EXPECT_EQ(Requoted(Send(row.at(0))), row.at(3)) << row[0] << row[2]; });
-    EXPECT_EQ(AnswerOne(daemon, row.at(2)), row.at(1));
+        [&] { EXPECT_EQ(Requoted(Send(row.at(0))), row.at(2)) << row[0] << row[1]; });
+    EXPECT_EQ(AnswerOne(daemon, row.at(1)), requests[row[0]]);
   }
 }
 

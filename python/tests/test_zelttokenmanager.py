@@ -19,7 +19,6 @@ FIRST, SECOND = _exchange.PATHS
 TABLE = pathlib.Path(__file__).parents[2] / "tests" / "tables" / "answers.txt"
 GRANTS = [{"api": "Demo.Item", "method": "get"}]
 USE = {"api": "Demo.Item", "method": "get", "runner": "root"}
-PUT = {**USE, "method": "put"}
 
 
 def call_sync(name, *arguments, **options):
@@ -180,14 +179,6 @@ class RealDaemon(unittest.TestCase):
         for call in call_sync, call_aio:
             text = call("issue", "fastapi", GRANTS)
             self.assertIs(call("validate", "fastapi", text, USE), True)
-            self.assertIs(call("validate", "fastapi", text, PUT), False)
-            self.assertEqual(outcome(call, "validate", "taskmanager", text, 1), "Refused")
-            self.assertEqual(outcome(call, "validate", "fastapi", text, 1), "Malformed")
-            checks = call("validate_many", "fastapi", text, [USE, 1, PUT])
-            self.assertEqual(checks, [True, None, False])
-            inspection = call("inspect", "fastapi", text)
-            self.assertEqual((inspection.requester, inspection.alive), ("root", True))
-            self.assertEqual(inspection.payload[0]["api"], "Demo.Item")
             self.assertIsNone(call("transfer", "fastapi", text, self.daemon.pid))
             self.assertEqual(outcome(call, "revoke", "fastapi", text), "Refused")
 

@@ -34,10 +34,12 @@ inline void CheckSession(Session& session) {
 /// Checks the sessions in a section of tests/tables/FILE. tests/tables/command_line.txt says what
 /// they are.
 inline void CheckSessions(const std::string& file, const std::string& title) {
+  Session common;
   std::vector<Session> sessions;
   for (const std::string& line : SectionLines(file, title)) {
-    if (line.front() == '$') sessions.emplace_back();
-    sessions.back()[line.front()] += line.substr(std::min<std::size_t>(2, line.size())) + "\n";
+    if (line.front() == '$') sessions.push_back(common);
+    Session& session = sessions.empty() ? common : sessions.back();
+    session[line.front()] += line.substr(std::min<std::size_t>(2, line.size())) + "\n";
   }
   for (Session& session : sessions) CheckSession(session);
 }

@@ -61,16 +61,19 @@ void CheckSection(const std::string& file, const std::string& title, const Call&
   }
 }
 
-/// Checks a token service with the sections "NAME issues" and "NAME validates" of services.txt:
-/// requests with privilege entries, and requests with the data of tokens.
+/// Checks a token service with the sections "NAME issues" and "NAME validates" of services.txt.
 template <typename Service>
 void CheckService(const std::string& name) {
+  const auto with = [](const Json::Value& payload, Json::Value object) {
+    object["payload"] = payload;
+    return payload == "no request" ? 5 : object;
+  };
   EXPECT_EQ(Service().GetName(), name);
-  CheckSection("services.txt", name + " issues", [](const auto& request, const auto& privilege) {
-    return Service().Issue(request, privilege);
+  CheckSection("services.txt", name + " issues", [&](const auto& payload, const auto& privilege) {
+    return Service().Issue(with(payload, {}), privilege);
   });
-  CheckSection("services.txt", name + " validates", [](const auto& request, const auto& data) {
-    return Service().Validate(request, data);
+  CheckSection("services.txt", name + " validates", [&](const auto& payload, const auto& held) {
+    return Service().Validate(with(payload, {}), with(held, Value("{'requester':'@r'}")));
   });
 }
 
