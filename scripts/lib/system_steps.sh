@@ -189,23 +189,6 @@ restarted() {
   systemctl restart $service
 }
 
-# Stops the sockets too, so that the path is free, and lets another user create a file there.
-take_path() {
-  systemctl stop $sockets $service
-  rm -rf $socket
-  as mallory "$@"
-  systemctl start $sockets $service
-  expect 0 'root socket' stat -c '%U %F' $socket
-  life_of_a_token
-}
-
-squatting() {
-  take_path mkdir $socket
-  take_path ln -s /home $socket
-  take_path perl -MIO::Socket::UNIX -e 'IO::Socket::UNIX->new(Local => shift, Listen => 1) or die' $socket
-  rmdir $socket.?*
-}
-
 as_service() { systemd-run --quiet --wait --pipe "$@"; }
 
 # shellcheck disable=SC2016 # the other shell's parameters
@@ -276,7 +259,7 @@ purge() {
   expect 0 '' left_behind
 }
 
-readonly all=(install readme restart upgrade restarted squatting hardened_clients cleaning failed_start
+readonly all=(install readme restart upgrade restarted hardened_clients cleaning failed_start
   purge)
 
 run_steps() {
