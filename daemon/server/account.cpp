@@ -79,11 +79,6 @@ Connection& Accounts::Next() {
 
 void Accounts::EndTurn(std::chrono::nanoseconds time) { turns.PutBack(*served, time); }
 
-void Accounts::ServeAgain(Connection& connection) {
-  std::list<Connection>& ready = connection.account.ready;
-  ready.splice(ready.end(), ready, connection.place);
-}
-
 void Accounts::AwaitClient(Connection& connection) {
   Account& account = connection.account;
   account.waiting.splice(account.waiting.end(), account.ready, connection.place);

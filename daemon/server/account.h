@@ -70,7 +70,6 @@ class Accounts {
   void EndTurn(std::chrono::nanoseconds time);
 
   // What becomes of the connection that is served:
-  static void ServeAgain(Connection& connection);
   void AwaitClient(Connection& connection);  ///< gives up connections at a limit
   static void Remove(Connection& connection);
 

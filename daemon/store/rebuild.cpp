@@ -1,8 +1,6 @@
 #include "rebuild.h"
 
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sysexits.h>
 #include <syslog.h>
@@ -120,15 +118,6 @@ std::unique_ptr<OldStore> OpenOldStore(const std::string& path) {
     throw StartError(EX_DATAERR, path + " is damaged, or not a store of this daemon: " +
                                      error.what() + ". Move it away to start with an empty store");
   }
-}
-
-// Without this flag, btrfs writes each page to a new place, which a full file system does not have.
-// Other file systems do not support the flag.
-void WriteInPlace(int file) {
-  int flags = 0;
-  if (ioctl(file, FS_IOC_GETFLAGS, &flags) != 0) return;
-  flags |= FS_NOCOW_FL;
-  [[maybe_unused]] const int ignored = ioctl(file, FS_IOC_SETFLAGS, &flags);
 }
 
 // One transaction, so that no page is written twice.

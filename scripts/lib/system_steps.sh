@@ -189,23 +189,6 @@ restarted() {
   systemctl restart $service
 }
 
-# Stops the sockets too, so that the path is free, and lets another user create a file there.
-take_path() {
-  systemctl stop $sockets $service
-  rm -rf $socket
-  as mallory "$@"
-  systemctl start $sockets $service
-  expect 0 'root socket' stat -c '%U %F' $socket
-  life_of_a_token
-}
-
-squatting() {
-  take_path mkdir $socket
-  take_path ln -s /home $socket
-  take_path perl -MIO::Socket::UNIX -e 'IO::Socket::UNIX->new(Local => shift, Listen => 1) or die' $socket
-  rmdir $socket.?*
-}
-
 # When old files are removed from /tmp, the socket is kept, even while no daemon serves it.
 cleaning() {
   systemctl stop $sockets $service
@@ -276,7 +259,7 @@ purge() {
   expect 0 '' left_behind
 }
 
-readonly all=(install readme restart upgrade restarted squatting cleaning failed_start administration
+readonly all=(install readme restart upgrade restarted cleaning failed_start administration
   purge)
 
 run_steps() {
