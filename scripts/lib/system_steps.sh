@@ -221,6 +221,7 @@ failed_start() {
 
 # Runs the commands of the page for administrators. Clients in services without the usual /tmp reach
 # the daemon.
+# shellcheck disable=SC2016 # the marks of code
 administration() {
   sed -n '/^```sh$/,/^```$/{/^```/!p}' administration.md >page.sh
   bash -euxo pipefail page.sh >page.log 2>&1 || fail "$(tail -5 page.log)"
