@@ -219,7 +219,8 @@ failed_start() {
   life_of_a_token
 }
 
-# Runs the commands of the page for administrators. Clients in services without the usual /tmp reach
+# Runs the commands of the page for administrators. Clients in services with PrivateTmp= or
+# DynamicUser= reach
 # the daemon.
 # shellcheck disable=SC2016 # the marks of code
 administration() {
