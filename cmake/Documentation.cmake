@@ -10,7 +10,7 @@ function(install_document name package component)
   install(FILES ${PROJECT_BINARY_DIR}/documents/${package}/${name}
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
 endfunction()
-foreach(name errors performance protocol python reliability)
+foreach(name administration errors performance protocol python reliability)
   install_document(${name}.md zelttokenmgr daemon)
 endforeach()
 install(DIRECTORY docs/plots DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zelttokenmgr COMPONENT daemon)
