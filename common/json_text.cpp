@@ -52,7 +52,8 @@ bool Parse(Json::CharReader& reader, const std::string& text, Json::Value& value
   try {
     if (!reader.parse(text.data(), text.data() + text.size(), &parsed, nullptr)) return false;
   } catch (const Json::Exception& error) {  // nested too deeply, or no memory for a string
-    if (std::strstr(error.what(), "Failed to allocate") != nullptr) throw std::bad_alloc();
+    const bool lacks_memory = std::strstr(error.what(), "allocate") != nullptr;
+    if (lacks_memory) throw std::bad_alloc();
     return false;
   }
   value.swap(parsed);
