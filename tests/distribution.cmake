@@ -1,11 +1,5 @@
-# Tests of the installed files. scripts/test-packages tests the Debian packages.
+# Tests of documents. scripts/test-packages tests what is installed.
 set(distribution ${CMAKE_CURRENT_SOURCE_DIR}/distribution)
-
-if(NOT ZELT_SANITIZE)  # a consumer would have to be built with the same sanitizer
-  add_test(NAME consumers
-    COMMAND ${distribution}/consumers.sh ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
-  set_tests_properties(consumers PROPERTIES ENVIRONMENT "CXX=${CMAKE_CXX_COMPILER}" TIMEOUT 300)
-endif()
 
 add_test(NAME zelttoken_options COMMAND ${distribution}/options.sh
   $<TARGET_FILE:zelttoken> ${PROJECT_SOURCE_DIR}/docs/man/zelttoken.1.scd
@@ -29,10 +23,3 @@ add_test(NAME documented_tests COMMAND bash -c [[
       while read -r name; do grep -rqw "$name" tests tools scripts || echo "no test $name"; done |
       grep .]]
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
-
-find_program(SYSTEMD_ANALYZE systemd-analyze)
-if(SYSTEMD_ANALYZE)
-  add_test(NAME service_file COMMAND ${distribution}/service_file.sh
-    ${PROJECT_BINARY_DIR}/zelttokenmgrd.service ${PROJECT_SOURCE_DIR}/packaging/zelttokenmgrd.socket
-    $<TARGET_FILE:zelttokenmgrd>)
-endif()

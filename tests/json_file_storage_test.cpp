@@ -98,23 +98,6 @@ TEST_F(JsonFileStorageTest, SharesTheLockToReadAndNotToWrite) {
   EXPECT_EQ(ReadFile(kStore), "abc 2\n");
 }
 
-// Two processes that wait for each other: the kernel refuses the later lock.
-TEST_F(JsonFileStorageTest, ClosesALockFileWhenTheLockIsRefused) {
-  for (const char* path : {"/tmp/lock", "/tmp/other"}) WriteFile(path, "");
-  const long descriptors = OpenDescriptors();
-  auto held = std::make_unique<FileLock>("/tmp/lock", true);
-  const pid_t other = Start([] {
-    const FileLock first("/tmp/other", true);
-    return FileLock("/tmp/lock", false), 0;
-  });
-  ASSERT_TRUE(WaitsToLock(other, "READ"));
-  EXPECT_EQ(Outcome([] { FileLock("/tmp/other", true); }),
-            "token_storage.cpp:27 failed to lock: Resource deadlock avoided");
-  held.reset();
-  EXPECT_EQ(Finish(other), 0);
-  EXPECT_EQ(OpenDescriptors(), descriptors);
-}
-
 TEST_F(JsonFileStorageTest, LogsAFailureToUnlock) {
   WriteFile("/tmp/lock", "");
   const int next = dup(STDIN_FILENO);

@@ -20,14 +20,6 @@ void ExpectFailure(const std::string& command, const std::string& error, int sta
   EXPECT_TRUE(program.Logs(error)) << command << program.Errors();
 }
 
-// Waits until the second worker is the first of two.
-bool IsFirstReplaced(const Daemon& daemon, const std::vector<pid_t>& workers) {
-  return Eventually([&] {
-    const std::vector<pid_t> now = daemon.Children();
-    return now.size() == 2 && now[0] == workers[1];
-  });
-}
-
 // A socket that other programs inherit, at `name` as of UnixAddress.
 int Bound(const std::string& name, int type) {
   const int fd = socket(AF_UNIX, type, 0);
@@ -107,36 +99,6 @@ TEST_F(ProgramsTest, ServesSocketsThatWerePassedOn) {
   ExpectFailure("LISTEN_PID=1 LISTEN_FDS=2 exec zelttokenmgrd" + redirect, "another daemon",
                 EX_UNAVAILABLE);
   for (const int fd : {first, other}) close(fd);
-}
-
-TEST_F(ProgramsTest, TellsItsServiceManagerHowItDoes) {
-  for (const std::string& name : {std::string("/tmp/notify"), "@" + std::to_string(getpid())}) {
-    const int notified = Bound(name, SOCK_DGRAM);
-    const auto hears = [notified](const std::string& state) {
-      std::array<char, 64> message{};
-      return Eventually([&] {
-        const ssize_t size = recv(notified, message.data(), message.size(), MSG_DONTWAIT);
-        return size > 0 && state == std::string(message.data(), static_cast<std::size_t>(size));
-      });
-    };
-    Program daemon("WATCHDOG_USEC=1000 WATCHDOG_PID=$$ NOTIFY_SOCKET=" + name +
-                   " exec zelttokenmgrd");
-    for (const char* state : {"READY=1", "WATCHDOG=1", "WATCHDOG=1"}) EXPECT_TRUE(hears(state));
-    kill(daemon.pid, SIGTERM);
-    EXPECT_TRUE(hears("STOPPING=1"));
-    EXPECT_EQ(daemon.End(), 0);
-    close(notified);
-  }
-}
-
-TEST_F(ProgramsTest, ReplacesAKilledWorkerAlone) {
-  const Daemon daemon;
-  const std::vector<pid_t> old = daemon.Children();
-  ASSERT_EQ(old.size(), 2U);
-  kill(old[0], SIGKILL);
-  EXPECT_TRUE(IsFirstReplaced(daemon, old));
-  kill(daemon.pid, SIGUSR1);
-  EXPECT_TRUE(daemon.Logs("deaths=1,"));
 }
 
 // Reading the map of a file behind its end is as bad as an unreadable block (mmap(2)).

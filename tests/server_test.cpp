@@ -168,15 +168,11 @@ TEST_F(ServerTest, SubordinateIdsBelongToTheirOwner) {
   WriteFile("/tmp/etc/passwd", "root:x:0:0::/:\nalice:x:4001:4100::/:/bin/sh\nbob:x:4002:::\n");
   WriteFile("/tmp/etc/subuid", "alice:100000:65536\n4002:200000:10\nnobody:300000:2\n:x:y\n");
   People people("/tmp/etc");
-  for (const auto& [id, person] : std::vector<std::pair<uid_t, uid_t>>{{0, 0},
-                                                                       {kAlice, kAlice},
-                                                                       {99999, kSomebody},
-                                                                       {100000, kAlice},
-                                                                       {165535, kAlice},
-                                                                       {165536, kSomebody},
-                                                                       {200009, kBob},
-                                                                       {200010, kSomebody},
-                                                                       {300001, 300000}}) {
+  const std::map<uid_t, uid_t> persons = {
+      {0, 0},           {kAlice, kAlice},    {99999, kSomebody},
+      {100000, kAlice}, {165535, kAlice},    {165536, kSomebody},
+      {200009, kBob},   {200010, kSomebody}, {300001, 300000}};
+  for (const auto& [id, person] : persons) {
     EXPECT_EQ(people.PersonOf(id), person) << id;
   }
   WriteFile("/tmp/etc/subuid", "bob:100000:65536\n");

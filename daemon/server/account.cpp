@@ -79,11 +79,6 @@ Connection& Accounts::Next() {
 
 void Accounts::EndTurn(std::chrono::nanoseconds time) { turns.PutBack(*served, time); }
 
-void Accounts::ServeAgain(Connection& connection) {
-  std::list<Connection>& ready = connection.account.ready;
-  ready.splice(ready.end(), ready, connection.place);
-}
-
 void Accounts::AwaitClient(Connection& connection) {
   Account& account = connection.account;
   account.waiting.splice(account.waiting.end(), account.ready, connection.place);
@@ -111,6 +106,12 @@ void Accounts::EverySecond() {
   people.EverySecond();
   for (auto& [person, account] : accounts) LogSecond(account);
   std::erase_if(accounts, [](const auto& each) { return each.second.used.connections == 0; });
+}
+
+std::size_t Accounts::Waiting() const {
+  std::size_t waiting = 0;
+  for (const auto& [person, account] : accounts) waiting += account.waiting.size();
+  return waiting;
 }
 
 // Returns false if the account that holds the most has nothing to give up.

@@ -67,10 +67,10 @@ void Backlog::LookAgain() noexcept {
 }
 
 void Backlog::Pause(int error) {
-  if (draining) return;
+  const auto now = Clock::now();
+  if (draining || now < resume) return;
   if (++failures > kMaxFailures) throw std::system_error(error, std::generic_category(), "accept4");
   StopWaiting();
-  const auto now = Clock::now();
   resume = now + kPause;
   if (now < next_log) return;
   next_log = now + kLogInterval;

@@ -40,6 +40,7 @@ Connection::Connection(ClientSocket accepted, const Peer& client, Account& owner
 
 Connection::State Connection::Receive() {
   std::array<char, kPieceBytes> piece;  // NOLINT(*-member-init): written before it is read
+  unread = false;
   for (std::size_t i = 0; i < kPiecesPerTurn; ++i) {
     const ssize_t count = socket.Receive(piece.data(), piece.size());
     if (count < 0 && errno == EINTR) continue;
@@ -47,7 +48,8 @@ Connection::State Connection::Receive() {
     if (count == 0) return request.empty() ? State::kGone : State::kWhole;
     if (Append({piece.data(), static_cast<std::size_t>(count)})) return State::kWhole;
   }
-  return State::kUnread;
+  unread = true;
+  return State::kIncomplete;
 }
 
 // Returns whether the request ends in the piece.
@@ -70,11 +72,11 @@ void Connection::Send() {
   answer.erase(0, sent);
 }
 
-// Edge-triggered: what is not read in this turn does not wake the worker again.
+// Edge-triggered: an out-of-band byte, which stays unread, does not wake the worker again.
 bool Connection::Await(Poll& poll) {
   const std::uint32_t events = EPOLLET | (answer.empty() ? EPOLLIN : EPOLLOUT);
   const int operation = awaited == nullptr ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
-  if (operation == EPOLL_CTL_ADD || !answer.empty()) {
+  if (operation == EPOLL_CTL_ADD || unread || !answer.empty()) {
     if (!poll.Control(operation, socket.Get(), events, this)) return false;
   }
   awaited = &poll;

@@ -41,8 +41,7 @@ class Connection final : public DueHook, public Awaiting {
  public:
   using Clock = std::chrono::steady_clock;
   enum class State {
-    kIncomplete,  ///< the rest has not arrived
-    kUnread,      ///< more may have arrived
+    kIncomplete,  ///< the rest has not arrived, or not been received in this turn
     kWhole,
     kGone,  ///< the client closed the connection, or sent descriptors
   };
@@ -85,4 +84,5 @@ class Connection final : public DueHook, public Awaiting {
   Charge charge;
   const ClientSocket socket;
   Poll* awaited = nullptr;
+  bool unread = false;  // more may have arrived than was received
 };

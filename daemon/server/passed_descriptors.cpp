@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 #include <semaphore>
-#include <system_error>
 #include <thread>
 
 namespace {
@@ -65,6 +65,9 @@ ssize_t ClientSocket::Receive(char* bytes, std::size_t size) const {
   return recv(fd.Get(), bytes, static_cast<std::size_t>(count), MSG_DONTWAIT);
 }
 
+// Connections are closed by destructors, which must not run out of memory.
+PassedDescriptors::PassedDescriptors() { deferred.reserve(kDeferredAtOnce); }
+
 void PassedDescriptors::Close(int fd) {
   if (!HoldsUnread(fd)) {
     close(fd);
@@ -88,7 +91,7 @@ void PassedDescriptors::Flush() {
       closed.acquire();
     });
     copied.acquire();
-  } catch (const std::system_error&) {  // without a thread, close(2) may block
+  } catch (const std::exception&) {  // without a thread, close(2) may block
   }
   for (const int fd : deferred) close(fd);
   deferred.clear();

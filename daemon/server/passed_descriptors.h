@@ -24,7 +24,7 @@ bool RefusesDescriptors(int listener);
 /// Threads: one. `Flush` starts and joins a thread if there is something to flush.
 class PassedDescriptors {
  public:
-  PassedDescriptors() = default;
+  PassedDescriptors();
   ~PassedDescriptors() { Flush(); }
   PassedDescriptors(const PassedDescriptors&) = delete;
   PassedDescriptors& operator=(const PassedDescriptors&) = delete;

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <fstream>
 #include <limits>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -17,7 +18,7 @@ constexpr std::streamsize kMaxFileBytes = 16 << 20;
 
 // Answers of directories that are kept, and questions to them in a second at most.
 constexpr std::size_t kMaxAnswers = 1024;
-constexpr std::size_t kMaxUnknown = 64;
+constexpr std::size_t kMaxQuestions = 64;
 
 std::array<long, 4> VersionOf(const std::string& path) {
   struct stat file {};
@@ -82,15 +83,18 @@ uid_t People::OwnerOf(uid_t first, Range& range) {
 bool People::IsInDirectory(uid_t id) {
   const auto known = directory.find(id);
   if (known != directory.end()) return known->second;
-  if (directory.size() == kMaxAnswers) return false;
+  if (questions == kMaxQuestions) return false;
+  ++questions;
   return directory[id] = getpwuid(id) != nullptr;
 }
 
 // Ids that nobody has are asked for again, because a directory may have been out of reach.
-void People::EverySecond() {
+void People::EverySecond() try {
+  questions = 0;
   std::erase_if(directory, [](const auto& answer) { return !answer.second; });
-  if (directory.size() + kMaxUnknown > kMaxAnswers) directory.clear();
+  if (directory.size() + kMaxQuestions > kMaxAnswers) directory.clear();
   if (versions != VersionsOfAll()) Load();
+} catch (const std::bad_alloc&) {  // it is tried again in a second
 }
 
 // Lines have the forms NAME:PASSWORD:ID:... and OWNER:FIRST:COUNT.

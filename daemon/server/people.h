@@ -48,4 +48,5 @@ class People {
   std::vector<uid_t> users;                   // of /etc/passwd, sorted
   std::map<uid_t, Range> ranges;              // of /etc/subuid, by their first id
   std::unordered_map<uid_t, bool> directory;  // what directories said
+  std::size_t questions = 0;                  // to directories, in this second
 };

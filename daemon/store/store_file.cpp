@@ -1,7 +1,9 @@
 #include "store_file.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sysexits.h>
 #include <unistd.h>
@@ -138,6 +140,13 @@ void SyncDirectory(const std::string& directory) {
   Expect(file.IsOpen() && fsync(file.Get()) == 0, "cannot sync " + directory);
 }
 
+void WriteInPlace(int file) {
+  int flags = 0;
+  if (ioctl(file, FS_IOC_GETFLAGS, &flags) != 0) return;
+  flags |= FS_NOCOW_FL;
+  [[maybe_unused]] const int ignored = ioctl(file, FS_IOC_SETFLAGS, &flags);
+}
+
 StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds lock_patience)
     : store(options.format == StoreFormat::kText ? "" : options.path), patience(lock_patience) {
   PrepareDirectory(DirectoryOf(options.path), options);
@@ -148,6 +157,7 @@ StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds lock
   Lock(options.path + (store.empty() ? ".lock" : "-lock"), O_CREAT);
   if (store.empty()) return;
   // LMDB writes this file through a mapping, where a full file system raises SIGBUS.
+  if (lseek(locked.front().file.Get(), 0, SEEK_END) == 0) WriteInPlace(locked.front().file.Get());
   errno = posix_fallocate(locked.front().file.Get(), 0, kLockFileBytes);
   Expect(errno == 0, "cannot allocate space for " + locked.front().path);
   if (status) Lock(store);  // a daemon of an earlier version locked only this one

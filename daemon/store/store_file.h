@@ -45,3 +45,7 @@ class StoreLock {
 
 /// Writes the entries of a directory to the disk. Throws `std::system_error`.
 void SyncDirectory(const std::string& directory);
+
+/// Has an empty file's pages written in their places. Without this flag, btrfs writes each page to
+/// a new place, which a full file system does not have. Other file systems do not support the flag.
+void WriteInPlace(int file);

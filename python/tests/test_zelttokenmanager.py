@@ -127,7 +127,8 @@ class Answers(unittest.TestCase):
             with listen(SECOND, backlog=0) as full, socket.socket(socket.AF_UNIX) as first:
                 first.connect(SECOND)
                 self.assertEqual(outcome(call, "revoke", "s", "t", timeout=0.05), "Unavailable")
-                threading.Timer(0.05, lambda: [full.accept()[0].close() for _ in range(2)]).start()
+                answer_none = lambda: (full.accept()[0].close(), Server(full, []))
+                threading.Timer(0.05, answer_none).start()
                 self.assertEqual(outcome(call, "revoke", "s", "t"), "Interrupted")
 
 
@@ -174,13 +175,6 @@ class RealDaemon(unittest.TestCase):
         self.daemon.terminate()
         self.daemon.wait()
         self.daemon.stderr.close()
-
-    def test_life_of_a_token(self):
-        for call in call_sync, call_aio:
-            text = call("issue", "fastapi", GRANTS)
-            self.assertIs(call("validate", "fastapi", text, USE), True)
-            self.assertIsNone(call("transfer", "fastapi", text, self.daemon.pid))
-            self.assertEqual(outcome(call, "revoke", "fastapi", text), "Refused")
 
     def test_tokens_are_revoked(self):
         with Token.issue("fastapi", GRANTS) as revoked:

@@ -50,14 +50,16 @@ inline std::vector<Cells> Section(const std::string& file, const std::string& ti
   return rows;
 }
 
-/// Calls `call` with the first two cells of each row, read as JSON. The last cell is the outcome.
+/// Calls `call` with the first two cells of each row, read as JSON. The last cell is the outcome;
+/// of an error the file and the number are enough.
 template <typename Call>
 void CheckSection(const std::string& file, const std::string& title, const Call& call) {
   for (const Cells& row : Section(file, title)) {
     const auto value = [](const std::string& cell) { return Value(Requoted(cell)); };
-    EXPECT_EQ(Requoted(Outcome([&] { return call(value(row.at(0)), value(row.at(1))); })),
-              row.back())
-        << title << ": " << row[0] << " | " << row[1];
+    std::string outcome =
+        Requoted(Outcome([&] { return call(value(row.at(0)), value(row.at(1))); }));
+    if (outcome.starts_with(row.back() + " ")) outcome.resize(row.back().size());
+    EXPECT_EQ(outcome, row.back()) << title << ": " << row[0] << " | " << row[1];
   }
 }
 
