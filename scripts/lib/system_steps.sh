@@ -154,6 +154,7 @@ repack() {
     dpkg-deb -R "$package" "$directory"
     sed -i -E "s/^(Version: .*)-1\$/\\1-$1/" "$directory/DEBIAN/control"
     dpkg-deb -Znone -b "$directory" "$2" >/dev/null
+    rm -r "$directory"
   done
 }
 
@@ -220,8 +221,7 @@ failed_start() {
 }
 
 # Runs the commands of the page for administrators. Clients in services with PrivateTmp= or
-# DynamicUser= reach
-# the daemon.
+# DynamicUser= reach the daemon.
 # shellcheck disable=SC2016 # the marks of code
 administration() {
   sed -n '/^```sh$/,/^```$/{/^```/!p}' administration.md >page.sh
