@@ -211,8 +211,9 @@ with_options() { echo "ZELTTOKENMGRD_OPTIONS='$1'" >/etc/default/zelttokenmgr; }
 failed_start() {
   with_options '--store /etc/hostname'
   systemctl restart $service 2>/dev/null || true
-  expect 69 '*cannot be reached*' as demo zelttoken issue fastapi "$grant"
+  expect 69 '*' as demo zelttoken issue fastapi "$grant"
   await eval '[ "$(systemctl is-active $service $sockets)" = $'"'failed\\ninactive'"' ]'
+  expect 69 '*cannot be reached*' as demo zelttoken issue fastapi "$grant"
   with_options ''
   systemctl start $service
   life_of_a_token
