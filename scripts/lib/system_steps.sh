@@ -154,6 +154,7 @@ repack() {
     dpkg-deb -R "$package" "$directory"
     sed -i -E "s/^(Version: .*)-1\$/\\1-$1/" "$directory/DEBIAN/control"
     dpkg-deb -Znone -b "$directory" "$2" >/dev/null
+    rm -r "$directory"
   done
 }
 
@@ -210,8 +211,9 @@ with_options() { echo "ZELTTOKENMGRD_OPTIONS='$1'" >/etc/default/zelttokenmgr; }
 failed_start() {
   with_options '--store /etc/hostname'
   systemctl restart $service 2>/dev/null || true
-  expect 69 '*cannot be reached*' as demo zelttoken issue fastapi "$grant"
+  expect 69 '*' as demo zelttoken issue fastapi "$grant"
   await eval '[ "$(systemctl is-active $service $sockets)" = $'"'failed\\ninactive'"' ]'
+  expect 69 '*cannot be reached*' as demo zelttoken issue fastapi "$grant"
   with_options ''
   systemctl start $service
   life_of_a_token
@@ -220,8 +222,7 @@ failed_start() {
 }
 
 # Runs the commands of the page for administrators. Clients in services with PrivateTmp= or
-# DynamicUser= reach
-# the daemon.
+# DynamicUser= reach the daemon.
 # shellcheck disable=SC2016 # the marks of code
 administration() {
   sed -n '/^```sh$/,/^```$/{/^```/!p}' administration.md >page.sh
