@@ -11,6 +11,7 @@
 
 #include "daemon_socket.h"
 #include "json_member.h"
+#include "kind_of_refusal.h"
 #include "log.h"
 #include "message.h"
 #include "request_log.h"
@@ -196,7 +197,9 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     answer = Refused(slot.type, response, refusal);
     Refuse(peer, request, refusal);
   }
-  Count(slot.times.at(TimeBucket(Clock::now() - begun)));
+  const std::chrono::nanoseconds time = Clock::now() - begun;
+  Count(slot.times.at(TimeBucket(time)));
+  Count(slot.time, static_cast<std::uint64_t>(time.count()));
   Set(slot.activity, Activity::kIdle);
   return answer;
 }
@@ -325,6 +328,7 @@ std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::exception& refusal) {
   Count(CounterOf(slot.type, slot.refused));
+  Count(slot.refusals.at(static_cast<std::size_t>(KindOf(refusal))));
   if (peer.lines != nullptr && !peer.lines->Take()) return;
   LogRefusal(peer, request, refusal);
 }

@@ -23,6 +23,9 @@ class LineTotal {
     return ++taken, true;
   }
 
+  std::atomic<std::uint64_t> held_back = 0;  ///< lines beyond the limits, since the start
+  std::atomic<std::uint64_t> lost = 0;       ///< lines that could not be written
+
  private:
   static constexpr std::uint32_t kLeftToOthers = 10;  // for each line of one's own
 
@@ -49,6 +52,7 @@ class LineAllowance {
   /// Begins a second. Returns how many lines were held back in the last one.
   std::uint32_t Renew() {
     taken = 0;
+    total.held_back += held_back;
     return std::exchange(held_back, 0);
   }
 
