@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -123,9 +124,19 @@ constexpr std::array kSingleNumbers{
     SingleNumber{".uptime", "uptime_seconds", "gauge", "Time since the daemon started."},
     SingleNumber{".workers.running", "workers", "gauge", "Worker processes."},
     SingleNumber{".workers.deaths", "worker_deaths_total", "counter", "Workers that died."},
+    SingleNumber{".waiting", "waiting_connections", "gauge", "Connections that wait for clients."},
+    SingleNumber{".lines.lost", "log_lines_lost_total", "counter",
+                 "Log lines that could not be written."},
+    SingleNumber{".lines.held_back", "log_lines_held_back_total", "counter",
+                 "Refusals beyond what is logged in a second."},
     SingleNumber{".store.tokens", "tokens", "gauge", "Tokens in the store."},
+    SingleNumber{".store.orphans", "orphans", "gauge", "Tokens whose owner had ended."},
     SingleNumber{".store.used", "store_used_bytes", "gauge", "Bytes in use in the store."},
     SingleNumber{".store.size", "store_size_bytes", "gauge", "Bytes that the store may use."},
+    SingleNumber{".store.tokens_per_user", "user_tokens_limit", "gauge",
+                 "Tokens that a user may hold."},
+    SingleNumber{".store.bytes_per_user", "user_bytes_limit", "gauge",
+                 "Bytes that a user's tokens may use."},
 };
 
 void AddRequests(Metrics& metrics, const Json::Value& requests) {
@@ -137,13 +148,19 @@ void AddRequests(Metrics& metrics, const Json::Value& requests) {
   }
 }
 
+void AddRefusals(Metrics& metrics, const Json::Value& refusals) {
+  metrics.Begin("refusals_total", "counter", "Refused requests by kind of reason.");
+  for (const std::string& kind : refusals.getMemberNames()) {
+    metrics.Add(Labels({{"kind", kind}}), TextOf(refusals[kind]));
+  }
+}
+
 std::string Seconds(std::uint64_t microseconds) {
   std::array<char, 32> text{};
   const auto end = std::to_chars(text.begin(), text.end(), static_cast<double>(microseconds) / 1e6);
   return {text.data(), end.ptr};
 }
 
-// The daemon does not record the sum of the times, so there is no "_sum".
 void AddServiceTimes(Metrics& metrics, const Json::Value& times) {
   metrics.Begin("request_duration_seconds", "histogram", "Time to serve a request.");
   std::uint64_t total = 0;
@@ -154,7 +171,20 @@ void AddServiceTimes(Metrics& metrics, const Json::Value& times) {
     metrics.Add(Labels({{"le", bound}}), std::to_string(total), "_bucket");
   }
   metrics.Add(Labels({{"le", "+Inf"}}), std::to_string(total), "_bucket");
+  metrics.Add("", Seconds(Number(times["sum_us"])), "_sum");
   metrics.Add("", std::to_string(total), "_count");
+}
+
+// What the user has who holds the most of it: at a limit, others have room.
+void AddFullest(Metrics& metrics, const Json::Value& usage, const char* member, const char* name,
+                const char* help) {
+  std::map<std::string, std::uint64_t> users;
+  std::uint64_t most = 0;
+  for (const Json::Value& row : usage) {
+    most = std::max(most, users[TextOf(row["uid"])] += Number(row[member]));
+  }
+  metrics.Begin(name, "gauge", help);
+  metrics.Add("", std::to_string(most));
 }
 
 void AddUsage(Metrics& metrics, const Json::Value& usage, const char* member, const char* name,
@@ -217,6 +247,7 @@ std::string StatusReport(const Json::Value& status) {
       {"workers", Cell(status["workers"], "running")},
       {"deaths", Cell(status["workers"], "deaths")},
       {"tokens", Cell(store, "tokens")},
+      {"orphans", Cell(store, "orphans")},
       {"store", KiB(store["used"]) + " of " + KiB(store["size"])},
       {"service time", "half " + ServiceTime(times, 50) + ", 99 % " + ServiceTime(times, 99)}};
   std::vector<Line> requests{{"REQUEST", "DONE", "REFUSED"}};
@@ -238,10 +269,15 @@ std::string PrometheusMetrics(const Json::Value& status) {
   metrics.Add(Labels({{"version", TextOf(status["version"])}}), "1");
   for (const SingleNumber& number : kSingleNumbers) {
     metrics.Begin(number.name, number.type, number.help);
-    metrics.Add("", TextOf(Json::Path(number.path).resolve(status)));
+    metrics.Add("", std::to_string(Number(Json::Path(number.path).resolve(status))));
   }
   AddRequests(metrics, status["requests"]);
+  AddRefusals(metrics, status["refusals"]);
   AddServiceTimes(metrics, status["service_times"]);
+  AddFullest(metrics, status["usage"], "tokens", "fullest_user_tokens",
+             "Tokens of the user who holds the most.");
+  AddFullest(metrics, status["usage"], "bytes", "fullest_user_bytes",
+             "Bytes of the user whose tokens use the most.");
   AddUsage(metrics, status["usage"], "tokens", "user_tokens", "Tokens by user and service.");
   AddUsage(metrics, status["usage"], "bytes", "user_bytes", "Bytes of tokens by user and service.");
   return metrics.Take();

@@ -1,3 +1,20 @@
+# The documents for administrators and programmers, with links that lead somewhere when installed.
+function(install_document name package component)
+  file(READ docs/${name} text)
+  string(REPLACE "](../include/" "](${CMAKE_INSTALL_FULL_INCLUDEDIR}/" text "${text}")
+  if(NOT package STREQUAL zelttokenmgr)
+    string(REGEX REPLACE "\\]\\(([a-z]+\\.md)" "](../zelttokenmgr/\\1" text "${text}")
+  endif()
+  file(CONFIGURE OUTPUT documents/${package}/${name} CONTENT "${text}" @ONLY)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS docs/${name})
+  install(FILES ${PROJECT_BINARY_DIR}/documents/${package}/${name}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+endfunction()
+foreach(name administration errors performance protocol python reliability)
+  install_document(${name}.md zelttokenmgr daemon)
+endforeach()
+install(DIRECTORY docs/plots DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zelttokenmgr COMPONENT daemon)
+
 # The manual pages, if scdoc is installed, and the reference of the library's interface (target
 # "docs"), if Doxygen is installed.
 find_program(SCDOC scdoc)

@@ -52,8 +52,6 @@ install(FILES packaging/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zelttoke
   COMPONENT daemon)
 install(FILES packaging/completions/zelttoken packaging/completions/zelttokenmgrd
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT daemon)
-install(FILES docs/errors.md docs/protocol.md docs/python.md docs/reliability.md
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zelttokenmgr COMPONENT daemon)
 
 include(cmake/Documentation.cmake)
 if(ZELT_DEBIAN)

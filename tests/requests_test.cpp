@@ -85,6 +85,7 @@ TEST_F(WorkerTest, SaysWhyItRefuses) {
     const bool told = std::regex_search(row[3], std::regex("type=.(list|show|drop|status)"));
     EXPECT_EQ(answer, told ? "{\"reason\":" + reason + ",\"success\":false}" : Requoted(kRefused));
   }
+  EXPECT_EQ(worker.board.slots[0].refusals.back(), 0U);  // all kinds are known
   std::string nuls;
   while (nuls.size() < 252) nuls += "\\u0000";  // as much as fits into 256 bytes
   const std::string hidden = "{'type':'" + nuls + nuls + "','service':'" + nuls + nuls + "'}";
@@ -254,6 +255,10 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
   worker.board.slots[0].pid = worker.board.slots[3].pid = 1;
   worker.board.slots[3].refused.back() = 40;
   worker.board.deaths = 5;
+  worker.board.lines.lost = 2;
+  worker.board.lines.held_back = 3;
+  worker.board.slots[0].orphans = 6;
+  worker.board.slots[3].waiting = 7;
   for (const User user : {kAlice, kBob, kCarol}) worker.Issue(user);
   worker.Validate("x");
   worker.Ask(kBob, "");
@@ -270,6 +275,7 @@ TEST_F(WorkerTest, CountsWhatWorkersDo) {
   const Json::Value times = take(status, "service_times");
   for (const Json::Value& count : times["counts"]) timed += count.asUInt64();
   EXPECT_EQ(timed, 5U);
+  EXPECT_GT(times["sum_us"].asUInt64(), 0U);
   EXPECT_GT(take(status, "uptime").asInt64(), 0);
   EXPECT_GT(take(status["store"], "used").asInt64(), 0);
   for (Json::Value& row : status["usage"]) EXPECT_GT(take(row, "bytes").asInt(), 0);

@@ -104,6 +104,12 @@ Json::UInt64 Sum(const Board& board, Counters counters, std::size_t index) {
   return sum;
 }
 
+Json::UInt64 Sum(const Board& board, std::atomic<std::uint64_t> WorkerSlot::*counter) {
+  Json::UInt64 sum = 0;
+  for (const WorkerSlot& slot : board.slots) sum += slot.*counter;
+  return sum;
+}
+
 Json::Value Workers(const Board& board) {
   Json::Value workers;
   const auto running = std::count_if(board.slots.begin(), board.slots.end(),
@@ -123,8 +129,24 @@ Json::Value Requests(const Board& board) {
   return requests;
 }
 
+Json::Value Refusals(const Board& board) {
+  Json::Value refusals;
+  for (std::size_t kind = 0; kind < kRefusalKinds; ++kind) {
+    refusals[kRefusalKindNames[kind]] = Sum(board, &WorkerSlot::refusals, kind);
+  }
+  return refusals;
+}
+
+Json::Value Lines(const Board& board) {
+  Json::Value lines;
+  lines["lost"] = Json::UInt64{board.lines.lost};
+  lines["held_back"] = Json::UInt64{board.lines.held_back};
+  return lines;
+}
+
 Json::Value ServiceTimes(const Board& board) {
   Json::Value times;
+  times["sum_us"] = Sum(board, &WorkerSlot::time) / 1000;
   for (std::size_t bucket = 0; bucket < kTimeBuckets; ++bucket) {
     if (bucket + 1 < kTimeBuckets) times["bounds_us"].append(Json::UInt64{1} << bucket);
     times["counts"].append(Sum(board, &WorkerSlot::times, bucket));
@@ -178,7 +200,11 @@ void Administration::Status(const Json::Value& request, Json::Value& response) {
   response["workers"] = Workers(board);
   response["requests"] = Requests(board);
   response["service_times"] = ServiceTimes(board);
+  response["refusals"] = Refusals(board);
+  response["waiting"] = Sum(board, &WorkerSlot::waiting);
+  response["lines"] = Lines(board);
   response["store"] = store.GetStatistics();
+  response["store"]["orphans"] = Sum(board, &WorkerSlot::orphans);
   response["usage"] = Formatted(page.rows);
   SetNext(page.next, response);
 }

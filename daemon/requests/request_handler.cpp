@@ -9,6 +9,7 @@
 
 #include "admission.h"
 #include "json_member.h"
+#include "kind_of_refusal.h"
 #include "log.h"
 #include "request_log.h"
 #include "services.h"
@@ -109,7 +110,9 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
     answer = Refused(slot.type, response, refusal);
     Refuse(peer, request, refusal);
   }
-  ++slot.times.at(TimeBucket(Clock::now() - begun));
+  const std::chrono::nanoseconds time = Clock::now() - begun;
+  ++slot.times.at(TimeBucket(time));
+  slot.time += static_cast<std::uint64_t>(time.count());
   slot.activity = Activity::kIdle;
   return answer;
 }
@@ -234,6 +237,7 @@ std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::exception& refusal) {
   ++CounterOf(slot.type, slot.refused);
+  ++slot.refusals.at(static_cast<std::size_t>(KindOf(refusal)));
   if (peer.lines != nullptr && !peer.lines->Take()) return;
   LogRefusal(peer, request, refusal);
 }

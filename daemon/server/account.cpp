@@ -108,6 +108,12 @@ void Accounts::EverySecond() {
   std::erase_if(accounts, [](const auto& each) { return each.second.used.connections == 0; });
 }
 
+std::size_t Accounts::Waiting() const {
+  std::size_t waiting = 0;
+  for (const auto& [person, account] : accounts) waiting += account.waiting.size();
+  return waiting;
+}
+
 // Returns false if the account that holds the most has nothing to give up.
 bool Accounts::GiveUpOne(std::size_t Usage::*what) {
   const auto most = std::max_element(

@@ -82,6 +82,7 @@ class Accounts {
     return total.connections <= most_connections || GiveUpOne(&Usage::connections);
   }
   bool Empty() const { return total.connections == 0; }
+  std::size_t Waiting() const;  ///< connections that wait for their client
   bool AnyReady() const { return !turns.Empty(); }
 
   /// Logs what was held back or given up, and forgets accounts that use nothing. Call this about

@@ -42,9 +42,10 @@ int OpenTermination() {
 }  // namespace
 
 Server::Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
-               WorkerSlot& worker_slot, LineTotal& lines)
+               WorkerSlot& worker_slot, LineTotal& all_lines)
     : limits(server_limits),
       slot(worker_slot),
+      lines(all_lines),
       accounts(limits, lines),
       backlog(poll, listeners),
       signals(OpenTermination()) {
@@ -108,7 +109,8 @@ void Server::EverySecond() {
   next_second = now + std::chrono::seconds(1);
   backlog.LookAgain();
   accounts.EverySecond();
-  ReportLostLines();
+  lines.lost += ReportLostLines();
+  slot.waiting = accounts.Waiting();
   if (*every_second) (*every_second)();
   now = Clock::now();  // nobody is charged for this
 }

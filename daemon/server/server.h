@@ -27,11 +27,11 @@ class Server {
   /// after one more byte. Must not throw.
   using Handler = std::function<std::string(const Peer& peer, const std::string& request)>;
 
-  /// `worker_slot` and `lines` must outlive the server; `listeners` stay the caller's.
+  /// `worker_slot` and `all_lines` must outlive the server; `listeners` stay the caller's.
   /// `server_limits` are a seam: tests have lower ones. Throws `std::system_error` if there are no
   /// descriptors for it.
   Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
-         WorkerSlot& worker_slot, LineTotal& lines);
+         WorkerSlot& worker_slot, LineTotal& all_lines);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
@@ -71,6 +71,7 @@ class Server {
 
   const ServerLimits limits;
   WorkerSlot& slot;
+  LineTotal& lines;
   Poll poll;
   PassedDescriptors descriptors;
   Accounts accounts;

@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "line_allowance.h"
+#include "refusal_kind.h"
 #include "request_type.h"
 
 /// What a worker is doing. A worker that waits for the store is not stuck itself; the worker that
@@ -51,8 +52,12 @@ struct alignas(64) WorkerSlot {
 
   std::array<std::atomic<std::uint64_t>, kRequestTypes> done{};
   std::array<std::atomic<std::uint64_t>, kRequestTypes> refused{};
+  std::array<std::atomic<std::uint64_t>, kRefusalKinds> refusals{};
   std::array<std::atomic<std::uint64_t>, kTimeBuckets> times{};
-  CacheCounts cache;  ///< up to a second old; zero without a cache
+  std::atomic<std::uint64_t> time = 0;     ///< nanoseconds that all requests took
+  std::atomic<std::uint64_t> waiting = 0;  ///< connections that wait for clients, a second ago
+  std::atomic<std::uint64_t> orphans = 0;  ///< tokens, found by the last walk through the store
+  CacheCounts cache;                       ///< up to a second old; zero without a cache
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 

@@ -19,6 +19,9 @@ class LineTotal {
     return taken.fetch_add(1) < kEachSecond;
   }
 
+  std::atomic<std::uint64_t> held_back = 0;  ///< lines beyond the limits, since the start
+  std::atomic<std::uint64_t> lost = 0;       ///< lines that could not be written
+
  private:
   std::atomic<std::int64_t> second = 0;
   std::atomic<std::uint32_t> taken = 0;
@@ -44,6 +47,7 @@ class LineAllowance {
   /// Begins a second. Returns how many lines were held back in the last one.
   std::uint32_t Renew() {
     taken = 0;
+    total.held_back += held_back;
     return std::exchange(held_back, 0);
   }
 

@@ -28,10 +28,13 @@ constexpr std::size_t kLongestPrefix = 96;  // bytes: priority, time, name and p
 // A destination of lines, and the number of lines lost.
 struct Sink {
   bool (*write)(int priority, std::string_view line);  // false if it would have to wait
-  std::uint64_t lost = 0;
+  std::uint64_t lost = 0;                              // that no line has reported
+  std::uint64_t newly_lost = 0;                        // that no call has returned
 
   void Put(int priority, std::string_view line) {
-    if (!ReportLost() || !write(priority, line)) ++lost;
+    if (ReportLost() && write(priority, line)) return;
+    ++lost;
+    ++newly_lost;
   }
   bool ReportLost() {
     if (lost == 0) return true;
@@ -145,7 +148,8 @@ void VLog(int priority, const char* format, va_list arguments) noexcept {
   errno = error;
 }
 
-void ReportLostLines() noexcept {
+std::uint64_t ReportLostLines() noexcept {
   syslog_sink.ReportLost();
   if (writes_errors) error_sink.ReportLost();
+  return std::exchange(syslog_sink.newly_lost, 0) + std::exchange(error_sink.newly_lost, 0);
 }

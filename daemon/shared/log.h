@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstdint>
 
 /// Opens the log: syslog's socket and, with `to_stderr`, standard error as well. Forked processes
 /// may keep using it. Threads: one at a time.
@@ -16,4 +17,5 @@ void OpenLog(bool to_stderr);
                                         va_list arguments) noexcept;
 
 /// Writes the number of dropped lines, if there are any and this can be done without waiting.
-void ReportLostLines() noexcept;
+/// Returns how many were dropped since the last call.
+std::uint64_t ReportLostLines() noexcept;

@@ -66,7 +66,7 @@ class IndexedStore : public TokenStore {
   Record FindUsable(MDB_txn* transaction, const std::string& token) const;
   std::optional<Record> FindSame(const Holding& holding, bool same_owner);
   bool EraseIfSame(const Holding& holding, bool same_owner);
-  bool NeedsUpdate(const RecordHeader& header, Judge& judge) const;
+  bool Examine(const RecordHeader& header, Judge& judge);
   void DropOrMark(const Holding& holding);
 
   // Calls `change` for each token, a few in each transaction.
@@ -87,5 +87,6 @@ class IndexedStore : public TokenStore {
   std::optional<Removed> removed;
   std::uint64_t changed_id = 0;
   std::uint64_t last_examined = 0;  // the last id that `EverySecond` examined
+  std::uint64_t orphans_seen = 0;   // by `EverySecond` since it started over
   bool commit_failed = false;
 };

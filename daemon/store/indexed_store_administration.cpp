@@ -39,6 +39,8 @@ Json::Value IndexedStore::GetStatistics() {
   statistics["tokens"] = Json::UInt64{all.tokens};
   statistics["used"] = Json::UInt64{all.bytes};
   statistics["size"] = Json::UInt64{options.bytes};
+  statistics["tokens_per_user"] = Json::UInt64{options.tokens_per_user};
+  statistics["bytes_per_user"] = Json::UInt64{options.bytes / options.users_share};
   return statistics;
 }
 
@@ -56,17 +58,21 @@ void IndexedStore::EverySecond() {
   for (std::size_t seen = 0; seen < kExamined && !judge.IsTired(); seen += kExaminedAtOnce) {
     Holdings next = NextHoldings(database, tables, std::nullopt, last_examined, kExaminedAtOnce);
     last_examined = next.last;
-    std::erase_if(next.found,
-                  [&](const Holding& each) { return !NeedsUpdate(each.header, judge); });
+    std::erase_if(next.found, [&](const Holding& each) { return !Examine(each.header, judge); });
     ChangeEach(next.found, [this](const Holding& each) { DropOrMark(each); });
-    if (last_examined == 0) return;
+    if (last_examined != 0) continue;
+    Set(slot.orphans, std::exchange(orphans_seen, 0));
+    return;
   }
 }
 
-bool IndexedStore::NeedsUpdate(const RecordHeader& header, Judge& judge) const {
+// Counts an orphan. Returns whether the token is to be dropped or marked.
+bool IndexedStore::Examine(const RecordHeader& header, Judge& judge) {
   if (IsGone(header, options)) return true;
-  return options.drop_orphans_after.count() > 0 && header.orphaned.wall_time == 0 &&
-         judge.IsOrphan(header);
+  const bool marked = header.orphaned.wall_time != 0;
+  const bool orphan = marked || judge.IsOrphan(header);
+  if (orphan) ++orphans_seen;
+  return orphan && !marked && options.drop_orphans_after.count() > 0;
 }
 
 // Drops an expired token, or marks a token as an orphan.

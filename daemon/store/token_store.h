@@ -105,7 +105,8 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
   /// Returns a page of what users hold. `after` is 0 or the last page's `next`.
   virtual Page<UsageRow> Usage(std::uint64_t after) = 0;
 
-  /// Returns "tokens", "used" and "size" (bytes).
+  /// Returns "tokens", and "used" and "size" in bytes; an indexed store also the limits on each
+  /// user: "tokens_per_user" and "bytes_per_user".
   Json::Value GetStatistics() override = 0;
 
   /// Whether `TakeCare` has something to do: a user was refused a token at a limit, or a commit

@@ -199,7 +199,7 @@ void Supervisor::CheckWorkers() {
   // are alive.
   const bool was_held_up = Clock::now() > next_check + kCheckInterval;
   next_check = Clock::now() + kCheckInterval;
-  ReportLostLines();
+  board.lines.lost += ReportLostLines();
   if (was_held_up) return;
   KillStuckWorker();
   NotifyWatchdog();

@@ -3,7 +3,8 @@ set(c_library libzelttoken1)
 set(CPACK_DEBIAN_C_LIBRARY_PACKAGE_NAME ${c_library})
 set(CPACK_DEBIAN_C_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_C_LIBRARY_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_C_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers)
+set(CPACK_DEBIAN_C_LIBRARY_PACKAGE_CONTROL_EXTRA
+  ${CMAKE_CURRENT_LIST_DIR}/triggers ${CMAKE_CURRENT_LIST_DIR}/c_library/symbols)
 set(CPACK_COMPONENT_C_LIBRARY_DESCRIPTION "access tokens between local processes (C library)
 A token states what the package of the requesting process is granted. This
 library lets C programs request, validate, transfer and revoke tokens through
@@ -29,10 +30,4 @@ package lets Python programs request, validate, transfer and revoke tokens
 through the token manager's daemon, which is in the package zelttokenmgr.")
 install(DIRECTORY python/zelttokenmanager DESTINATION lib/python3/dist-packages COMPONENT python
   FILES_MATCHING PATTERN *.py PATTERN py.typed PATTERN __pycache__ EXCLUDE)
-
-# The pages that it links to are in the daemon's package.
-file(READ docs/python.md page)
-string(REPLACE "](" "](../zelttokenmgr/" page "${page}")
-file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/python.md CONTENT "${page}" @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/python.md
-  DESTINATION share/doc/python3-zelttokenmanager COMPONENT python)
+install_document(python.md python3-zelttokenmanager python)

@@ -16,7 +16,8 @@ set(library libzelttokenmanager${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${library})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
+  ${CMAKE_CURRENT_LIST_DIR}/triggers ${CMAKE_CURRENT_LIST_DIR}/library/symbols)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "access tokens between local processes (library)
@@ -61,6 +62,7 @@ foreach(directory /etc/zelttokenmgr/installed /var/packages)
   install(DIRECTORY DESTINATION ${directory} COMPONENT daemon)
 endforeach()
 
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/README.Debian DESTINATION share/doc/zelttokenmgr COMPONENT daemon)
 install(FILES packaging/default DESTINATION /etc/default RENAME zelttokenmgr COMPONENT daemon)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
   DESTINATION share/lintian/overrides RENAME zelttokenmgr COMPONENT daemon)

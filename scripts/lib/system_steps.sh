@@ -189,17 +189,6 @@ restarted() {
   systemctl restart $service
 }
 
-as_service() { systemd-run --quiet --wait --pipe "$@"; }
-
-# shellcheck disable=SC2016 # the other shell's parameters
-hardened_clients() {
-  expect 0 permitted as_service -p User=demo -p PrivateTmp=yes -p ProtectSystem=strict -E use="$use" \
-    zelttoken run fastapi "$grant" -- sh -c 'zelttoken validate fastapi $ZELT_TOKEN "$use"'
-  local token
-  token=$(as demo zelttoken issue fastapi "$grant")
-  expect 0 permitted as_service -p DynamicUser=yes zelttoken validate fastapi "$token" "$use"
-}
-
 # When old files are removed from /tmp, the socket is kept, even while no daemon serves it.
 cleaning() {
   systemctl stop $sockets $service
@@ -215,20 +204,34 @@ cleaning() {
 
 with_options() { echo "ZELTTOKENMGRD_OPTIONS='$1'" >/etc/default/zelttokenmgr; }
 
-# A start that cannot succeed is not repeated, even for waiting clients. Afterwards, a store on a disk
-# and a restart of the sockets alone.
+# A start that cannot succeed is not repeated, even for waiting clients. Afterwards, a
+# restart of the sockets alone.
 # shellcheck disable=SC2016 # evaluated later
 failed_start() {
   with_options '--store /etc/hostname'
   systemctl restart $service 2>/dev/null || true
   expect 69 '*cannot be reached*' as demo zelttoken issue fastapi "$grant"
   await eval '[ "$(systemctl is-active $service $sockets)" = $'"'failed\\ninactive'"' ]'
-  with_options '--store /var/lib/zelttokenmgr/tokens.mdb'
+  with_options ''
   systemctl start $service
   life_of_a_token
   systemctl restart $sockets
   life_of_a_token
-  expect 0 'zelttokenmgr 600' stat -c '%U %a' /var/lib/zelttokenmgr/tokens.mdb
+}
+
+# Runs the commands of the page for administrators. Clients in services with PrivateTmp= or
+# DynamicUser= reach
+# the daemon.
+# shellcheck disable=SC2016 # the marks of code
+administration() {
+  sed -n '/^```sh$/,/^```$/{/^```/!p}' administration.md >page.sh
+  bash -euxo pipefail page.sh >page.log 2>&1 || fail "$(tail -5 page.log)"
+  [ "$(grep -c ' orphan ' page.log)" = 2 ] || fail "$(cat page.log)"
+  expect 0 'zelttokenmgr 600' stat -c '%U %a' /var/lib/tokens/tokens.mdb
+  expect 1 '*' systemd-run --quiet --wait -p DynamicUser=yes zelttoken validate fastapi none "$use"
+  systemctl -q disable --now zelttoken-metrics.timer
+  rm -r /etc/systemd/system/{zelttoken-metrics.*,$service.d} /var/lib/{prometheus,tokens} /var/backups/*
+  systemctl daemon-reload
   with_options ''
   systemctl restart $service
 }
@@ -259,7 +262,7 @@ purge() {
   expect 0 '' left_behind
 }
 
-readonly all=(install readme restart upgrade restarted hardened_clients cleaning failed_start
+readonly all=(install readme restart upgrade restarted cleaning failed_start administration
   purge)
 
 run_steps() {
