@@ -198,7 +198,7 @@ TEST_F(StoreTest, LimitsUsersAndThenDropsTheirOldestOrphans) {
   store.TakeCare();
   EXPECT_EQ(daemon.Ids({.user = kAlice}).size(), std::string("1,2,3,4,5,6,7,8,9,").size() + 33);
   EndProcess(dead);
-  const auto issued_after_care = [&] {  // it looks again after a second
+  const auto issued_after_care = [&] {  // it looks again after a moment
     const bool refused = daemon.Issue("f") != "done";
     if (store.NeedsCare()) store.TakeCare();
     return !refused;

@@ -4,10 +4,20 @@
 
 namespace {
 
-constexpr std::size_t kMostExamined = 16'384;  // ids in a search, or in a step of one
+constexpr std::size_t kMostExamined = 16'384;  // ids in one read transaction
 constexpr std::size_t kAtOnce = 64;            // tokens
 constexpr std::size_t kMostUsers = 4096;       // whose progress is remembered
-constexpr std::chrono::seconds kRest{1};
+constexpr std::chrono::milliseconds kStep{5};  // of a search
+
+// A search that found nothing is repeated after ten times the time that it took, so that a user who
+// asks again and again cannot occupy a worker.
+constexpr int kRestFactor = 10;
+constexpr std::chrono::milliseconds kShortestRest{50};
+constexpr std::chrono::seconds kLongestRest{1};
+
+std::chrono::nanoseconds Rest(std::chrono::nanoseconds spent) {
+  return std::clamp<std::chrono::nanoseconds>(kRestFactor * spent, kShortestRest, kLongestRest);
+}
 
 }  // namespace
 
@@ -70,20 +80,21 @@ std::vector<Holding> OrphanSearch::Next(Database& database, const Tables& tables
                                         std::size_t count) {
   const uid_t user = *wanted.begin();
   Progress& mine = progress[user];
+  const auto begun = Clock::now();
   std::vector<Holding> found;
   Judge judge;
-  for (std::size_t seen = 0; seen < kMostExamined && !judge.IsTired(); seen += kAtOnce) {
+  do {
     const Holdings next = NextHoldings(database, tables, user, mine.after, kAtOnce);
     for (const Holding& each : next.found) {
       const bool gone = IsTooOld(each.header, options) || judge.IsOrphan(each.header);
       if (gone && found.size() < count) found.push_back(each);
     }
-    if (found.empty() && next.last == 0) mine = {0, Clock::now() + kRest};
-    if (!found.empty() || next.last == 0) {
-      wanted.erase(user);
-      break;
-    }
-    mine.after = next.last;
-  }
+    if (found.empty()) mine.after = next.last;
+  } while (found.empty() && mine.after != 0 && Clock::now() < begun + kStep);
+  mine.spent += Clock::now() - begun;
+  if (found.empty() && mine.after != 0) return found;
+  if (found.empty()) mine.rest = Clock::now() + Rest(mine.spent);
+  mine.spent = {};
+  wanted.erase(user);
   return found;
 }

@@ -61,7 +61,7 @@ class OrphanSearch {
  public:
   explicit OrphanSearch(const StoreOptions& store_options) : options(store_options) {}
 
-  /// Asks for a search, unless one has found nothing within the last second.
+  /// Asks for a search, unless one has found nothing a moment ago.
   void Want(uid_t user);
 
   bool IsWanted() const { return !wanted.empty(); }
@@ -74,6 +74,7 @@ class OrphanSearch {
   using Clock = std::chrono::steady_clock;
   struct Progress {
     std::uint64_t after = 0;   // tokens up to this id have living owners
+    Clock::duration spent{};   // on the search that is not complete
     Clock::time_point rest{};  // there is no search before
   };
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
@@ -66,6 +67,22 @@ void Visit(Database& database, const Visitor& visit) {
 
 }  // namespace format1
 
+// LMDB keeps the last two states, and opens the one with the greater number. If one of the numbers
+// is damaged, that may be the older state, in which a revoked token is still valid.
+void ExpectNewestState(const Database& database) {
+  constexpr off_t kNumber = 144;  // its place in the page, in the format that LMDB 0.9 accepts
+  int file = -1;
+  mdb_env_get_fd(database.Get(), &file);
+  std::array<std::uint64_t, 2> numbers{};
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    const auto place = static_cast<off_t>(i * database.PageBytes()) + kNumber;
+    const ssize_t count = pread(file, &numbers[i], sizeof numbers[i], place);
+    Expect(count == ssize_t{sizeof numbers[i]}, "cannot read the store");
+  }
+  if (numbers[0] + 1 == numbers[1] || numbers[1] + 1 == numbers[0]) return;
+  throw std::runtime_error("the numbers of its last two states are inconsistent");
+}
+
 // A file with a store, which was verified.
 class OldStore {
  public:
@@ -74,6 +91,7 @@ class OldStore {
       tables.emplace(database);
       tables->Verify(Database::ReadScope(database).Get());
     }
+    ExpectNewestState(database);
     Visit([this](const TokenKey&, const Record& record) {
       bytes += Footprint(record, database.PageBytes());
     });
