@@ -77,7 +77,7 @@ void ExpectNewestState(const Database& database) {
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     const auto place = static_cast<off_t>(i * database.PageBytes()) + kNumber;
     const ssize_t count = pread(file, &numbers[i], sizeof numbers[i], place);
-    Expect(count == ssize_t{sizeof numbers[i]}, "cannot read the store");
+    ExpectDone(count == ssize_t{sizeof numbers[i]}, "cannot read the store");
   }
   if (numbers[0] + 1 == numbers[1] || numbers[1] + 1 == numbers[0]) return;
   throw std::runtime_error("the numbers of its last two states are inconsistent");
