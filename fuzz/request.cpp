@@ -72,7 +72,7 @@ class Worker {
     data["pid"] = owner;
     data["payload"] = Value(kGrants)[service];
     const Peer peer = From(0, owner);
-    Change change(store, peer);
+    StoreChange change(store, peer);
     store.Insert(token, data);
     change.Commit();
   }
@@ -95,8 +95,8 @@ class Worker {
 }  // namespace
 
 void OpenLog(bool /*to_stderr*/) {}
-void ReportLostLines() {}
-void Log(int /*priority*/, const char* format, ...) {
+std::uint64_t ReportLostLines() noexcept { return 0; }
+void Log(int /*priority*/, const char* format, ...) noexcept {
   std::array<char, 2048> line{};
   va_list arguments;
   va_start(arguments, format);

@@ -113,21 +113,21 @@ struct {
 
 // Alice has four connections where two are allowed, and Bob has one.
 TEST_F(ServerTest, AtALimitTheOldestOfTheBusiestIsGivenUp) {
-  for (const auto& [limits, first, rest, expected] : kLimits) {
-    TestServer server(kPath, limits);
+  for (const auto& row : kLimits) {
+    TestServer server(kPath, row.limits);
     Clients clients;
-    if (!ConnectAs(kBob, clients, first)) GTEST_SKIP() << "no other users";
-    for (int i = 0; i < 4; ++i) ConnectAs(kAlice, clients, first);
+    if (!ConnectAs(kBob, clients, row.first)) GTEST_SKIP() << "no other users";
+    for (int i = 0; i < 4; ++i) ConnectAs(kAlice, clients, row.first);
     std::atomic<int> asked = 0;
     const auto answer = [&](const Peer& /*peer*/, const std::string& request) {
       return request == "ask" ? ++asked, kLongest : request;
     };
     const auto use = [&] {
-      EXPECT_TRUE(Eventually([&] { return asked == 5 || !rest.empty(); }));
+      EXPECT_TRUE(Eventually([&] { return asked == 5 || !row.rest.empty(); }));
       if (asked == 5) Client(kPath, "done\n").Answer();
-      for (const std::size_t i : {1U, 2U}) EXPECT_FALSE(clients[i].Answer() == expected);
+      for (const std::size_t i : {1U, 2U}) EXPECT_FALSE(clients[i].Answer() == row.answer);
       for (const std::size_t i : {4U, 3U, 0U}) {
-        EXPECT_TRUE(clients[i].Write(rest) && clients[i].Answer() == expected) << i;
+        EXPECT_TRUE(clients[i].Write(row.rest) && clients[i].Answer() == row.answer) << i;
       }
     };
     const std::string log = Logged([&] { server.While(answer, use); });
