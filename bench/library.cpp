@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "bare_cache.h"
 #include "bare_json.h"
 #include "bare_store.h"
 #include "zelttokenmanager/service/fastapi.h"
@@ -24,7 +23,7 @@ using namespace ZELT::TokenManager;
 
 constexpr std::size_t kMaxRecords = 100000;
 constexpr std::size_t kTokenLength = 48;  // the mean
-constexpr unsigned int kLargeCache = 256U << 20;
+constexpr unsigned int kCacheSize = 1U << 20;
 constexpr std::size_t kRemovalsAtOnce = 10;
 
 std::string MakeToken(std::uint64_t seed) {
@@ -106,10 +105,6 @@ void Insert(benchmark::State& state, TokenStorage& storage, std::size_t /*count*
   for (auto _ : state) storage.Insert(MakeToken(next++), Data());
 }
 
-void Fill(TokenStorage& storage, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) storage.Insert(Token(i), Data());
-}
-
 template <typename Store>
 void OnStore(benchmark::State& state, Benchmark run, std::size_t count) {
   const StoreFile file(count);
@@ -127,13 +122,6 @@ void Remove(benchmark::State& state, std::size_t count) {
     state.ResumeTiming();
     for (std::size_t i = 0; i < kRemovalsAtOnce; ++i) store.Remove(Token(Spread(i, count)));
   }
-}
-
-template <typename Cache>
-void CacheHit(benchmark::State& state, std::size_t count) {
-  Cache cache(kLargeCache);
-  Fill(cache, count);
-  Get(state, cache, count);
 }
 
 template <typename... Arguments>
@@ -161,7 +149,7 @@ struct Validation {
   }
 
   Json::Value request;
-  std::shared_ptr<CacheStorage> cache = std::make_shared<LRUCacheStorage>(kLargeCache);
+  std::shared_ptr<CacheStorage> cache = std::make_shared<LRUCacheStorage>(kCacheSize);
   TokenManager manager{"/none", nullptr, cache};
   std::shared_ptr<TokenService> checker = std::make_shared<FastAPI>();
 };
@@ -190,8 +178,6 @@ void AddValidate() {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   for (const std::size_t count : {100U, 1000U, 10000U, 100000U}) AddStore(count);
-  Add("hit/ours", kMaxRecords, CacheHit<LRUCacheStorage>);
-  Add("hit/bare", kMaxRecords, CacheHit<bare::Cache>);
   AddValidate();
   benchmark::RunSpecifiedBenchmarks();
 }

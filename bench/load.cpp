@@ -1,5 +1,6 @@
 // Load on the daemon and on its peers, with a connection for each request. Prints lines "NAME
 // VALUE"; the first failure ends the program. One process throughout, since it owns the tokens.
+// With the arguments ROW and CLIENTS it only measures the daemon, for the row of that name.
 #include <munge.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -131,7 +132,7 @@ double Rate(std::size_t connections, const Operation& operation) {
   std::atomic<std::size_t> done = 0;
   const auto end = Clock::now() + kSlice;
   const auto repeat = [&] {
-    while (Clock::now() < end) operation(Spread(done++, kCompared));
+    while (Clock::now() < end) operation(Spread(done++, tokens.size()));
   };
   std::vector<std::jthread> clients;
   while (clients.size() < connections) clients.emplace_back(repeat);
@@ -140,10 +141,11 @@ double Rate(std::size_t connections, const Operation& operation) {
 }
 
 // In short slices by turns: a busy neighbour slows one of them down and not the next.
-void Compare(std::size_t connections, const std::map<std::string, Operation>& all) {
+void Compare(const std::string& row, std::size_t connections,
+             const std::map<std::string, Operation>& all) {
   for (int slice = 0; slice < kSlices; ++slice) {
     for (const auto& [name, operation] : all) {
-      std::cout << name << '/' << connections << ' ' << Rate(connections, operation) << '\n';
+      std::cout << name << '/' << row << ' ' << Rate(connections, operation) << '\n';
     }
   }
 }
@@ -156,10 +158,12 @@ void ComparePeers() {
     Exchange(kMemcached, "get " + tokens[number] + "\r\n", "END\r\n");
   };
   for (const std::size_t connections : {1U, 8U, 64U, 128U}) {
-    Compare(connections, {{"echo", echo}, {"ours", Validate}, {"memcached", get}});
+    Compare(std::to_string(connections), connections,
+            {{"echo", echo}, {"ours", Validate}, {"memcached", get}});
   }
   for (const std::size_t threads : {1U, 2U, 4U}) {
-    Compare(threads, {{"pair", IssueAndValidate}, {"munge", EncodeAndDecode}});
+    Compare(std::to_string(threads), threads,
+            {{"pair", IssueAndValidate}, {"munge", EncodeAndDecode}});
   }
 }
 
@@ -195,9 +199,26 @@ void Grow(std::size_t count) {
   requests.resize(count);
 }
 
+// What one daemon does for `clients`, whose configuration the row names.
+void Vary(const std::string& row, std::size_t clients) {
+  tokens.resize(kSamples);
+  requests.resize(kSamples);
+  for (std::size_t i = 0; i < kSamples; ++i) Issue(i);
+  const auto issue = [](std::size_t /*number*/) { SendIssueRequest("fastapi", Json(kGrants)); };
+  const std::vector<Json::Value> uses(100, Json(kUse));
+  const auto check = [&uses](std::size_t number) {
+    SendValidateManyRequest("fastapi", tokens[number], uses);
+  };
+  Compare(row, clients, {{"validate", Validate}, {"issue", issue}, {"hundred", check}});
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc == 3) {
+    Vary(argv[1], std::stoul(argv[2]));
+    return 0;
+  }
   ServeEcho();
   for (const std::size_t count : {1000U, 10000U, 100000U, 1000000U}) {
     Grow(count);

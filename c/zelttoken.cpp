@@ -11,6 +11,7 @@
 #include "json.h"
 #include "json_member.h"
 #include "json_text.h"
+#include "message.h"
 #include "token_shape.h"
 
 namespace {
@@ -18,8 +19,6 @@ namespace {
 using namespace ZELT::TokenManager;
 
 static_assert(ZELT_TOKEN_SIZE == kLongestToken + 1);
-
-constexpr std::size_t kMaxRequestBytes = 128U << 10;  // the daemon refuses longer ones
 
 // Calls `call`, which returns a code. Its exceptions are thrown before anything is sent.
 template <typename Call>
@@ -40,7 +39,7 @@ int Guarded(const Call& call) noexcept {
 template <typename Judge>
 int Ask(const Json::Value& request, const Judge& judge) {
   const std::string text = toString(request);
-  if (text.size() > kMaxRequestBytes || !IsUtf8(text)) return ZELT_INVALID;
+  if (text.size() > zeltdaemon::kMaxRequestBytes || !IsUtf8(text)) return ZELT_INVALID;
   const auto connection = ConnectToDaemon();
   if (!connection) return ZELT_UNAVAILABLE;
   try {

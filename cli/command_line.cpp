@@ -76,7 +76,7 @@ Example: zelttoken validate fastapi @token '{"api":"Demo.Item",
   }
 
   // Prints help or the version if that is why parsing stopped. Otherwise throws `Failure`.
-  void Explain(const CLI::ParseError& error) const {
+  void PrintHelpOrThrow(const CLI::ParseError& error) const {
     if (error.get_exit_code() == 0) return static_cast<void>(app.exit(error));
     const auto commands = app.get_subcommands();
     if (commands.empty()) {
@@ -269,6 +269,6 @@ void ReadCommandLine(std::vector<std::string> words, Invocation& invocation) {
     parser.Parse(std::move(words));
   } catch (const CLI::ParseError& error) {
     invocation.command = nullptr;
-    parser.Explain(error);
+    parser.PrintHelpOrThrow(error);
   }
 }

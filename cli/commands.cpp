@@ -19,7 +19,7 @@ using namespace ZELT::TokenManager;
 namespace {
 
 // Only their texts distinguish the library's errors.
-Failure Explain(const std::string& error) {
+Failure FailureOf(const std::string& error) {
   const auto is = [&error](std::string_view where) { return error.starts_with(where); };
   const std::string cause = " (" + error + ")";
   if (is("utils.cpp:108") || is("utils.cpp:110")) {
@@ -36,7 +36,7 @@ auto Ask(const Exchange& exchange) {
   } catch (const Failure&) {
     throw;
   } catch (const std::runtime_error& error) {
-    throw Explain(error.what());
+    throw FailureOf(error.what());
   }
 }
 

@@ -24,8 +24,8 @@ std::string ReadAll(int fd, const std::string& name) {
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) throw Failure(kUsage, "cannot read " + name + ": " + std::strerror(errno));
     text.append(chunk.data(), static_cast<std::size_t>(count));
-    if (text.size() > zeltdaemon::kMaxMessageBytes)
-      throw Failure(kUsage, name + " holds more than 1 MiB");
+    if (text.size() > zeltdaemon::kMaxRequestBytes)
+      throw Failure(kUsage, name + " holds more than 128 KiB");
   }
 }
 

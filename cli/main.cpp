@@ -1,5 +1,4 @@
 // zelttoken, the command line of the token daemon.
-#include <algorithm>
 #include <csignal>
 #include <iostream>
 #include <string>
@@ -8,6 +7,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "json_text.h"
+#include "report.h"
 #include "standard_descriptors.h"
 
 namespace {
@@ -23,18 +23,11 @@ void Print(const Invocation& invocation, const Result& result) {
   if (!std::cout.flush()) throw Failure(kRefused, "cannot write to standard output");
 }
 
-// An argument quoted in an error may contain bytes that JSON cannot express.
-std::string Printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-  return text;
-}
-
 void PrintError(const Invocation& invocation, const std::string& error) {
   if (invocation.json) {
     Json::Value value;
     value["success"] = false;
-    value["error"] = Printable(error);
+    value["error"] = Printable(error);  // what it quotes may be no UTF-8
     std::cout << ZELT::TokenManager::toString(value) << '\n';
   }
   std::cerr << "zelttoken: " << error << '\n';

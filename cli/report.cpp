@@ -17,14 +17,6 @@ namespace {
 
 using Line = std::vector<std::string>;
 
-// A process chooses its own name. Control characters in it must not reach the administrator's
-// terminal.
-std::string Printable(std::string text) {
-  const auto is_control = [](unsigned char c) { return c < ' ' || c > '~'; };
-  std::replace_if(text.begin(), text.end(), is_control, '?');
-  return text;
-}
-
 std::string Cell(const Json::Value& row, const char* name) {
   return Printable(TextOf(MemberOrNull(row, name)));
 }
@@ -207,6 +199,12 @@ void AddUsage(Metrics& metrics, const Json::Value& usage, const char* member, co
 }
 
 }  // namespace
+
+std::string Printable(std::string text) {
+  const auto is_control = [](unsigned char c) { return c < ' ' || c > '~'; };
+  std::replace_if(text.begin(), text.end(), is_control, '?');
+  return text;
+}
 
 std::string TokenTable(const Json::Value& tokens) {
   std::vector<Line> lines{

@@ -5,6 +5,10 @@
 
 #include <string>
 
+/// Returns `text` with "?" for each byte that is not printable ASCII. A process chooses its own
+/// name: control characters in it must not reach the administrator's terminal.
+std::string Printable(std::string text);
+
 /// Returns a table with a line for each of the `tokens` of a "list" response.
 std::string TokenTable(const Json::Value& tokens);
 

@@ -11,7 +11,7 @@ void ExpectMember(bool of_type, std::string_view name, const char* type, const c
                            type + " expected");
 }
 
-void Expect(bool of_type, const char* type, const char* where) {
+void ExpectValue(bool of_type, const char* type, const char* where) {
   if (of_type) return;
   throw std::runtime_error(std::string(where) + " invalid type, " + type + " expected");
 }
@@ -45,11 +45,11 @@ const Json::Value& ArrayMember(const Json::Value& object, std::string_view name,
 }
 
 void ExpectArray(const Json::Value& value, const char* where) {
-  Expect(value.isArray(), "Array", where);
+  ExpectValue(value.isArray(), "Array", where);
 }
 
 std::string_view ExpectString(const Json::Value& value, const char* where) {
-  Expect(value.isString(), "String", where);
+  ExpectValue(value.isString(), "String", where);
   return StringView(value);
 }
 

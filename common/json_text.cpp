@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <utility>
 
@@ -50,7 +51,9 @@ bool Parse(Json::CharReader& reader, const std::string& text, Json::Value& value
   Json::Value parsed;
   try {
     if (!reader.parse(text.data(), text.data() + text.size(), &parsed, nullptr)) return false;
-  } catch (const Json::Exception&) {  // nested too deeply
+  } catch (const Json::Exception& error) {  // nested too deeply, or no memory for a string
+    const bool lacks_memory = std::strstr(error.what(), "allocate") != nullptr;
+    if (lacks_memory) throw std::bad_alloc();
     return false;
   }
   value.swap(parsed);

@@ -28,10 +28,11 @@ struct Privilege {
 /// Reads the privilege files of packages.
 class PrivilegeReader {
  public:
-  /// Opens `kPackages`. If this fails, `Read` reports it for each package.
+  /// Opens `kPackages`. If this fails, `Read` throws.
   PrivilegeReader();
 
-  /// Reads the privilege file of the package in `entry`.
+  /// Reads the privilege file of the package in `entry`. Throws `std::system_error` when
+  /// descriptors or memory run out, which says nothing about the file.
   Privilege Read(const std::string& entry);
 
  private:

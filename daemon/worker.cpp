@@ -18,9 +18,9 @@ namespace {
 
 void ShowCache(ZELT::TokenManager::CacheStorage& cache, CacheCounts& counts) {
   const Json::Value statistics = cache.GetStatistics();
-  Set(counts.hit, statistics["hit"].asUInt64());
-  Set(counts.miss, statistics["miss"].asUInt64());
-  Set(counts.total, statistics["total"].asUInt64());
+  counts.hit = statistics["hit"].asUInt64();
+  counts.miss = statistics["miss"].asUInt64();
+  counts.total = statistics["total"].asUInt64();
 }
 
 // Names this process as the client, because no client is to blame if it hangs.

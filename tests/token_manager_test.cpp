@@ -1,5 +1,7 @@
 #include "zelttokenmanager/token_manager.h"
 
+#include <sys/resource.h>
+
 #include "support/tables.h"
 #include "zelttokenmanager/storage/json_file_storage.h"
 #include "zelttokenmanager/storage/lru_cache_storage.h"
@@ -128,6 +130,25 @@ TEST_F(TokenManagerTest, FindsThePackageThatRunsAsTheUser) {
   }
   const std::string long_text = R"({"username":"bob"})" + std::string(kMaxFileBytes, ' ');
   EXPECT_EQ(PackageOfAlice("alice/conf/privilege", long_text), R"("alice")");
+}
+
+// The package has the user's name, but its file names another user.
+TEST_F(TokenManagerTest, FindsNoPackageWhoseFileItHasNoDescriptorFor) {
+  WriteFile("/tmp/installed/alice", "{}");
+  WriteFile(kPackages / "alice/conf/privilege", R"({"username":"bob"})");
+  rlimit usual{};
+  getrlimit(RLIMIT_NOFILE, &usual);
+  World world;
+  std::string outcome;
+  for (rlim_t limit = 3; !outcome.starts_with("token_manager.cpp:66 "); ++limit) {
+    const rlimit low{.rlim_cur = limit, .rlim_max = usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+    outcome = Outcome([&] {
+      world.manager.IssueToken({41, 4001, 0}, Value("{'service':'fake'}"), world.response);
+    });
+    setrlimit(RLIMIT_NOFILE, &usual);
+    ASSERT_NE(outcome, "done") << limit;
+  }
 }
 
 Json::Int64 Now() { return std::chrono::steady_clock::now().time_since_epoch().count(); }

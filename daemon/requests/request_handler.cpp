@@ -2,22 +2,17 @@
 
 #include <syslog.h>
 
-#include <algorithm>
 #include <chrono>
-#include <span>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
-#include "daemon_socket.h"
+#include "admission.h"
 #include "json_member.h"
 #include "kind_of_refusal.h"
 #include "log.h"
-#include "message.h"
 #include "request_log.h"
 #include "services.h"
-#include "strict_json.h"
-#include "token_shape.h"
 #include "write_json.h"
 
 using namespace ZELT::TokenManager;
@@ -25,98 +20,16 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-enum class Sender { kAnybody, kProcess, kAdministrator };
-
-// Maximum values in a request, which may name thousands of API methods or tasks. A message of
-// maximum length could hold half a million, and block other requests while it is parsed and copied.
-constexpr std::size_t kMaxValues = 10000;
-
 // Refusals contain nothing else, even if the operation had begun its response.
 constexpr const char* kRefused = R"({"success":false})";
 constexpr const char* kUnjudged = R"({"permitted":null,"success":false})";
 
 constexpr std::string_view kNoPackage = "token_manager.cpp:66 ";  // what the library throws
 
-bool HoldsTooManyValues(const std::string& text) {
-  const auto begins_one = [](char c) { return c == ',' || c == '[' || c == '{'; };
-  return text.size() > kMaxValues &&
-         std::count_if(text.begin(), text.end(), begins_one) > std::ptrdiff_t{kMaxValues};
-}
-
-RequestType TypeOf(const Json::Value& request) {
-  const std::string_view name = StringView(request["type"]);
-  const auto known =
-      std::span(kRequestTypeNames).first(static_cast<std::size_t>(RequestType::kOther));
-  return static_cast<RequestType>(std::find(known.begin(), known.end(), name) - known.begin());
-}
-
 const char* Name(RequestType type) { return kRequestTypeNames.at(static_cast<std::size_t>(type)); }
 
 std::atomic<std::uint64_t>& CounterOf(RequestType type, auto& counters) {
   return counters.at(static_cast<std::size_t>(type));
-}
-
-// The text store ends a token at a space and a line at a newline. Its cache ends a token at a NUL
-// byte. A text with one of them would be one token to the store and another to the cache.
-void ExpectWholeToken(const Json::Value& request) {
-  const std::string_view token = StringView(request["token"]);
-  if (token.size() > kLongestToken) throw std::runtime_error("the token is too long");
-  if (token.find_first_of(std::string_view(" \n\0", 3)) != token.npos) {
-    throw std::runtime_error("a token cannot contain a space, a newline or a NUL byte");
-  }
-}
-
-// Checked early, because a service copies all requested grants before the store refuses the token.
-void ExpectFewGrants(const Json::Value& payload) {
-  if (payload.isArray() && payload.size() > kMaxGrants) {
-    throw std::runtime_error("the request asks for more than 256 grants");
-  }
-  if (!payload.isObject()) return;
-  for (const Json::Value& member : payload) {
-    if (member.isArray()) ExpectFewGrants(member);
-  }
-}
-
-std::chrono::seconds Lifetime(const Json::Value& seconds) {
-  const bool is_integer = seconds.type() == Json::intValue || seconds.type() == Json::uintValue;
-  if (!is_integer || !seconds.isInt64() || seconds.asInt64() <= 0) {
-    throw std::runtime_error("\"expires_in\" is not a positive integer");
-  }
-  return std::chrono::seconds(seconds.asInt64());
-}
-
-Sender SenderOf(RequestType type) {
-  switch (type) {
-    case RequestType::kIssue:
-    case RequestType::kRevoke:
-    case RequestType::kTransfer:
-      return Sender::kProcess;
-    case RequestType::kList:
-    case RequestType::kShow:
-    case RequestType::kDrop:
-    case RequestType::kStatus:
-      return Sender::kAdministrator;
-    case RequestType::kValidate:
-    case RequestType::kValidateMany:
-    case RequestType::kInspect:
-    case RequestType::kOther:
-      break;
-  }
-  return Sender::kAnybody;
-}
-
-void ExpectSender(Sender expected, const Peer& peer) {
-  // All processes outside this pid namespace have this id (pid_namespaces(7)), so it cannot
-  // identify an owner.
-  if (expected == Sender::kProcess && peer.credential.pid == 0) {
-    throw std::runtime_error("the peer has no process id in the daemon's pid namespace");
-  }
-  if (expected == Sender::kProcess && IsUnmapped(peer.credential.uid)) {
-    throw std::runtime_error("the peer's user id is not mapped in the daemon's user namespace");
-  }
-  if (expected == Sender::kAdministrator && !Administration::IsAdministrator(peer)) {
-    throw std::runtime_error("only root and the daemon's user may ask for this");
-  }
 }
 
 // Whether the token's service was asked and threw. This is a promise to clients, so other errors
@@ -183,24 +96,24 @@ RequestHandler::RequestHandler(TokenStore& token_store, Board& shared_board,
 
 std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
   const Clock::time_point begun = Clock::now();
-  Set(slot.type, RequestType::kOther);
-  Set(slot.client_user, peer.credential.uid);
-  Set(slot.client_process, peer.credential.pid);
-  Set(slot.activity, Activity::kServing);
+  slot.type = RequestType::kOther;
+  slot.client_user = peer.credential.uid;
+  slot.client_process = peer.credential.pid;
+  slot.activity = Activity::kServing;
   Json::Value request;
   Json::Value response(Json::objectValue);
   std::string answer;
   try {
     answer = Handle(peer, text, request, response);
-    Count(CounterOf(slot.type, slot.done));
+    ++CounterOf(slot.type, slot.done);
   } catch (const std::exception& refusal) {
     answer = Refused(slot.type, response, refusal);
     Refuse(peer, request, refusal);
   }
   const std::chrono::nanoseconds time = Clock::now() - begun;
-  Count(slot.times.at(TimeBucket(time)));
-  Count(slot.time, static_cast<std::uint64_t>(time.count()));
-  Set(slot.activity, Activity::kIdle);
+  ++slot.times.at(TimeBucket(time));
+  slot.time += static_cast<std::uint64_t>(time.count());
+  slot.activity = Activity::kIdle;
   return answer;
 }
 
@@ -212,43 +125,39 @@ void RequestHandler::EverySecond() {
 
 std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
                                    Json::Value& response) {
-  if (text.size() > zeltdaemon::kMaxRequestBytes) throw std::runtime_error("too long");
-  if (HoldsTooManyValues(text)) throw std::runtime_error("too many values");
-  if (!ReadStrictJson(text, request) || !request.isObject()) {
-    throw std::runtime_error("not a JSON object");
-  }
-  const RequestType type = TypeOf(request);
-  Set(slot.type, type);
-  ExpectSender(SenderOf(type), peer);
+  ReadRequest(text, request);
+  slot.type = TypeOf(request);
+  ExpectSender(SenderOf(slot.type), peer);
   ExpectWholeToken(request);
-  switch (type) {
+  switch (slot.type) {
     case RequestType::kIssue:
     case RequestType::kRevoke:
     case RequestType::kTransfer:
     case RequestType::kDrop:
       return Change(peer, request, response);
+    default:
+      Look(peer, request, response);
+      return Success(response);
+  }
+}
+
+void RequestHandler::Look(const Peer& peer, Json::Value& request, Json::Value& response) {
+  switch (slot.type) {
     case RequestType::kValidate:
-      manager.ValidateToken(peer.credential, request, response);
-      break;
+      return manager.ValidateToken(peer.credential, request, response);
     case RequestType::kValidateMany:
-      manager.ValidateMany(peer.credential, request, response);
-      break;
+      return manager.ValidateMany(peer.credential, request, response);
     case RequestType::kInspect:
-      Inspect(store, request, response);
-      break;
+      return Inspect(store, request, response);
     case RequestType::kList:
-      administration.List(request, response);
-      break;
+      return administration.List(request, response);
     case RequestType::kShow:
-      administration.Show(request, response);
-      break;
+      return administration.Show(request, response);
     case RequestType::kStatus:
-      administration.Status(request, response);
-      break;
-    case RequestType::kOther:
+      return administration.Status(request, response);
+    default:
       throw std::runtime_error("unknown type of request");
   }
-  return Success(response);
 }
 
 std::string RequestHandler::Change(const Peer& peer, const Json::Value& request,
@@ -327,8 +236,8 @@ std::vector<std::string> RequestHandler::AuditDrop(const Peer& peer,
 
 void RequestHandler::Refuse(const Peer& peer, const Json::Value& request,
                             const std::exception& refusal) {
-  Count(CounterOf(slot.type, slot.refused));
-  Count(slot.refusals.at(static_cast<std::size_t>(KindOf(refusal))));
+  ++CounterOf(slot.type, slot.refused);
+  ++slot.refusals.at(static_cast<std::size_t>(KindOf(refusal)));
   if (peer.lines != nullptr && !peer.lines->Take()) return;
   LogRefusal(peer, request, refusal);
 }

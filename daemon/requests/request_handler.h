@@ -41,6 +41,7 @@ class RequestHandler {
  private:
   std::string Handle(const Peer& peer, const std::string& text, Json::Value& request,
                      Json::Value& response);
+  void Look(const Peer& peer, Json::Value& request, Json::Value& response);
   std::string Change(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::string TryChange(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,

@@ -22,7 +22,8 @@ class UsersWithoutPackage {
   /// Bounds the memory, about 1 KiB for each user. When there are more, all are forgotten.
   static constexpr std::size_t kMaxUsers = 1000;
 
-  /// Throws the refusal again that was remembered for `user`, if there is one.
+  /// Throws the refusal again that was remembered for `user`, if there is one. `now` is a seam:
+  /// tests choose it.
   void Refuse(uid_t user, Clock::time_point now);
 
   /// Remembers for `user` the exception that is being handled.

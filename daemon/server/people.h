@@ -19,7 +19,7 @@ constexpr uid_t kSomebody = static_cast<uid_t>(-1);
 /// subordinate ids could make them busy.
 class People {
  public:
-  /// `etc` is the directory of the files.
+  /// `etc` is the directory of the files (seam: tests have one of their own).
   explicit People(std::string etc = "/etc");
 
   /// Returns the user id of the person, or `kSomebody`. The owner of a range who has no id is

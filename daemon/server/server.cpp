@@ -54,9 +54,9 @@ Server::Server(const std::vector<Listener>& listeners, const ServerLimits& serve
   }
 }
 
-void Server::Serve(const Handler& request_handler, const std::function<void()>& every_second) {
+void Server::Serve(const Handler& request_handler, const std::function<void()>& periodic_work) {
   handler = &request_handler;
-  on_second = &every_second;
+  every_second = &periodic_work;
   now = Clock::now();
   while (!termination.requested) Step();
   Drain();
@@ -81,11 +81,11 @@ void Server::Wait(bool sleeps) {
       sleeps ? std::chrono::ceil<milliseconds>(Wake() - Clock::now()) : milliseconds();
   poll.Wait(std::max(time, milliseconds()));
   now = Clock::now();
-  Set(slot.seen, now.time_since_epoch().count());
+  slot.seen = now.time_since_epoch().count();
   Expire(requests_due);
   Expire(answers_due);
   backlog.Resume(now);
-  if (now >= next_second) Tick();
+  if (now >= next_second) EverySecond();
 }
 
 Server::Clock::time_point Server::Wake() {
@@ -105,13 +105,13 @@ void Server::Expire(Due& due) {
   }
 }
 
-void Server::Tick() {
+void Server::EverySecond() {
   next_second = now + std::chrono::seconds(1);
   backlog.LookAgain();
   accounts.EverySecond();
   lines.lost += ReportLostLines();
-  Set(slot.waiting, accounts.Waiting());
-  if (*on_second) (*on_second)();
+  slot.waiting = accounts.Waiting();
+  if (*every_second) (*every_second)();
   now = Clock::now();  // nobody is charged for this
 }
 
@@ -164,7 +164,7 @@ void Server::Read(Connection& connection) {
 }
 
 void Server::Respond(Connection& connection) {
-  Set(slot.seen, now.time_since_epoch().count());
+  slot.seen = now.time_since_epoch().count();
   connection.answer = (*handler)(connection.peer, std::exchange(connection.request, {}));
   connection.answer += '\n';
   SetDeadline(connection, answers_due, limits.answer_deadline);

@@ -27,8 +27,9 @@ class Server {
   /// after one more byte. Must not throw.
   using Handler = std::function<std::string(const Peer& peer, const std::string& request)>;
 
-  /// `worker_slot` and `all_lines` must outlive the server; `listeners` stay the
-  /// caller's. Throws `std::system_error` if there are no descriptors for it.
+  /// `worker_slot` and `all_lines` must outlive the server; `listeners` stay the caller's.
+  /// `server_limits` are a seam: tests have lower ones. Throws `std::system_error` if there are no
+  /// descriptors for it.
   Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
          WorkerSlot& worker_slot, LineTotal& all_lines);
   Server(const Server&) = delete;
@@ -36,9 +37,9 @@ class Server {
 
   /// Serves until SIGTERM. Then answers the connections that it has accepted and those in the
   /// backlogs of sockets that are not inherited. Clients with incomplete requests get one more
-  /// second. Calls `every_second` about once a second, also under load. It must not throw. Throws
+  /// second. Calls `periodic_work` about once a second, also under load. It must not throw. Throws
   /// `std::system_error` if it can no longer accept or wait.
-  void Serve(const Handler& request_handler, const std::function<void()>& every_second);
+  void Serve(const Handler& request_handler, const std::function<void()>& periodic_work);
 
   /// Has `every_second` called as soon as the current request was answered. For the handler.
   void Hasten() { next_second = {}; }
@@ -56,7 +57,7 @@ class Server {
   void Wait(bool sleeps);
   Clock::time_point Wake();
   void Expire(Due& due);
-  void Tick();
+  void EverySecond();
   void AcceptRound(int most);
   bool AcceptOne();
   void ServeNext();
@@ -80,7 +81,7 @@ class Server {
   const ZELT::TokenManager::OwnedDescriptor signals;
   Termination termination;
   const Handler* handler = nullptr;
-  const std::function<void()>* on_second = nullptr;
+  const std::function<void()>* every_second = nullptr;
   Clock::time_point now;
   Clock::time_point next_look;
   Clock::time_point next_second;

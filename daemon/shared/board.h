@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
 
 #include "line_allowance.h"
 #include "refusal_kind.h"
@@ -61,18 +60,6 @@ struct alignas(64) WorkerSlot {
   CacheCounts cache;                       ///< up to a second old; zero without a cache
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
-
-/// Sets a value that only this process writes. Readers do not need an order, which would cost a
-/// lock.
-template <typename T>
-void Set(std::atomic<T>& value, std::type_identity_t<T> now) {
-  value.store(now, std::memory_order_relaxed);
-}
-
-/// Adds to a counter that only this process writes.
-inline void Count(std::atomic<std::uint64_t>& counter, std::uint64_t number = 1) {
-  Set(counter, counter.load(std::memory_order_relaxed) + number);
-}
 
 /// A worker serves one request at a time; more workers would only use memory.
 constexpr std::size_t kMaxWorkers = 256;

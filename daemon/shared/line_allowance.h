@@ -13,16 +13,22 @@ class LineTotal {
  public:
   static constexpr std::uint32_t kEachSecond = 300;
 
-  /// Returns whether another line may be logged at `now` (CLOCK_MONOTONIC).
-  bool Take(std::chrono::seconds now) {
-    if (second.exchange(now.count()) != now.count()) taken = 0;
-    return taken.fetch_add(1) < kEachSecond;
+  /// Returns whether another line may be logged at `now` (CLOCK_MONOTONIC) for an account that has
+  /// caused `own` lines in this second and worker. Whoever has caused more has to leave more lines
+  /// to others, so that with many workers, too, no account takes all.
+  bool Take(std::chrono::seconds now, std::uint32_t own) {
+    std::int64_t last = second;
+    if (now.count() > last && second.compare_exchange_strong(last, now.count())) taken = 0;
+    if (taken + kLeftToOthers * own >= kEachSecond) return false;
+    return ++taken, true;
   }
 
   std::atomic<std::uint64_t> held_back = 0;  ///< lines beyond the limits, since the start
   std::atomic<std::uint64_t> lost = 0;       ///< lines that could not be written
 
  private:
+  static constexpr std::uint32_t kLeftToOthers = 10;  // for each line of one's own
+
   std::atomic<std::int64_t> second = 0;
   std::atomic<std::uint32_t> taken = 0;
 };
@@ -38,9 +44,8 @@ class LineAllowance {
   /// Returns whether a line may be logged. Counts it as held back if not.
   bool Take() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    if (taken < kEachSecond && total.Take(std::chrono::duration_cast<std::chrono::seconds>(now))) {
-      return ++taken, true;
-    }
+    const auto second = std::chrono::duration_cast<std::chrono::seconds>(now);
+    if (taken < kEachSecond && total.Take(second, taken)) return ++taken, true;
     return ++held_back, false;
   }
 

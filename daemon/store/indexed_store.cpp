@@ -48,10 +48,10 @@ void IndexedStore::ExpireAfter(std::chrono::seconds lifetime) {
 
 void IndexedStore::BeginWrite() {
   if (write) throw std::logic_error("a change is already in progress");
-  Set(slot.activity, Activity::kWaitingForStore);
+  slot.activity = Activity::kWaitingForStore;
   write = database.BeginWrite();
-  Set(slot.seen, std::chrono::steady_clock::now().time_since_epoch().count());
-  Set(slot.activity, Activity::kServing);
+  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
+  slot.activity = Activity::kServing;
 }
 
 MDB_txn* IndexedStore::Writing() {
@@ -88,13 +88,13 @@ bool IndexedStore::AwaitRoom() {
   const std::uint64_t commit = database.LastCommit();
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   bool is_helped = database.ClearDeadReaders();
-  Set(slot.activity, Activity::kWaitingForStore);
+  slot.activity = Activity::kWaitingForStore;
   while (database.IsReadBefore(commit) && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(kPause);
     database.ClearDeadReaders();
     is_helped = true;
   }
-  Set(slot.activity, Activity::kServing);
+  slot.activity = Activity::kServing;
   return is_helped;
 }
 

@@ -61,7 +61,7 @@ void IndexedStore::EverySecond() {
     std::erase_if(next.found, [&](const Holding& each) { return !Examine(each.header, judge); });
     ChangeEach(next.found, [this](const Holding& each) { DropOrMark(each); });
     if (last_examined != 0) continue;
-    Set(slot.orphans, std::exchange(orphans_seen, 0));
+    slot.orphans = std::exchange(orphans_seen, 0);
     return;
   }
 }

@@ -32,10 +32,6 @@ namespace {
 
 using Visitor = std::function<void(const TokenKey& key, const Record& record)>;
 
-void Expect(bool done, const std::string& what) {
-  if (!done) throw std::system_error(errno, std::generic_category(), what);
-}
-
 // Format 1 had the tokens themselves as keys, and no checksums.
 namespace format1 {
 
@@ -81,7 +77,7 @@ void ExpectNewestState(const Database& database) {
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     const auto place = static_cast<off_t>(i * database.PageBytes()) + kNumber;
     const ssize_t count = pread(file, &numbers[i], sizeof numbers[i], place);
-    Expect(count == ssize_t{sizeof numbers[i]}, "cannot read the store");
+    ExpectDone(count == ssize_t{sizeof numbers[i]}, "cannot read the store");
   }
   if (numbers[0] + 1 == numbers[1] || numbers[1] + 1 == numbers[0]) return;
   throw std::runtime_error("the numbers of its last two states are inconsistent");
@@ -161,14 +157,14 @@ void Replace(const std::string& path, OldStore* old, std::uint64_t bytes) {
   unlink(made.path.c_str());
   const OwnedDescriptor file(
       open(made.path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  Expect(file.IsOpen(), "cannot create " + made.path);
+  ExpectDone(file.IsOpen(), "cannot create " + made.path);
   WriteInPlace(file.Get());
   {
     Database database(made.path, bytes);
     Fill(database, old);
   }
-  Expect(fsync(file.Get()) == 0, "cannot sync " + made.path);
-  Expect(rename(made.path.c_str(), path.c_str()) == 0, "cannot rename " + made.path);
+  ExpectDone(fsync(file.Get()) == 0, "cannot sync " + made.path);
+  ExpectDone(rename(made.path.c_str(), path.c_str()) == 0, "cannot rename " + made.path);
   SyncDirectory(fs::path(path).parent_path());
 }
 
@@ -180,9 +176,9 @@ bool IsShortage(const std::error_code& error) {
 // A copy of a store may have holes, for which there may be no space later.
 void AllocateBlocks(const std::string& path) {
   const OwnedDescriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
-  Expect(file.IsOpen(), "cannot open " + path);
+  ExpectDone(file.IsOpen(), "cannot open " + path);
   errno = posix_fallocate(file.Get(), 0, static_cast<off_t>(fs::file_size(path)));
-  Expect(errno == 0, "cannot allocate space for " + path);
+  ExpectDone(errno == 0, "cannot allocate space for " + path);
 }
 
 }  // namespace

@@ -30,16 +30,12 @@ constexpr mode_t kPublic = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
 constexpr std::chrono::milliseconds kPause{10};
 constexpr off_t kLockFileBytes = 64 << 10;  // about a thousand readers, more than there are workers
 
-void Expect(bool done, const std::string& what) {
-  if (!done) throw std::system_error(errno, std::generic_category(), what);
-}
-
 // Returns the status of the path itself, which may be a symbolic link, or none if it does not
 // exist.
 std::optional<struct stat> StatusOf(const fs::path& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) == 0) return status;
-  Expect(errno == ENOENT, path);
+  ExpectDone(errno == ENOENT, path);
   return std::nullopt;
 }
 
@@ -82,7 +78,7 @@ void MakeDirectory(const fs::path& directory, mode_t mode) {
   const mode_t mask = umask(0);
   const int made = mkdir(directory.c_str(), mode);
   umask(mask);
-  Expect(made == 0, "cannot create " + directory.string());
+  ExpectDone(made == 0, "cannot create " + directory.string());
   SyncDirectory(directory.parent_path());
 }
 
@@ -137,7 +133,11 @@ void PrepareDirectory(const fs::path& directory, const StoreOptions& options) {
 
 void SyncDirectory(const std::string& directory) {
   const OwnedDescriptor file(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  Expect(file.IsOpen() && fsync(file.Get()) == 0, "cannot sync " + directory);
+  ExpectDone(file.IsOpen() && fsync(file.Get()) == 0, "cannot sync " + directory);
+}
+
+void ExpectDone(bool done, const std::string& what) {
+  if (!done) throw std::system_error(errno, std::generic_category(), what);
 }
 
 void WriteInPlace(int file) {
@@ -159,7 +159,7 @@ StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds lock
   // LMDB writes this file through a mapping, where a full file system raises SIGBUS.
   if (lseek(locked.front().file.Get(), 0, SEEK_END) == 0) WriteInPlace(locked.front().file.Get());
   errno = posix_fallocate(locked.front().file.Get(), 0, kLockFileBytes);
-  Expect(errno == 0, "cannot allocate space for " + locked.front().path);
+  ExpectDone(errno == 0, "cannot allocate space for " + locked.front().path);
   if (status) Lock(store);  // a daemon of an earlier version locked only this one
 }
 
@@ -177,7 +177,7 @@ void StoreLock::Lock(const std::string& path, int flags) {
   }
   OwnedDescriptor file(
       open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, S_IRUSR | S_IWUSR));
-  Expect(file.IsOpen(), "cannot open " + path);
+  ExpectDone(file.IsOpen(), "cannot open " + path);
   if (!TryLock(file.Get(), patience)) {
     throw StartError(EX_UNAVAILABLE, "another daemon uses the store " + store);
   }
@@ -187,7 +187,7 @@ void StoreLock::Lock(const std::string& path, int flags) {
 void StoreLock::ExpectSameFiles() const {
   for (const auto& [path, file] : locked) {
     struct stat held {};
-    Expect(fstat(file.Get(), &held) == 0, path);
+    ExpectDone(fstat(file.Get(), &held) == 0, path);
     const auto found = StatusOf(path);
     const bool same = found && found->st_dev == held.st_dev && found->st_ino == held.st_ino;
     if (same && (path != store || held.st_size == store_bytes)) continue;

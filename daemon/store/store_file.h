@@ -17,8 +17,8 @@
 /// too.
 class StoreLock {
  public:
-  /// `patience` gives the workers of an earlier daemon time to end. Throws `StartError` with what
-  /// is wrong and what to do, and `std::system_error`.
+  /// `patience` gives the workers of an earlier daemon time to end (seam: tests have less). Throws
+  /// `StartError` with what is wrong and what to do, and `std::system_error`.
   explicit StoreLock(const StoreOptions& options,
                      std::chrono::milliseconds patience = std::chrono::seconds(5));
 
@@ -42,6 +42,9 @@ class StoreLock {
   std::vector<LockedFile> locked;
   off_t store_bytes = 0;  // which never change, once the store was rebuilt
 };
+
+/// Throws `std::system_error` with `errno` and `what` unless a system call was `done`.
+void ExpectDone(bool done, const std::string& what);
 
 /// Writes the entries of a directory to the disk. Throws `std::system_error`.
 void SyncDirectory(const std::string& directory);

@@ -17,9 +17,7 @@ using ZELT::TokenManager::OwnedDescriptor;
 
 namespace {
 
-std::system_error SystemError(const char* call) {
-  return {errno, std::generic_category(), call};
-}
+std::system_error SystemError(const char* call) { return {errno, std::generic_category(), call}; }
 
 [[noreturn]] void Run(const std::function<void()>& work, int report) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);

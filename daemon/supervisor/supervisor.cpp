@@ -9,10 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <exception>
 #include <new>
 #include <numeric>
 #include <string>
@@ -67,11 +64,12 @@ std::uint64_t Served(const WorkerSlot& slot) {
   return std::accumulate(slot.times.begin(), slot.times.end(), std::uint64_t{0});
 }
 
-nanoseconds Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
+nanoseconds MonotonicTime() { return std::chrono::steady_clock::now().time_since_epoch(); }
 
 // Returns -1 if none arrives before the deadline.
 int TakeSignal(const sigset_t& awaited, std::chrono::steady_clock::time_point deadline) {
-  const nanoseconds wait = std::max(deadline.time_since_epoch() - Now(), nanoseconds::zero());
+  const nanoseconds wait =
+      std::max(deadline.time_since_epoch() - MonotonicTime(), nanoseconds::zero());
   const auto whole = std::chrono::duration_cast<seconds>(wait);
   const timespec timeout{.tv_sec = whole.count(), .tv_nsec = (wait - whole).count()};
   return sigtimedwait(&awaited, nullptr, &timeout);
@@ -101,7 +99,7 @@ Board& MapBoard() {
       mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
   auto* board = new (memory) Board;
-  board->started = Now().count();
+  board->started = MonotonicTime().count();
   return *board;
 }
 
@@ -147,7 +145,7 @@ void Supervisor::StartWorkers() {
 
 void Supervisor::Start(Worker& worker) {
   worker.slot.activity = Activity::kStarting;
-  worker.slot.seen = Now().count();
+  worker.slot.seen = MonotonicTime().count();
   worker.served = Served(worker.slot);
   const pid_t pid = fork();
   if (pid == 0) {
@@ -234,16 +232,12 @@ void Supervisor::Stop() {
     if (worker.pid != 0) kill(worker.pid, SIGTERM);
   }
   const auto deadline = Clock::now() + kStopGrace;
-  for (ReapWorkers(); AnyRuns() && Clock::now() < deadline; ReapWorkers()) {
-    TakeSignal(SetOf(SIGCHLD), deadline);
+  const auto runs = [](const Worker& worker) { return worker.pid != 0; };
+  for (ReapWorkers(); std::ranges::any_of(workers, runs); ReapWorkers()) {
+    if (TakeSignal(SetOf(SIGCHLD), deadline) > 0 || Clock::now() < deadline) continue;
+    return Log(LOG_WARNING, "some workers have not finished within %d s; killing them",
+               static_cast<int>(kStopGrace.count()));
   }
-  if (!AnyRuns()) return;
-  Log(LOG_WARNING, "some workers have not finished within %d s; killing them",
-      static_cast<int>(kStopGrace.count()));
-}
-
-bool Supervisor::AnyRuns() const {
-  return std::ranges::any_of(workers, [](const Worker& worker) { return worker.pid != 0; });
 }
 
 Supervisor::Clock::time_point Supervisor::NextDeadline() const {
@@ -266,7 +260,7 @@ void Supervisor::LogCounters() const {
     counts += std::string(" ") + kRequestTypeNames[type] + "=" + std::to_string(done) + "/" +
               std::to_string(refused);
   }
-  const auto up = std::chrono::duration_cast<seconds>(Now() - nanoseconds(board.started));
+  const auto up = std::chrono::duration_cast<seconds>(MonotonicTime() - nanoseconds(board.started));
   Log(LOG_NOTICE, "up %lld s, workers=%zu deaths=%llu, requests done/refused:%s",
       static_cast<long long>(up.count()), workers.size(),
       static_cast<unsigned long long>(board.deaths.load()), counts.c_str());

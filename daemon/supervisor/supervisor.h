@@ -75,7 +75,6 @@ class Supervisor {
   void KillStuckWorker();
   void NotifyWatchdog();
   void Stop();
-  bool AnyRuns() const;
   Clock::time_point NextDeadline() const;
   void LogCounters() const;
 

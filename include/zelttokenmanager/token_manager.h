@@ -62,9 +62,10 @@ class [[gnu::visibility("default")]] TokenManager {
   ///
   /// Request: {"service": string, ...}; the service reads the rest. Response: "success", "token".
   /// An installed package must run as the peer's user: the first entry of "/var/packages" whose
-  /// "conf/privilege" (of at most 4 MiB) names the user, or whose own name is the user's. If
-  /// there is none, or its installed configuration cannot be read, the exception has a nested one
-  /// with the cause (`std::rethrow_if_nested`): which file, and what is wrong with it.
+  /// "conf/privilege" (of at most 4 MiB) names the user, or names nobody while its own name,
+  /// without the last extension, is the user's. If there is none, or its installed configuration
+  /// cannot be read, the exception has a nested one with the cause (`std::rethrow_if_nested`):
+  /// which file, and what is wrong with it.
   void IssueToken(const ucred& credential, const Json::Value& request, Json::Value& response);
 
   /// Asks the service whether the token permits the request. Any process may validate a token.

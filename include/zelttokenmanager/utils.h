@@ -16,8 +16,9 @@ namespace ZELT::TokenManager {
 //
 // The functions share no state. Any number of threads may call them, also in exit handlers and
 // static destructors. They throw `std::runtime_error` when the daemon cannot be reached, when the
-// request cannot be sent (a message is at most 1 MiB), and when no valid response arrives within 30
-// seconds. The reason for a refusal is only in the daemon's log.
+// request cannot be sent (a message is at most 1 MiB; the daemon refuses requests of more than 128
+// KiB), and when no valid response arrives within 30 seconds. The reason for a refusal is only in
+// the daemon's log.
 
 /// Returns a new token of `service`, owned by this process. The service decides what `payload`
 /// holds. Throws `std::runtime_error` when the daemon refuses.
