@@ -51,7 +51,7 @@ struct TestServer {
     sigprocmask(SIG_BLOCK, &ending, nullptr);
   }
 
-  /// Serves until a client sends "stop".
+  /// Serves until SIGTERM, or until a client sends "stop".
   void Run(const Server::Handler& handler, bool inherited = false,
            const std::function<void()>& every_second = nullptr) {
     Server server({{.fd = listener.Get(), .inherited = inherited},
@@ -70,7 +70,7 @@ struct TestServer {
   void While(const Server::Handler& handler, const std::function<void()>& use) {
     const std::jthread thread([&] { Run(handler); });
     use();
-    Client(path, "stop\n");
+    kill(getpid(), SIGTERM);
   }
 
   const std::string path;
