@@ -127,7 +127,7 @@ class ServiceCheck {
   std::string At(Json::ArrayIndex i) const { return Name() + "[" + std::to_string(i) + "]: "; }
 
   bool Agree(const Json::Value& a, const Json::Value& b) const {
-    return a.isObject() &&
+    return a.isObject() && b.isObject() &&
            std::all_of(keys.begin(), keys.end(), [&](const char* key) { return a[key] == b[key]; });
   }
 
@@ -142,7 +142,7 @@ class ServiceCheck {
   std::string GrantProblem(const Json::Value& grant) const {
     Json::Value privilege(Json::arrayValue);
     privilege.append(grant);
-    const std::string verdict = Verdict(*service, probe, privilege);
+    std::string verdict = Verdict(*service, probe, privilege);
     if (verdict != well_formed) return verdict;
     const std::string problem = ListProblem(grant, permitted_list);
     return problem.empty() ? OddList(grant, permitted_list) : problem;

@@ -26,11 +26,13 @@ std::size_t Distance(const std::string& a, const std::string& b) {
   return row.back();
 }
 
+std::string Quoted(const std::string& text) { return '"' + text + '"'; }
+
 std::string OddName(const Json::Value& grant, const std::string& list_name) {
   for (const std::string& member : grant.getMemberNames()) {
     const bool is_short = member.size() <= list_name.size() + kTypingErrors;
     if (is_short && Distance(member, list_name) <= kTypingErrors) {
-      return "\"" + member + "\" has no effect; \"" + list_name + "\" would";
+      return Quoted(member).append(" has no effect; ").append(Quoted(list_name)).append(" would");
     }
   }
   return "";
@@ -48,10 +50,12 @@ std::string OddList(const Json::Value& grant, const std::string& list_name) {
   const Json::Value& list = grant[list_name];
   const bool is_word = list.isString() && list != "any" && list != "requester";
   if (is_word)
-    return "\"" + list_name + "\": a string other than \"any\" admits only the requester";
+    return Quoted(list_name) + R"(: a string other than "any" admits only the requester)";
   for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
     const std::string name = list[i].asString();
-    if (!IsKnown(name)) return "\"" + list_name + "\": \"" + name + "\" does not exist";
+    if (!IsKnown(name)) {
+      return Quoted(list_name).append(": ").append(Quoted(name)).append(" does not exist");
+    }
   }
   return "";
 }

@@ -55,7 +55,9 @@ class Writers {
 
   std::vector<std::string> Lines() const {
     std::vector<std::string> lines;
-    for (const auto& [path, writer] : writers) lines.push_back(path + ": " + writer);
+    for (const auto& [path, writer] : writers) {
+      lines.push_back(std::string(path).append(": ").append(writer));
+    }
     return lines;
   }
 
