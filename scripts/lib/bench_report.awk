@@ -46,6 +46,5 @@ END {
     ratios("store " operation[i] " against the bare calls, records", operation[i] "/ours/", operation[i] "/bare/", "100 1000 10000 100000", 1.1, 0)
   row("validate by the manager against cache hit + service check", median("validate/manager") / median("validate/parts"), "", 1.05, 0)
   row("memory of the daemon and one worker at rest", median("memory"), " MiB", 9, 0)
-  printf "\nThe store's file takes %.0f bytes for each of 1,000,000 tokens.\n", median("file") / 1e6
   if (missing) { print "missing:" missing >"/dev/stderr"; exit 1 }
 }
