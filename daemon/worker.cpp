@@ -57,14 +57,15 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                           .version = ZELT_VERSION,
                           .audit = options.audit},
                          opened.cache);
-  Server server(context.listeners, {}, slot, context.board.lines);
-  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
-  slot.activity = Activity::kIdle;
-  server.Serve(
+  Server server(
+      context.listeners, {}, slot, context.board.lines,
       [&](const Peer& peer, const std::string& text) {
         std::string answer = handler.Answer(peer, text);
         if (opened.store->NeedsCare()) server.Hasten();
         return answer;
       },
       [&] { EverySecond(handler, opened, slot); });
+  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
+  slot.activity = Activity::kIdle;
+  server.Serve();
 }

@@ -3,7 +3,6 @@
 
 #include <vector>
 
-#include "backlog.h"
 #include "board.h"
 #include "options.h"
 #include "store_file.h"
@@ -11,7 +10,7 @@
 /// What workers inherit from the supervisor.
 struct WorkerContext {
   const Options& options;
-  const std::vector<Listener>& listeners;
+  const std::vector<int>& listeners;
   const StoreLock& store_lock;
   Board& board;
 };

@@ -1,6 +1,5 @@
 #include "account.h"
 
-#include <sys/resource.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -9,18 +8,6 @@
 #include "log.h"
 
 namespace {
-
-// Descriptors for the store and the rest of the process.
-constexpr rlim_t kReservedDescriptors = 32;
-
-// Returns how many connections the limit on descriptors allows.
-std::size_t RaiseDescriptorLimit() {
-  rlimit descriptors{};
-  getrlimit(RLIMIT_NOFILE, &descriptors);
-  const rlimit raised{.rlim_cur = descriptors.rlim_max, .rlim_max = descriptors.rlim_max};
-  if (setrlimit(RLIMIT_NOFILE, &raised) == 0) descriptors = raised;
-  return std::max(descriptors.rlim_cur, kReservedDescriptors + 1) - kReservedDescriptors;
-}
 
 std::string NameOf(const Account& account) {
   return account.person == kSomebody ? "unknown users" : "user " + std::to_string(account.person);
@@ -36,48 +23,30 @@ void LogSecond(Account& account) {
   }
 }
 
+bool GiveUpOldest(Account& account) {
+  if (account.waiting.empty()) return false;
+  account.waiting.pop_front();
+  ++account.given_up;
+  return true;
+}
+
 }  // namespace
 
-void Turns::Join(Account& account) {
-  if (account.is_linked()) return;
-  if (!accounts.empty()) least = accounts.begin()->spent;
-  account.spent = std::max(account.spent, least);
-  accounts.insert(account);
-}
-
-Account& Turns::Take() {
-  Account& next = *accounts.begin();
-  accounts.erase(accounts.begin());
-  return next;
-}
-
-void Turns::PutBack(Account& account, std::chrono::nanoseconds time) {
-  account.spent += time;
-  if (accounts.empty()) least = account.spent;
-  if (!account.ready.empty()) accounts.insert(account);
-}
-
-Accounts::Accounts(const ServerLimits& server_limits, LineTotal& all_lines)
-    : limits(server_limits),
-      most_connections(std::min(limits.worker.connections, RaiseDescriptorLimit())),
-      lines(all_lines) {}
-
-void Accounts::Add(ClientSocket socket, Peer peer) {
+Account& Accounts::Add(ClientSocket socket, Peer peer) {
   const uid_t person = people.PersonOf(peer.credential.uid);
-  Account& account = accounts.try_emplace(person, person, lines, turns).first->second;
+  Account& account = accounts.try_emplace(person, person, lines, *this).first->second;
   peer.lines = &account.lines;
-  account.ready.emplace_back(std::move(socket), peer, account, total);
-  Connection& added = account.ready.back();
+  Connection& added = account.ready.emplace_back(std::move(socket), peer, account);
   added.place = std::prev(account.ready.end());
-  turns.Join(account);
+  return account;
 }
 
-Connection& Accounts::Next() {
-  served = &turns.Take();
-  return served->ready.front();
+void Accounts::Charge(Account& account, std::chrono::nanoseconds time) {
+  if (account.is_linked()) turns.erase(turns.iterator_to(account));
+  account.spent = std::max(account.spent, least) + time;
+  if (!account.ready.empty()) turns.insert(account);
+  least = turns.empty() ? account.spent : turns.begin()->spent;
 }
-
-void Accounts::EndTurn(std::chrono::nanoseconds time) { turns.PutBack(*served, time); }
 
 void Accounts::AwaitClient(Connection& connection) {
   Account& account = connection.account;
@@ -85,9 +54,7 @@ void Accounts::AwaitClient(Connection& connection) {
   connection.waiting = true;
   const Usage& most = limits.account;
   while (account.waiting.size() > most.connections || account.used.bytes > most.bytes) {
-    if (!GiveUpOldest(account)) break;
-  }
-  while (total.bytes > limits.worker.bytes && GiveUpOne(&Usage::bytes)) {
+    if (!GiveUpOldest(account)) return;
   }
 }
 
@@ -96,22 +63,23 @@ void Accounts::Remove(Connection& connection) {
   (connection.waiting ? account.waiting : account.ready).erase(connection.place);
 }
 
-void Accounts::RemoveIncomplete() {
-  for (auto& [person, account] : accounts) {
-    account.waiting.remove_if([](const Connection& each) { return each.answer.empty(); });
-  }
-}
-
-void Accounts::EverySecond() {
-  people.EverySecond();
-  for (auto& [person, account] : accounts) LogSecond(account);
-  std::erase_if(accounts, [](const auto& each) { return each.second.used.connections == 0; });
-}
-
-std::size_t Accounts::Waiting() const {
+std::size_t Accounts::EverySecond() {
   std::size_t waiting = 0;
-  for (const auto& [person, account] : accounts) waiting += account.waiting.size();
+  people.EverySecond();
+  for (auto& [person, account] : accounts) {
+    LogSecond(account);
+    waiting += account.waiting.size();
+  }
+  std::erase_if(accounts, [](const auto& each) { return each.second.used.connections == 0; });
   return waiting;
+}
+
+bool Accounts::MakeRoom() {
+  while (total.bytes > limits.worker.bytes && GiveUpOne(&Usage::bytes)) {
+  }
+  while (total.connections > limits.worker.connections && GiveUpOne(&Usage::connections)) {
+  }
+  return total.connections <= limits.worker.connections;
 }
 
 // Returns false if the account that holds the most has nothing to give up.
@@ -120,11 +88,4 @@ bool Accounts::GiveUpOne(std::size_t Usage::*what) {
       accounts.begin(), accounts.end(),
       [what](const auto& a, const auto& b) { return a.second.used.*what < b.second.used.*what; });
   return GiveUpOldest(most->second);
-}
-
-bool Accounts::GiveUpOldest(Account& account) {
-  if (account.waiting.empty()) return false;
-  account.waiting.pop_front();
-  ++account.given_up;
-  return true;
 }

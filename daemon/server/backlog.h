@@ -1,68 +1,56 @@
 // Accepting connections.
 #pragma once
 
-#include <chrono>
 #include <vector>
 
 #include "passed_descriptors.h"
 #include "poll.h"
 
-/// A listening socket.
-struct Listener {
-  int fd = -1;
-
-  /// Another process (systemd) holds the socket too, and keeps the backlog when this daemon ends.
-  bool inherited = false;
-};
-
-/// Accepts connections from listening sockets, which other processes may share, alternately. A
-/// connection wakes one process (EPOLLEXCLUSIVE). Pauses when descriptors or memory run out,
-/// because retrying at once would spin. Meanwhile connections wake the other processes.
+/// Accepts connections from listening sockets that do not block, and which other processes may
+/// share, alternately. A connection wakes one process (EPOLLEXCLUSIVE).
 class Backlog {
  public:
-  using Clock = std::chrono::steady_clock;
+  /// `poll` must outlive the backlog, and tells it where there is something to accept. The caller
+  /// keeps the descriptors, and calls `Listen`.
+  Backlog(Poll& poll, const std::vector<int>& listeners)
+      : events(poll), sources(listeners.begin(), listeners.end()) {}
 
-  /// `poll` must outlive the backlog. The caller keeps the descriptors, which are made
-  /// non-blocking.
-  Backlog(Poll& poll, const std::vector<Listener>& listeners);
+  /// Returns an accepted connection, non-blocking and close-on-exec, or none if no socket is
+  /// pending.
+  ClientSocket Accept();
 
-  /// Returns an accepted connection, non-blocking and close-on-exec, or none if there is nothing to
-  /// accept. Its descriptors are handled by `descriptors` if the kernel lets any through.
-  ClientSocket Accept(PassedDescriptors& descriptors);
+  /// Sets whether all sockets are pending. Each is from when `poll` tells so until it has nothing.
+  void SetPending(bool pending) {
+    for (Source& each : sources) each.is_pending = pending;
+  }
 
-  /// Whether there may be something to accept.
-  bool Pending() const;
+  /// Looks at all sockets anew, since a process that was woken may have died. Ends a pause. Call
+  /// this about once a second.
+  void Listen();
 
-  /// Looks at all listening sockets, since a process that was woken may have died.
-  void LookAgain() noexcept;
-
-  /// Stops accepting for a moment because of `error` (errno(3)). Throws `std::system_error` if that
-  /// has been the only result for long.
+  /// Stops accepting until `Listen` is called, because of `error` (errno(3)): retrying at once
+  /// would spin. Meanwhile connections wake other processes. Throws `std::system_error` if nothing
+  /// was accepted for long.
   void Pause(int error);
 
-  /// Ends a pause that is over. Returns when to call this again.
-  Clock::time_point Resume(Clock::time_point now);
-
-  /// Stops accepting from inherited sockets, and stops pausing.
+  /// Has all sockets pending for the last time.
   void BeginDraining();
 
  private:
   struct Source final : Awaiting {
-    void BecomeReady() noexcept override { pending = true; }
+    explicit Source(int listener) : fd(listener), refuses_descriptors(RefusesDescriptors(fd)) {}
+    void BecomeReady() noexcept override { is_pending = true; }
 
-    Listener listener;
-    bool refuses_descriptors = false;
-    bool pending = false;
+    int fd;
+    bool refuses_descriptors;
+    bool is_pending = false;
   };
 
-  ClientSocket AcceptFrom(Source& source, PassedDescriptors& descriptors);
-  void StopWaiting();
+  void StopListening();
 
   Poll& events;
   std::vector<Source> sources;
   std::size_t next = 0;
-  int failures = 0;  // since a connection was accepted
-  bool draining = false;
-  Clock::time_point resume;  // the epoch when accepting
-  Clock::time_point next_log;
+  bool is_paused = false;
+  int pauses = 0;  // since a connection was accepted
 };

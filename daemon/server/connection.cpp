@@ -2,96 +2,66 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <string_view>
+#include <utility>
 
 #include "account.h"
 #include "message.h"
 
-using zeltdaemon::kMaxRequestBytes;
-
-namespace {
-
-// Most requests take one piece, and one of maximum length a turn.
-constexpr std::size_t kPieceBytes = 16384;
-constexpr std::size_t kPiecesPerTurn = kMaxRequestBytes / kPieceBytes + 1;
-
-}  // namespace
-
-Charge::Charge(Usage& of_account, Usage& of_worker) : account(of_account), worker(of_worker) {
-  ++account.connections;
-  ++worker.connections;
+Connection::Connection(ClientSocket accepted, const Peer& client, Account& owner)
+    : peer(client), account(owner), socket(std::move(accepted)) {
+  ++account.used.connections;
+  ++account.accounts.total.connections;
 }
 
-Charge::~Charge() {
+// Closing the socket would remove it from the set, but that may be deferred.
+Connection::~Connection() {
+  if (awaited != nullptr) awaited->Control(EPOLL_CTL_DEL, socket.Get());
   Hold(0);
-  --account.connections;
-  --worker.connections;
+  --account.used.connections;
+  --account.accounts.total.connections;
 }
 
-void Charge::Hold(std::size_t bytes) {
-  account.bytes += bytes - held;
-  worker.bytes += bytes - held;
+void Connection::Hold(std::size_t bytes) {
+  account.used.bytes += bytes - held;
+  account.accounts.total.bytes += bytes - held;
   held = bytes;
 }
 
-Connection::Connection(ClientSocket accepted, const Peer& client, Account& owner, Usage& worker)
-    : peer(client), account(owner), charge(owner.used, worker), socket(std::move(accepted)) {}
-
+// A longest request is received at once. If it was left in part, it could be given up at a limit.
 Connection::State Connection::Receive() {
-  std::array<char, kPieceBytes> piece;  // NOLINT(*-member-init): written before it is read
-  unread = false;
-  for (std::size_t i = 0; i < kPiecesPerTurn; ++i) {
-    const ssize_t count = socket.Receive(piece.data(), piece.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return errno == EAGAIN ? State::kIncomplete : State::kGone;
-    if (count == 0) return request.empty() ? State::kGone : State::kWhole;
-    if (Append({piece.data(), static_cast<std::size_t>(count)})) return State::kWhole;
-  }
-  unread = true;
-  return State::kIncomplete;
-}
-
-// Returns whether the request ends in the piece.
-bool Connection::Append(std::string_view piece) {
-  const std::size_t end = piece.find('\n');
-  request.append(piece.substr(0, end).substr(0, kMaxRequestBytes + 1 - request.size()));
-  return end != piece.npos;
+  std::array<char, zeltdaemon::kMaxRequestBytes + 1>
+      bytes;  // NOLINT(*-member-init): written before it is read
+  const ssize_t count = socket.Receive(bytes.data(), bytes.size());
+  if (count < 0) return errno == EAGAIN ? State::kIncomplete : State::kGone;
+  if (count == 0) return request.empty() ? State::kGone : State::kWhole;
+  const std::string_view received(bytes.data(), static_cast<std::size_t>(count));
+  const std::size_t end = received.find('\n');
+  request.append(received.substr(0, end).substr(0, bytes.size() - request.size()));
+  return end == received.npos ? State::kIncomplete : State::kWhole;
 }
 
 void Connection::Send() {
-  std::size_t sent = 0;
-  while (sent < answer.size()) {
-    const ssize_t count =
-        send(socket.Get(), answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0 && errno == EAGAIN) break;
-    if (count < 0) return answer.clear();
-    sent += static_cast<std::size_t>(count);
-  }
-  answer.erase(0, sent);
+  const ssize_t count =
+      send(socket.Get(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (count < 0 && errno != EAGAIN) return answer.clear();
+  answer.erase(0, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
 }
 
-// Edge-triggered: an out-of-band byte, which stays unread, does not wake the worker again.
 bool Connection::Await(Poll& poll) {
-  const std::uint32_t events = EPOLLET | (answer.empty() ? EPOLLIN : EPOLLOUT);
+  Hold(request.capacity() + answer.capacity());
   const int operation = awaited == nullptr ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
-  if (operation == EPOLL_CTL_ADD || unread || !answer.empty()) {
-    if (!poll.Control(operation, socket.Get(), events, this)) return false;
-  }
+  const std::uint32_t events = EPOLLONESHOT | (answer.empty() ? EPOLLIN : EPOLLOUT);
+  if (!poll.Control(operation, socket.Get(), events, this)) return false;
   awaited = &poll;
-  charge.Hold(request.capacity() + answer.capacity());
   return true;
 }
 
 void Connection::BecomeReady() noexcept {
-  if (!waiting) return;
-  waiting = false;
+  if (!std::exchange(waiting, false)) return;
   account.ready.splice(account.ready.end(), account.waiting, place);
-  account.turns.Join(account);
-}
-
-// Closing the socket would do, but that may be deferred.
-void Connection::Forget() {
-  if (awaited != nullptr) awaited->Control(EPOLL_CTL_DEL, socket.Get(), 0, nullptr);
+  account.accounts.Charge(account, {});
 }

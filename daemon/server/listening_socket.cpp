@@ -1,8 +1,6 @@
 #include "listening_socket.h"
 
 #include <fcntl.h>
-#include <pwd.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -15,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -36,8 +35,8 @@ constexpr int kFirstInherited = 3;  // SD_LISTEN_FDS_START, sd_listen_fds(3)
 constexpr int kBacklog = std::numeric_limits<int>::max();
 
 // The workers of a daemon that was killed take a moment to close its socket.
-constexpr std::chrono::milliseconds kDyingGrace{500};
-constexpr std::chrono::milliseconds kPollInterval{10};
+constexpr int kLooks = 50;
+constexpr std::chrono::milliseconds kBetweenLooks{10};
 
 std::runtime_error SystemError(const std::string& what) {
   return std::runtime_error(what + ": " + std::strerror(errno));
@@ -55,26 +54,6 @@ bool IsServed(const std::string& path) {
   return UnixAddress(path).Connect(client.Get()) == 0 || (errno != ECONNREFUSED && errno != ENOENT);
 }
 
-void AwaitEndOfService(const std::string& path) {
-  const auto deadline = std::chrono::steady_clock::now() + kDyingGrace;
-  while (IsServed(path)) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      throw StartError(EX_UNAVAILABLE, "another daemon serves " + path);
-    }
-    std::this_thread::sleep_for(kPollInterval);
-  }
-}
-
-std::string Describe(const struct stat& file) {
-  const char* kind = S_ISSOCK(file.st_mode)  ? "a socket"
-                     : S_ISDIR(file.st_mode) ? "a directory"
-                     : S_ISLNK(file.st_mode) ? "a symbolic link"
-                                             : "a file";
-  const passwd* user = getpwuid(file.st_uid);
-  const std::string name = user == nullptr ? "" : std::string(user->pw_name) + ", ";
-  return std::string(kind) + " of user " + name + "uid " + std::to_string(file.st_uid);
-}
-
 // Only a socket of this user that nobody serves may be replaced.
 void ExpectReplaceable(const std::string& path) {
   struct stat found {};
@@ -83,17 +62,13 @@ void ExpectReplaceable(const std::string& path) {
     throw SystemError("cannot listen on " + path);
   }
   if (!S_ISSOCK(found.st_mode) || found.st_uid != geteuid()) {
-    throw std::runtime_error("cannot listen on " + path + ": " + Describe(found) +
-                             " is there; remove it first");
+    throw std::runtime_error("cannot listen on " + path + ": a file of uid " +
+                             std::to_string(found.st_uid) + " is there; remove it first");
   }
-  AwaitEndOfService(path);
-}
-
-// The name is random, because any user could occupy a predictable one in /tmp.
-std::string NameBeside(const std::string& path) {
-  std::uint32_t number = 0;
-  if (getrandom(&number, sizeof number, 0) < 0) throw SystemError("getrandom");
-  return path + "." + std::to_string(number);
+  for (int looks = 1; IsServed(path); ++looks) {
+    if (looks == kLooks) throw StartError(EX_UNAVAILABLE, "another daemon serves " + path);
+    std::this_thread::sleep_for(kBetweenLooks);
+  }
 }
 
 // The umask sets the file's mode in bind(2). Before a later chmod(2), another file could be put in
@@ -109,20 +84,6 @@ OwnedDescriptor BindAndListen(const std::string& path) {
   return made;
 }
 
-int OptionOf(int socket, int name) {
-  int value = 0;
-  socklen_t length = sizeof value;
-  return getsockopt(socket, SOL_SOCKET, name, &value, &length) == 0 ? value : -1;
-}
-
-void ExpectListening(int socket) {
-  if (OptionOf(socket, SO_DOMAIN) != AF_UNIX || OptionOf(socket, SO_TYPE) != SOCK_STREAM ||
-      OptionOf(socket, SO_ACCEPTCONN) != 1) {
-    throw std::runtime_error("descriptor " + std::to_string(socket) +
-                             " was passed on but is not a listening Unix stream socket");
-  }
-}
-
 }  // namespace
 
 std::vector<int> InheritedSockets() {
@@ -131,7 +92,6 @@ std::vector<int> InheritedSockets() {
   for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) unsetenv(variable);
   std::vector<int> sockets;
   for (int fd = kFirstInherited; fd < kFirstInherited + count; ++fd) {
-    ExpectListening(fd);
     fcntl(fd, F_SETFD, FD_CLOEXEC);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     sockets.push_back(fd);
@@ -141,18 +101,25 @@ std::vector<int> InheritedSockets() {
 
 int ListenAt(const std::string& path) {
   ExpectReplaceable(path);
-  const std::string beside = NameBeside(path);
+  // The name is random, because any user could occupy a predictable one in /tmp.
+  const std::string beside = path + "." + std::to_string(std::random_device{}());
   OwnedDescriptor listener = BindAndListen(beside);
   if (rename(beside.c_str(), path.c_str()) == 0) return listener.Release();
-  const int error = errno;
+  const std::runtime_error error = SystemError("cannot listen on " + path);
   unlink(beside.c_str());
-  errno = error;
-  throw SystemError("cannot listen on " + path);
+  throw error;
 }
 
 std::string AddressOf(int socket) {
   sockaddr_un address{};
   socklen_t length = sizeof address;
+  int listens = 0;
+  socklen_t size = sizeof listens;
   getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
+  getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
+  if (address.sun_family != AF_UNIX || listens == 0) {
+    throw std::runtime_error("descriptor " + std::to_string(socket) +
+                             " was passed on but is not a listening Unix stream socket");
+  }
   return address.sun_path;
 }

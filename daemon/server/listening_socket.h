@@ -5,8 +5,7 @@
 #include <vector>
 
 /// Returns the listening sockets that the service manager passed on (sd_listen_fds(3)), if any, and
-/// unsets the environment variables about them. Throws `std::runtime_error` if one of them is not a
-/// listening Unix stream socket.
+/// unsets the environment variables about them.
 std::vector<int> InheritedSockets();
 
 /// Listens on a socket file at `path` that is open to every local user, and returns the descriptor.
@@ -16,5 +15,6 @@ std::vector<int> InheritedSockets();
 /// and if a system call fails.
 int ListenAt(const std::string& path);
 
-/// Returns the path of a socket that was passed on.
+/// Returns the path of a socket that was passed on. Throws `std::runtime_error` if it is not a
+/// listening Unix socket.
 std::string AddressOf(int socket);

@@ -3,17 +3,13 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
+#include <barrier>
 #include <cerrno>
-#include <exception>
-#include <semaphore>
+#include <system_error>
 #include <thread>
 
 namespace {
-
-// Connections that are closed together. Each uses up a descriptor until then.
-constexpr std::size_t kDeferredAtOnce = 32;
 
 constexpr int kPassRights = 83;  // SO_PASSRIGHTS, which older headers lack
 
@@ -30,10 +26,21 @@ ssize_t Peek(int fd, char* bytes, std::size_t size) {
   return -1;
 }
 
-bool HoldsUnread(int fd) {
-  int unread = 0;
-  shutdown(fd, SHUT_RD);  // nothing more can arrive
-  return ioctl(fd, FIONREAD, &unread) != 0 || unread != 0;
+// Sockets that are closed by the end of a task do not linger. So a thread copies the descriptor
+// table, which holds the last reference once the descriptor here is closed, and ends.
+void CloseByThread(ZELT::TokenManager::OwnedDescriptor& fd) {
+  std::barrier both(2);
+  try {
+    const std::jthread last([&] {
+      unshare(CLONE_FILES);
+      both.arrive_and_wait();
+      both.arrive_and_wait();
+    });
+    both.arrive_and_wait();
+    fd.Close();
+    both.arrive_and_wait();
+  } catch (const std::system_error&) {  // without a thread, close(2) may block
+  }
 }
 
 }  // namespace
@@ -51,50 +58,23 @@ bool RefusesDescriptors(int listener) {
 
 // In line, an out-of-band byte is received like others. Otherwise MSG_PEEK skips it together with
 // its descriptors, and the next recv(2) closes them.
-ClientSocket::ClientSocket(int connected, PassedDescriptors* passed_descriptors)
-    : fd(connected), descriptors(passed_descriptors) {
-  if (descriptors == nullptr) return;
+ClientSocket::ClientSocket(int connected, bool refused)
+    : fd(connected), refuses_descriptors(refused) {
+  if (refuses_descriptors) return;
   const int in_line = 1;
   setsockopt(connected, SOL_SOCKET, SO_OOBINLINE, &in_line, sizeof in_line);
 }
 
+ClientSocket::~ClientSocket() {
+  if (!IsOpen() || refuses_descriptors) return;
+  int unread = 0;
+  shutdown(fd.Get(), SHUT_RD);  // nothing more can arrive
+  if (ioctl(fd.Get(), FIONREAD, &unread) != 0 || unread != 0) CloseByThread(fd);
+}
+
 ssize_t ClientSocket::Receive(char* bytes, std::size_t size) const {
-  if (descriptors == nullptr) return recv(fd.Get(), bytes, size, MSG_DONTWAIT);
+  if (refuses_descriptors) return recv(fd.Get(), bytes, size, MSG_DONTWAIT);
   const ssize_t count = Peek(fd.Get(), bytes, size);
   if (count <= 0) return count;
   return recv(fd.Get(), bytes, static_cast<std::size_t>(count), MSG_DONTWAIT);
-}
-
-// Connections are closed by destructors, which must not run out of memory.
-PassedDescriptors::PassedDescriptors() { deferred.reserve(kDeferredAtOnce); }
-
-void PassedDescriptors::Close(int fd) {
-  if (!HoldsUnread(fd)) {
-    close(fd);
-    return;
-  }
-  deferred.push_back(fd);
-  if (deferred.size() == kDeferredAtOnce) Flush();
-}
-
-// Sockets that are closed by the end of a task do not linger. So a thread copies the descriptor
-// table, which holds the last references once the descriptors here are closed, and ends.
-void PassedDescriptors::Flush() {
-  if (deferred.empty()) return;
-  std::binary_semaphore copied(0);
-  std::binary_semaphore closed(0);
-  std::thread last;
-  try {
-    last = std::thread([&] {
-      unshare(CLONE_FILES);
-      copied.release();
-      closed.acquire();
-    });
-    copied.acquire();
-  } catch (const std::exception&) {  // without a thread, close(2) may block
-  }
-  for (const int fd : deferred) close(fd);
-  deferred.clear();
-  closed.release();
-  if (last.joinable()) last.join();
 }

@@ -16,10 +16,7 @@ class Awaiting {
   virtual void BecomeReady() noexcept = 0;
 
  protected:
-  Awaiting() = default;
   ~Awaiting() = default;
-  Awaiting(const Awaiting&) = default;
-  Awaiting& operator=(const Awaiting&) = default;
 };
 
 /// The descriptors that a worker waits for. Processes: create the object after fork(2).
@@ -30,7 +27,7 @@ class Poll {
   }
 
   /// Applies an EPOLL_CTL_ operation (epoll_ctl(2)). Returns false and sets `errno` if it fails.
-  bool Control(int operation, int fd, std::uint32_t events, Awaiting* who) noexcept {
+  bool Control(int operation, int fd, std::uint32_t events = 0, Awaiting* who = nullptr) noexcept {
     epoll_event wanted{.events = events, .data = {.ptr = who}};
     return epoll_ctl(set.Get(), operation, fd, &wanted) == 0;
   }

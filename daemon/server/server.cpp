@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 
 #include <algorithm>
@@ -12,19 +13,28 @@
 #include "zelttokenmanager/utils.h"
 
 using std::chrono::milliseconds;
-using ZELT::TokenManager::GetPeerCredential;
-using State = Connection::State;
 
 namespace {
 
 // Connections that are accepted before one is served. Accepting one takes a few microseconds.
 constexpr int kRound = 64;
 
-// How long connections may wait in a backlog unnoticed.
-constexpr milliseconds kLook{1};
-
 // How long an ending worker waits for the rest of a request.
 constexpr milliseconds kPatience{1000};
+
+// Descriptors for the store and the rest of the process.
+constexpr rlim_t kReservedDescriptors = 32;
+
+// Raises the limit on descriptors, and returns limits with no more connections than it allows.
+ServerLimits Raised(ServerLimits limits) {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  descriptors.rlim_cur = descriptors.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+  const auto most = std::max(descriptors.rlim_max, kReservedDescriptors + 1) - kReservedDescriptors;
+  limits.worker.connections = std::min(limits.worker.connections, most);
+  return limits;
+}
 
 std::chrono::nanoseconds SinceBoot() {
   timespec now{};
@@ -41,95 +51,87 @@ int OpenTermination() {
 
 }  // namespace
 
-Server::Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
-               WorkerSlot& worker_slot, LineTotal& all_lines)
-    : limits(server_limits),
+Server::Server(const std::vector<int>& listeners, const ServerLimits& server_limits,
+               WorkerSlot& worker_slot, LineTotal& all_lines, Handler request_handler,
+               std::function<void()> periodic_work)
+    : limits(Raised(server_limits)),
       slot(worker_slot),
       lines(all_lines),
       accounts(limits, lines),
       backlog(poll, listeners),
-      signals(OpenTermination()) {
-  if (!poll.Control(EPOLL_CTL_ADD, signals.Get(), EPOLLIN | EPOLLET, &termination)) {
+      signals(OpenTermination()),
+      handler(std::move(request_handler)),
+      every_second(std::move(periodic_work)) {
+  if (!poll.Control(EPOLL_CTL_ADD, signals.Get(), EPOLLIN | EPOLLET, this)) {
     throw std::system_error(errno, std::generic_category(), "signalfd");
   }
 }
 
-void Server::Serve(const Handler& request_handler, const std::function<void()>& periodic_work) {
-  handler = &request_handler;
-  every_second = &periodic_work;
-  now = Clock::now();
-  while (!termination.requested) Step();
-  Drain();
+// What a wait that sleeps finds came alone, and is served at once. The next wait does not sleep:
+// what it finds was waiting, and is accepted first. In the end, clients that connect as fast as
+// they are accepted must not prolong the second.
+void Server::Serve() {
+  bool busy = false;
+  while (!terminating) busy = Step(!busy, busy ? kRound : 1);
+  backlog.BeginDraining();
+  const auto end = next_second = now + kPatience;
+  for (busy = true; busy || (now < end && !accounts.Empty());) {
+    busy = Step(!busy, now < end ? kRound : 0);
+  }
   accounts.EverySecond();
 }
 
-// A connection that comes alone is served at once. Now and then those that are waiting are accepted
-// first. As long as there are more, accepting and serving take equal time.
-void Server::Step() {
-  const bool sleeps = !accounts.AnyReady() && !backlog.Pending();
-  const bool looks = !sleeps && now >= next_look;
-  if (sleeps || looks) Wait(sleeps);
-  const auto begin = now;
-  if (looks || !accounts.AnyReady()) AcceptRound(looks ? kRound : 1);
-  if (sleeps || looks) next_look = now + (looks && backlog.Pending() ? now - begin : kLook);
-  ServeNext();
+// Accepts what is waiting, at most `round` connections, and serves one. Returns whether there was
+// one to serve. An accept(2) that finds nothing costs as much as a third of a request, so the poll
+// is asked before each.
+bool Server::Step(bool sleeps, int round) {
+  Wait(sleeps);
+  for (; round > 0 && accounts.MakeRoom() && AcceptOne(); --round) {
+    if (round > 1) Wait(false);
+  }
+  if (!accounts.AnyReady()) return false;
+  Connection& connection = accounts.Next();
+  Account& account = connection.account;
+  try {
+    connection.answer.empty() ? Read(connection) : Write(connection);
+  } catch (const std::bad_alloc&) {
+    Accounts::Remove(connection);
+    backlog.Pause(ENOMEM);
+  }
+  accounts.Charge(account, Elapsed());
+  return true;
 }
 
 void Server::Wait(bool sleeps) {
-  descriptors.Flush();
-  const auto time =
-      sleeps ? std::chrono::ceil<milliseconds>(Wake() - Clock::now()) : milliseconds();
+  const auto wake = due.empty() ? next_second : std::min(next_second, due.front().deadline);
+  const auto time = sleeps ? std::chrono::ceil<milliseconds>(wake - now) : milliseconds();
+  if (!terminating) backlog.SetPending(false);
   poll.Wait(std::max(time, milliseconds()));
   now = Clock::now();
   slot.seen = now.time_since_epoch().count();
-  Expire(requests_due);
-  Expire(answers_due);
-  backlog.Resume(now);
+  // After a stall, the request may have arrived: it is looked for once more.
+  for (; !due.empty() && due.front().deadline <= now; due.pop_front()) due.front().BecomeReady();
   if (now >= next_second) EverySecond();
-}
-
-Server::Clock::time_point Server::Wake() {
-  Clock::time_point wake = std::min(next_second, backlog.Resume(now));
-  for (const Due* due : {&requests_due, &answers_due}) {
-    if (!due->empty()) wake = std::min(wake, due->front().deadline);
-  }
-  return wake;
-}
-
-// After a stall, the request may have arrived: it is looked for once more.
-void Server::Expire(Due& due) {
-  while (!due.empty() && due.front().deadline <= now) {
-    Connection& expired = due.front();
-    due.pop_front();
-    expired.BecomeReady();
-  }
 }
 
 void Server::EverySecond() {
   next_second = now + std::chrono::seconds(1);
-  backlog.LookAgain();
-  accounts.EverySecond();
+  if (!terminating) backlog.Listen();
+  slot.waiting = accounts.EverySecond();
   lines.lost += ReportLostLines();
-  slot.waiting = accounts.Waiting();
-  if (*every_second) (*every_second)();
+  every_second();
   now = Clock::now();  // nobody is charged for this
-}
-
-void Server::AcceptRound(int most) {
-  for (int i = 0; i < most && accounts.MakeRoom() && AcceptOne(); ++i) {
-  }
-  now = Clock::now();
 }
 
 // Returns whether there may be more to accept.
 bool Server::AcceptOne() {
-  ClientSocket accepted = backlog.Accept(descriptors);
+  ClientSocket accepted = backlog.Accept();
   if (!accepted.IsOpen()) return false;
   try {
-    const Peer peer = {.credential = GetPeerCredential(accepted.Get()),
+    const Peer peer = {.credential = ZELT::TokenManager::GetPeerCredential(accepted.Get()),
                        .accepted = SinceBoot(),
                        .connection = accepted.Get()};
-    accounts.Add(std::move(accepted), peer);
+    accounts.Charge(accounts.Add(std::move(accepted), peer), Elapsed());
   } catch (const std::bad_alloc&) {
     backlog.Pause(ENOMEM);
   } catch (const std::exception&) {  // the peer is unknown
@@ -137,37 +139,19 @@ bool Server::AcceptOne() {
   return true;
 }
 
-void Server::ServeNext() {
-  if (!accounts.AnyReady()) return;
-  TakeTurn(accounts.Next());
-  const auto end = Clock::now();
-  accounts.EndTurn(end - std::exchange(now, end));
-}
-
-void Server::TakeTurn(Connection& connection) {
-  try {
-    connection.answer.empty() ? Read(connection) : Write(connection);
-  } catch (const std::bad_alloc&) {
-    Accounts::Remove(connection);
-    backlog.Pause(ENOMEM);
-  }
-}
-
 void Server::Read(Connection& connection) {
-  const State state = connection.Receive();
-  if (state == State::kWhole) return Respond(connection);
-  const bool is_first = connection.deadline == Clock::time_point();
-  const bool is_late = !is_first && now >= connection.deadline;
-  if (state == State::kGone || is_late) return Accounts::Remove(connection);
-  if (is_first) SetDeadline(connection, requests_due, limits.request_deadline);
+  const auto state = connection.Receive();
+  if (state == Connection::State::kWhole) return Respond(connection);
+  if (connection.deadline == Clock::time_point()) SetDeadline(connection);
+  if (state == Connection::State::kGone || now >= connection.deadline)
+    return Accounts::Remove(connection);
   Await(connection);
 }
 
 void Server::Respond(Connection& connection) {
-  slot.seen = now.time_since_epoch().count();
-  connection.answer = (*handler)(connection.peer, std::exchange(connection.request, {}));
+  connection.answer = handler(connection.peer, std::exchange(connection.request, {}));
   connection.answer += '\n';
-  SetDeadline(connection, answers_due, limits.answer_deadline);
+  SetDeadline(connection);
   Write(connection);
 }
 
@@ -177,27 +161,19 @@ void Server::Write(Connection& connection) {
   Await(connection);
 }
 
-void Server::SetDeadline(Connection& connection, Due& due, milliseconds time) {
-  connection.deadline = now + time;
+void Server::SetDeadline(Connection& connection) {
+  connection.deadline = now + limits.deadline;
   connection.unlink();
   due.push_back(connection);
 }
 
+// A connection that cannot be waited for is served at its deadline.
 void Server::Await(Connection& connection) {
-  if (connection.Await(poll)) return accounts.AwaitClient(connection);
-  const int error = errno;
-  Accounts::Remove(connection);
-  backlog.Pause(error);
+  if (!connection.Await(poll)) backlog.Pause(errno);
+  accounts.AwaitClient(connection);
 }
 
-// Clients that connect as fast as they are accepted must not prolong this.
-void Server::Drain() {
-  backlog.BeginDraining();
-  const auto end = now + kPatience;
-  while ((backlog.Pending() && now < end) || !accounts.Empty()) {
-    if (now < end) AcceptRound(kRound);
-    ServeNext();
-    if (!accounts.AnyReady() && !accounts.Empty()) Wait(true);
-    if (now >= end) accounts.RemoveIncomplete();
-  }
+std::chrono::nanoseconds Server::Elapsed() {
+  const auto before = std::exchange(now, Clock::now());
+  return now - before;
 }

@@ -21,68 +21,55 @@
 ///
 /// Processes: create the object after fork(2). Several may serve the same listening sockets.
 /// Threads: one. SIGTERM must be blocked in all threads.
-class Server {
+class Server final : Awaiting {
  public:
   /// Returns the answer to a request. Requests that are longer than `kMaxRequestBytes` are cut
   /// after one more byte. Must not throw.
   using Handler = std::function<std::string(const Peer& peer, const std::string& request)>;
 
+  /// Raises the limit on descriptors as far as permitted. `request_handler` is called for each
+  /// request, and `periodic_work` about once a second, also under load; it must not throw either.
   /// `worker_slot` and `all_lines` must outlive the server; `listeners` stay the caller's.
   /// `server_limits` are a seam: tests have lower ones. Throws `std::system_error` if there are no
   /// descriptors for it.
-  Server(const std::vector<Listener>& listeners, const ServerLimits& server_limits,
-         WorkerSlot& worker_slot, LineTotal& all_lines);
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
+  Server(const std::vector<int>& listeners, const ServerLimits& server_limits,
+         WorkerSlot& worker_slot, LineTotal& all_lines, Handler request_handler,
+         std::function<void()> periodic_work);
 
-  /// Serves until SIGTERM. Then answers the connections that it has accepted and those in the
-  /// backlogs of sockets that are not inherited. Clients with incomplete requests get one more
-  /// second. Calls `periodic_work` about once a second, also under load. It must not throw. Throws
+  /// Serves until SIGTERM. Then answers the connections that it has accepted, and those in the
+  /// backlogs. Clients get one more second for the rest of a request and to fetch an answer. Throws
   /// `std::system_error` if it can no longer accept or wait.
-  void Serve(const Handler& request_handler, const std::function<void()>& periodic_work);
+  void Serve();
 
-  /// Has `every_second` called as soon as the current request was answered. For the handler.
+  /// Has `periodic_work` called as soon as the current request was answered. For the handler.
   void Hasten() { next_second = {}; }
 
  private:
   using Clock = Connection::Clock;
-  using Due = boost::intrusive::list<Connection, boost::intrusive::constant_time_size<false>>;
 
-  struct Termination final : Awaiting {
-    void BecomeReady() noexcept override { requested = true; }
-    bool requested = false;
-  };
-
-  void Step();
+  void BecomeReady() noexcept override { terminating = true; }
+  bool Step(bool sleeps, int round);
   void Wait(bool sleeps);
-  Clock::time_point Wake();
-  void Expire(Due& due);
   void EverySecond();
-  void AcceptRound(int most);
   bool AcceptOne();
-  void ServeNext();
-  void TakeTurn(Connection& connection);
   void Read(Connection& connection);
   void Respond(Connection& connection);
   void Write(Connection& connection);
-  void SetDeadline(Connection& connection, Due& due, std::chrono::milliseconds time);
+  void SetDeadline(Connection& connection);
   void Await(Connection& connection);
-  void Drain();
+  std::chrono::nanoseconds Elapsed();
 
   const ServerLimits limits;
   WorkerSlot& slot;
   LineTotal& lines;
   Poll poll;
-  PassedDescriptors descriptors;
   Accounts accounts;
-  Due requests_due;  // connections by their deadlines
-  Due answers_due;
+  boost::intrusive::list<Connection, boost::intrusive::constant_time_size<false>> due;
   Backlog backlog;
   const ZELT::TokenManager::OwnedDescriptor signals;
-  Termination termination;
-  const Handler* handler = nullptr;
-  const std::function<void()>* every_second = nullptr;
+  const Handler handler;
+  const std::function<void()> every_second;
   Clock::time_point now;
-  Clock::time_point next_look;
   Clock::time_point next_second;
+  bool terminating = false;
 };

@@ -16,8 +16,8 @@ using ZELT::TokenManager::kSocketPath;
 
 namespace {
 
-void Add(Listeners& listeners, const Listener& listener, const std::string& name) {
-  listeners.sockets.push_back(listener);
+void Add(Listeners& listeners, int socket, const std::string& name) {
+  listeners.sockets.push_back(socket);
   listeners.names += (listeners.names.empty() ? "" : " and ") + name;
 }
 
@@ -27,7 +27,7 @@ void AddSecond(Listeners& listeners) {
   mkdir(directory.c_str(), 0755);  // it may exist, or this user may not create it
   umask(mask);
   try {
-    Add(listeners, {.fd = ListenAt(kSecondSocketPath)}, kSecondSocketPath);
+    Add(listeners, ListenAt(kSecondSocketPath), kSecondSocketPath);
   } catch (const std::runtime_error& error) {
     Log(LOG_WARNING, "%s; programs with a private /tmp cannot reach the daemon", error.what());
   }
@@ -38,17 +38,17 @@ void AddSecond(Listeners& listeners) {
 Listeners OpenListeners() {
   Listeners listeners;
   for (const int socket : InheritedSockets()) {
-    Add(listeners, {.fd = socket, .inherited = true}, AddressOf(socket));
+    Add(listeners, socket, AddressOf(socket));
   }
-  if (!listeners.sockets.empty()) return listeners;
-  Add(listeners, {.fd = ListenAt(kSocketPath)}, kSocketPath);
+  listeners.are_inherited = !listeners.sockets.empty();
+  if (listeners.are_inherited) return listeners;
+  Add(listeners, ListenAt(kSocketPath), kSocketPath);
   AddSecond(listeners);
   return listeners;
 }
 
 // accept(2) still returns the connections that were made before.
 void StopListening(const Listeners& listeners) {
-  for (const Listener& listener : listeners.sockets) {
-    if (!listener.inherited) shutdown(listener.fd, SHUT_RDWR);
-  }
+  if (listeners.are_inherited) return;
+  for (const int socket : listeners.sockets) shutdown(socket, SHUT_RDWR);
 }

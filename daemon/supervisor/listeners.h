@@ -4,11 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "backlog.h"
-
 struct Listeners {
-  std::vector<Listener> sockets;
-  std::string names;  ///< for the log
+  std::vector<int> sockets;
+  bool are_inherited = false;  ///< systemd holds them too, and keeps their backlogs
+  std::string names;           ///< for the log
 };
 
 /// Returns the sockets that were passed on or, without any, listens at both of the daemon's

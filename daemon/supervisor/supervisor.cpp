@@ -38,7 +38,7 @@ constexpr milliseconds kLongestDelay{1000};
 // does not respond. Such processes keep their memory and descriptors, so their number is limited.
 constexpr std::size_t kMaxDying = 16;
 
-// An ending worker gives clients one second for the rest of a request, and five for an answer.
+// An ending worker gives clients one second, and answers before and after it what has arrived.
 constexpr seconds kStopGrace{6};
 
 // If they were ignored, faults would recur at once or stay hidden, and children would leave no exit

@@ -43,8 +43,8 @@ struct TestServer {
   explicit TestServer(const std::string& socket_path, const ServerLimits& server_limits = {})
       : path(socket_path),
         limits(server_limits),
-        listener(ListenAt(path)),
-        second(ListenAt(path + "2")) {
+        listener(::ListenAt(path)),
+        second(::ListenAt(path + "2")) {
     fs::permissions(path, fs::perms::all);
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
@@ -52,16 +52,13 @@ struct TestServer {
   }
 
   /// Serves until SIGTERM, or until a client sends "stop".
-  void Run(const Server::Handler& handler, bool inherited = false,
-           const std::function<void()>& every_second = nullptr) {
-    Server server({{.fd = listener.Get(), .inherited = inherited},
-                   {.fd = second.Get(), .inherited = inherited}},
-                  limits, slot, lines);
+  void Run(
+      const Server::Handler& handler, const std::function<void()>& every_second = [] {}) {
     const auto answer = [&](const Peer& peer, const std::string& request) {
       if (request == "stop") kill(getpid(), SIGTERM);
       return handler(peer, request);
     };
-    server.Serve(answer, every_second);
+    Server({listener.Get(), second.Get()}, limits, slot, lines, answer, every_second).Serve();
     const timespec none{};
     sigtimedwait(&ending, nullptr, &none);  // takes it
   }
