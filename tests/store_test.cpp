@@ -4,14 +4,16 @@
 #include <sys/syscall.h>
 
 #include <atomic>
+#include <numeric>
+#include <set>
 
 #include "database.h"
-#include "expiry.h"
 #include "open_store.h"
 #include "process.h"
-#include "rebuild.h"
+#include "support/logged.h"
 #include "support/peers.h"
 #include "support/tables.h"
+#include "tables.h"
 
 namespace ZELT::StoreTests {
 
@@ -35,27 +37,20 @@ struct Daemon {
   }
 
   std::string InChange(const Peer& peer, const std::function<void(TokenStore&)>& use) const {
-    const auto change = [&] {
-      StoreChange begun(*opened.store, peer);
-      use(*opened.store);
-      begun.Commit();
-    };
-    return Outcome([&] {
-      try {
-        change();
-      } catch (const NoRoom&) {
-        if (!opened.store->AwaitRoom()) throw;
-        change();
-      }
-    });
+    return Outcome([&] { opened.store->Change(peer, [&] { use(*opened.store); }); });
   }
 
   std::string Issue(const std::string& token, const Peer& peer = From(kAlice),
-                    const std::string& payload = "[]") const {
+                    const std::string& payload = "[]",
+                    std::optional<std::chrono::seconds> lifetime = {}) const {
+    names[IdOf(KeyOf(token))] = token;
     const std::string data =
         "{'requester':'alice','service':'fastapi','pid':" + std::to_string(peer.credential.pid) +
         ",'payload':" + payload + "}";
-    return InChange(peer, [&](TokenStore& store) { store.Insert(token, Value(data)); });
+    return InChange(peer, [&](TokenStore& store) {
+      if (lifetime) store.ExpireAfter(*lifetime);
+      store.Insert(token, Value(data));
+    });
   }
 
   // Revokes it, or transfers it to an heir.
@@ -76,14 +71,14 @@ struct Daemon {
     return Outcome([&] { return opened.store->GetAssociatedData(token)["pid"]; });
   }
 
-  std::string Ids(const TokenFilter& filter = {}) const {
-    std::string ids;
-    for (const TokenRow& row : opened.store->List(filter, 0).rows) {
-      ids += std::to_string(row.id) + ",";
-    }
-    return ids;
+  // The names of the tokens in a list.
+  std::string List(const TokenFilter& filter = {}) const {
+    std::set<std::string> listed;
+    for (const TokenRow& row : opened.store->List(filter, 0).rows) listed.insert(names[row.id]);
+    return std::accumulate(listed.begin(), listed.end(), std::string());
   }
 
+  static inline std::map<std::uint64_t, std::string> names;
   StoreOptions options;
   StoreLock lock{options};
   WorkerSlot slot;
@@ -106,18 +101,19 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
   {
     const Daemon daemon;
     for (const char* token : {"a", "b", "c"}) EXPECT_EQ(daemon.Issue(token), "done");
-    EXPECT_THAT(daemon.Issue("a"), HasSubstr("MDB_KEYEXIST"));
+    EXPECT_EQ(daemon.Issue("a"), "another token has the same id");
     EXPECT_EQ(daemon.Revoke("c"), "done");
-    TokenStore& store = *daemon.opened.store;
-    EXPECT_EQ(store.ChangedId(), 3U);
     for (const bool reinserted : {false, true}) {
-      const StoreChange change(store, From(kAlice));
-      Json::Value data = store.GetAssociatedData("a");
-      data["pid"] = getppid();
-      store.Remove("a");
-      EXPECT_EQ(daemon.Pid("a"), kUnknown);
-      if (reinserted) store.Insert("a", data);
-      EXPECT_EQ(Outcome([&] { store.Drop({.ids = {1}}, 0); }), "~a change is already in progress");
+      const std::string outcome = daemon.InChange(From(kAlice), [&](TokenStore& store) {
+        Json::Value data = store.GetAssociatedData("a");
+        data["pid"] = getppid();
+        store.Remove("a");
+        EXPECT_EQ(daemon.Pid("a"), kUnknown);
+        if (reinserted) store.Insert("a", data);
+        store.Drop({.ids = {IdOf(KeyOf("b"))}}, 0);
+        throw std::runtime_error("not committed");
+      });
+      EXPECT_EQ(outcome, "not committed");
     }
   }
   const Daemon daemon;
@@ -125,9 +121,9 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
   for (const std::string& token : {std::string("c"), std::string(), std::string(600, 'x')}) {
     EXPECT_EQ(daemon.Pid(token), kUnknown);
   }
-  EXPECT_EQ(daemon.Issue("d"), "done");
-  EXPECT_EQ(daemon.Ids(), "1,2,4,");  // no id comes again
-  EXPECT_EQ(daemon.Ids({.user = kAlice, .ids = {4, 300, 1, 4}}), "1,4,");
+  EXPECT_EQ(daemon.Issue("d", From(kBob)), "done");
+  EXPECT_EQ(daemon.List(), "abd");
+  EXPECT_EQ(daemon.List({.user = kAlice, .ids = {IdOf(KeyOf("d")), 300, IdOf(KeyOf("a"))}}), "a");
 }
 
 TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
@@ -154,28 +150,22 @@ TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
   EXPECT_EQ(daemon.Transfer("a", other), "done");
   EXPECT_EQ(daemon.Revoke("a"), kStranger);
   EXPECT_EQ(daemon.Revoke("a", early), kStranger);
-  EXPECT_EQ(daemon.Ids({.user = kAlice}), "1,");  // the user who asked for it, and the id, stay
+  EXPECT_EQ(daemon.List({.user = kAlice}), "a");  // the user who asked for it stays
   EXPECT_EQ(daemon.Pid("a"), std::to_string(other));
   EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0].pid, other);
-  EXPECT_EQ(daemon.Ids({.orphans = true}), "");
+  EXPECT_EQ(daemon.List({.orphans = true}), "");
   EndProcess(other);
-  EXPECT_EQ(daemon.Ids({.orphans = true}), "1,");
+  EXPECT_EQ(daemon.List({.orphans = true}), "a");
 }
 
 TEST_F(StoreTest, TellsWhichProcessesLive) {
   const ProcessIdentity self = *IdentifyProcess(getpid());
-  RecordHeader header;
-  header.SetOwner(self);
   Judge judge;
-  EXPECT_FALSE(judge.IsOrphan(header));
-  ++header.owner_start;
-  EXPECT_TRUE(judge.IsOrphan(header)) << "another process had the same number";
-  EXPECT_FALSE(IsAlive({.pid = self.pid, .start = self.start}));  // of another boot
+  EXPECT_FALSE(judge.IsDead(self));
+  EXPECT_TRUE(judge.IsDead({self.pid, self.start + 1, self.boot})) << "with the same number";
+  EXPECT_TRUE(judge.IsDead({self.pid, self.start, {}})) << "of another boot";
   EXPECT_GT(Age({}), std::chrono::hours(24 * 365)) << "from a boot in 1970";
   EXPECT_GT(Age({.wall_time = INT64_MAX / 2}).count(), 0) << "the clock was wrong then";
-  header.orphaned = Now();
-  EXPECT_FALSE(IsGone(header, {.drop_orphans_after = std::chrono::hours(1)}))
-      << "but issued in 1970";
   // The first thread may end before the process does.
   const pid_t process = Start([] {
     std::thread([] { pause(); }).detach();
@@ -191,26 +181,29 @@ TEST_F(StoreTest, TellsWhichProcessesLive) {
   EXPECT_EQ(IdentifyProcess(getpid()), self);
 }
 
-TEST_F(StoreTest, LimitsUsersAndThenDropsTheirOldestOrphans) {
+TEST_F(StoreTest, LimitsUsersAndThenDropsTheirOrphans) {
   const Daemon daemon({.path = kPath, .tokens_per_user = 20});
   TokenStore& store = *daemon.opened.store;
   const pid_t dead = StartSleeper();
-  for (int i = 0; i < 18; ++i) daemon.Issue("o" + std::to_string(i), From(kAlice, dead));
+  for (char token = 'A'; token < 'S'; ++token) daemon.Issue({token}, From(kAlice, dead));
   for (const char* token : {"d", "e"}) EXPECT_EQ(daemon.Issue(token), "done");
   EXPECT_THAT(daemon.Issue("f"), HasSubstr("user 4001 holds 20 of at most 20 tokens"));
   EXPECT_EQ(daemon.Issue("g", From(kBob, dead)), "done");
-  store.TakeCare();
-  EXPECT_EQ(daemon.Ids({.user = kAlice}).size(), std::string("1,2,3,4,5,6,7,8,9,").size() + 33);
+  store.AfterAnswer();
+  EXPECT_EQ(daemon.List({.user = kAlice}), "ABCDEFGHIJKLMNOPQRde");
   EndProcess(dead);
-  const auto issued_after_care = [&] {  // it looks again after a moment
-    const bool refused = daemon.Issue("f") != "done";
-    if (store.NeedsCare()) store.TakeCare();
-    return !refused;
-  };
-  EXPECT_TRUE(Eventually(issued_after_care));
-  EXPECT_EQ(daemon.Ids(), "17,18,19,20,21,22,");
-  for (uid_t user = 0; user <= 1000; ++user) daemon.Issue(std::to_string(user), From(user));
-  EXPECT_EQ(daemon.opened.store->Usage(0).next, 1000U) << "who is on the next page";
+  store.AfterAnswer();
+  EXPECT_NE(daemon.Issue("f"), "done") << "nobody was refused a token since then";
+  store.AfterAnswer();
+  EXPECT_EQ(daemon.Issue("f"), "done");
+  EXPECT_EQ(daemon.List(), "defg");
+  store.EverySecond();
+  EXPECT_EQ(daemon.slot.orphans, 1U);
+  for (uid_t user = 0; user <= 1024; ++user) daemon.Issue(std::to_string(user), From(user));
+  EXPECT_EQ(store.Usage(0).next, 1000U) << "who is on the next page";
+  const auto page = store.List({.service = "taskmanager"}, 0);
+  EXPECT_EQ(page.rows.size(), 0U);
+  EXPECT_EQ(store.List({.service = "taskmanager"}, page.next.value()).next, std::nullopt);
 }
 
 TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
@@ -219,18 +212,20 @@ TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
     const pid_t dead = StartSleeper();
     const Daemon daemon({.path = kPath, .drop_orphans_after = soon});
     daemon.Issue("a");
-    daemon.Issue("b", From(kAlice, dead));
+    daemon.Issue("b", From(kAlice, dead), "[]", std::chrono::seconds(60));
+    EXPECT_EQ(daemon.opened.store->Inspect("a").expires_in, std::nullopt);
+    EXPECT_EQ(daemon.opened.store->Inspect("b").expires_in, std::chrono::seconds(60));
     EndProcess(dead);
     EXPECT_NE(daemon.Pid("b"), kUnknown);  // an orphan that nobody has noted yet
     daemon.opened.store->EverySecond();
     EXPECT_EQ(daemon.Pid("b"), kUnknown);
     daemon.opened.store->EverySecond();
-    EXPECT_EQ(daemon.Ids(), "1,");
+    EXPECT_EQ(daemon.List(), "a");
   }
   const Daemon daemon({.path = kPath, .tokens_per_user = 1, .max_age = soon});
   EXPECT_EQ(daemon.Pid("a"), kUnknown);
   EXPECT_THAT(daemon.Issue("c"), HasSubstr("holds 1 of at most 1 tokens"));
-  daemon.opened.store->TakeCare();
+  daemon.opened.store->AfterAnswer();
   EXPECT_EQ(daemon.Issue("c"), "done") << "in the place of the old one";
   EXPECT_EQ(daemon.opened.store->GetStatistics()["tokens"], 1U);
   daemon.opened.store->EverySecond();
@@ -274,7 +269,7 @@ TEST_F(StoreTest, WaitsForAReaderThatWasStoppedToBeKilled) {
   Daemon(options).Issue("a");
   const pid_t reader = Start([&] {
     Database database(options.path, Database::Use::kServe);
-    const Database::ReadScope scope(database);
+    const Reading reading = database.Read();
     return raise(SIGSTOP);
   });
   EXPECT_EQ(waitpid(reader, nullptr, WUNTRACED), reader);
@@ -298,7 +293,7 @@ TEST_F(StoreTest, RefusesWhatIsDamagedOrForeignAndLeavesItAsItIs) {
   for (const Cells& row : Section("store.txt", "damage")) {
     MountEmpty("/tmp", "mode=755");
     Fill();
-    { const Database fresh("/tmp/store/fresh", 1U << 20); }
+    { const Database fresh("/tmp/store/fresh", Database::Use::kMake, 1U << 20); }
     Shell("cd /tmp/store; " + row[0]);
     const auto look = [] { return Shell("stat -c '%n %f %u %s %h' /tmp /tmp/store /tmp/store/*"); };
     const std::string before = look();
@@ -308,22 +303,71 @@ TEST_F(StoreTest, RefusesWhatIsDamagedOrForeignAndLeavesItAsItIs) {
   }
 }
 
-// The first value of a table becomes zeros.
+void Put(const Transaction& change, const char* name, std::string_view key,
+         std::string_view value) {
+  MDB_dbi table = 0;
+  MDB_val put_key = ValueOf(key);
+  MDB_val put_value = ValueOf(value);
+  Expect(mdb_dbi_open(change.get(), name, MDB_CREATE, &table), name);
+  Expect(mdb_put(change.get(), table, &put_key, &put_value, 0), name);
+}
+
 TEST_F(StoreTest, FindsTablesThatDisagree) {
-  for (const char* name : {"tokens2", "ids2", "usage2"}) {
-    MountEmpty("/tmp", "mode=755");
-    Fill();
+  Fill();
+  Shell("cp /tmp/store/tokens.mdb /tmp/whole");
+  const TokenKey token = KeyOf("t7");
+  for (const bool in_total : {false, true}) {
+    Shell("cp /tmp/whole /tmp/store/tokens.mdb");
     Database database(kPath, Database::Use::kServe);
-    Transaction change = database.BeginWrite();
-    MDB_dbi table = 0;
-    Expect(mdb_dbi_open(change.get(), name, 0, &table), name);
-    MDB_val key{}, value{};
-    Expect(mdb_cursor_get(OpenCursor(change.get(), table).get(), &key, &value, MDB_FIRST), name);
-    std::string zeros(value.mv_size, '\0');
-    value.mv_data = zeros.data();
-    Expect(mdb_put(change.get(), table, &key, &value, 0), name);
+    const Tables tables(database);
+    Transaction change = database.Begin();
+    Record record = *tables.Find(change.get(), token);
+    Total total = tables.TotalOfAll(change.get());
+    ++(in_total ? total.checksums : record.header.owner_start);
+    const std::string_view bytes(reinterpret_cast<const char*>(&total), sizeof total);
+    Put(change, "tokens2", {token.data(), token.size()}, EncodeRecord(record));
+    Put(change, "usage2", {"\0", 1}, bytes);
     database.Commit(std::move(change));
-    EXPECT_THAT(Outcome([&] { RebuildStore(kOptions); }), HasSubstr("is damaged, or not")) << name;
+    EXPECT_THAT(Outcome([&] { RebuildStore(kOptions); }), HasSubstr("is damaged, or not"));
+  }
+}
+
+TEST_F(StoreTest, TakesOverAStoreOfTheLastRelease) {
+  { const StoreLock directory(kOptions); }
+  {
+    Database made(kPath, Database::Use::kMake, 1U << 20);
+    Transaction change = made.Begin();
+    RecordHeader header;
+    header.uid = kAlice;
+    header.service_size = 7;
+    header.text_size = 9;
+    header.SetOwner(*IdentifyProcess(getpid()));
+    std::string record = EncodeRecord({header, "fastapi", "{\"pid\":7}"});
+    record.replace(offsetof(RecordHeader, lifetime), 16, std::string(sizeof(Moment), '\0'));
+    Put(change, "meta", "format", "Zelt token store 1");
+    Put(change, "tokens", "a", "01234567" + record);
+    Put(change, "usage",
+        {"\0\0\x0f\xa1"
+         "fastapi",
+         11},
+        {"\1\0\0\0\0\0\0\0", 8});
+    made.Commit(std::move(change));
+  }
+  const Daemon daemon;
+  EXPECT_EQ(daemon.Pid("a"), "7");
+  EXPECT_EQ(daemon.Transfer("a", getppid()), "done");
+  EXPECT_EQ(daemon.opened.store->Usage(0).rows[0].uid, kAlice);
+}
+
+TEST_F(StoreTest, GoesOnWithTheOldFileIfThereIsNoSpaceForANewOne) {
+  MountEmpty("/tmp", "mode=755,size=4m");
+  for (const char* token : {"a", "b"}) {
+    const std::string log = Logged([&] {
+      const Daemon daemon({.path = kPath, .bytes = 1U << 20});
+      EXPECT_EQ(daemon.Issue(token), "done");
+      EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
+    });
+    EXPECT_EQ(log.find("the store needs 3145728 bytes") == log.npos, *token == 'a') << log;
   }
 }
 
@@ -363,12 +407,20 @@ TEST_F(StoreTest, TheTextStoreHasItsOwnDirectoryAndOneOwnerForAToken) {
     EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
     EXPECT_EQ(daemon.Transfer("a", getppid()), "done");
     EXPECT_EQ(daemon.Pid("a"), std::to_string(getppid()));
-    EXPECT_EQ(Outcome([&] { daemon.Ids(); }), "the text store cannot do this");
+    EXPECT_EQ(Outcome([&] { daemon.List(); }), "the text store cannot do this");
   }
   std::ofstream(options.path, std::ios::app) << "torn {";
   const Daemon daemon(options);
   for (const auto& outcome : {daemon.Issue("b"), daemon.Revoke("a")}) EXPECT_EQ(outcome, "done");
   EXPECT_EQ(daemon.Pid("b"), std::to_string(getpid()));
+  daemon.Issue("c", From(kAlice, 1));
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit full{.rlim_cur = fs::file_size(options.path), .rlim_max = RLIM_INFINITY};
+  const rlimit unlimited{.rlim_cur = RLIM_INFINITY, .rlim_max = RLIM_INFINITY};
+  setrlimit(RLIMIT_FSIZE, &full);
+  EXPECT_NE(daemon.Transfer("c", getpid()), "done");  // which would need more bytes
+  setrlimit(RLIMIT_FSIZE, &unlimited);
+  EXPECT_EQ(daemon.Pid("c"), "1");
 }
 
 }  // namespace ZELT::StoreTests

@@ -54,9 +54,11 @@ Server::Server(const std::vector<Listener>& listeners, const ServerLimits& serve
   }
 }
 
-void Server::Serve(const Handler& request_handler, const std::function<void()>& periodic_work) {
+void Server::Serve(const Handler& request_handler, const std::function<void()>& periodic_work,
+                   const std::function<void()>& work_after_answer) {
   handler = &request_handler;
   every_second = &periodic_work;
+  after_answer = &work_after_answer;
   now = Clock::now();
   while (!termination.requested) Step();
   Drain();
@@ -169,6 +171,7 @@ void Server::Respond(Connection& connection) {
   connection.answer += '\n';
   SetDeadline(connection, answers_due, limits.answer_deadline);
   Write(connection);
+  (*after_answer)();
 }
 
 void Server::Write(Connection& connection) {

@@ -37,12 +37,12 @@ class Server {
 
   /// Serves until SIGTERM. Then answers the connections that it has accepted and those in the
   /// backlogs of sockets that are not inherited. Clients with incomplete requests get one more
-  /// second. Calls `periodic_work` about once a second, also under load. It must not throw. Throws
-  /// `std::system_error` if it can no longer accept or wait.
-  void Serve(const Handler& request_handler, const std::function<void()>& periodic_work);
-
-  /// Has `every_second` called as soon as the current request was answered. For the handler.
-  void Hasten() { next_second = {}; }
+  /// second. Calls `periodic_work` about once a second, also under load, and `work_after_answer` in
+  /// the turn of each request that it has answered. Both must not throw. Throws `std::system_error`
+  /// if it can no longer accept or wait.
+  void Serve(
+      const Handler& request_handler, const std::function<void()>& periodic_work,
+      const std::function<void()>& work_after_answer = [] {});
 
  private:
   using Clock = Connection::Clock;
@@ -82,6 +82,7 @@ class Server {
   Termination termination;
   const Handler* handler = nullptr;
   const std::function<void()>* every_second = nullptr;
+  const std::function<void()>* after_answer = nullptr;
   Clock::time_point now;
   Clock::time_point next_look;
   Clock::time_point next_second;
