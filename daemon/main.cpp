@@ -15,7 +15,6 @@
 #include "log.h"
 #include "open_store.h"
 #include "options.h"
-#include "rebuild.h"
 #include "standard_descriptors.h"
 #include "supervisor.h"
 #include "worker.h"

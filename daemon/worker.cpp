@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <string>
 
 #include "log.h"
@@ -23,18 +24,23 @@ void ShowCache(ZELT::TokenManager::CacheStorage& cache, CacheCounts& counts) {
   counts.total = statistics["total"].asUInt64();
 }
 
+// Does what no client waits for.
+void KeepHouse(WorkerSlot& slot, const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    Log(LOG_WARNING, "housekeeping failed: %s", error.what());
+  }
+  slot.activity = Activity::kIdle;
+}
+
 // Names this process as the client, because no client is to blame if it hangs.
 void EverySecond(RequestHandler& handler, const OpenedStore& opened, WorkerSlot& slot) {
   slot.type = RequestType::kOther;
   slot.client_process = getpid();
   slot.client_user = geteuid();
-  try {
-    if (opened.cache) ShowCache(*opened.cache, slot.cache);
-    handler.EverySecond();
-  } catch (const std::exception& error) {
-    Log(LOG_WARNING, "housekeeping failed: %s", error.what());
-  }
-  slot.activity = Activity::kIdle;
+  if (opened.cache) ShowCache(*opened.cache, slot.cache);
+  handler.EverySecond();
 }
 
 // The first look-up loads what glibc needs for it, and crashes if there is no memory for that. Here
@@ -57,14 +63,15 @@ void Work(const WorkerContext& context, WorkerSlot& slot) {
                           .version = ZELT_VERSION,
                           .audit = options.audit},
                          opened.cache);
+  const auto after_answer = [&] { KeepHouse(slot, [&] { opened.store->AfterAnswer(); }); };
   Server server(
       context.listeners, {}, slot, context.board.lines,
-      [&](const Peer& peer, const std::string& text) {
-        std::string answer = handler.Answer(peer, text);
-        if (opened.store->NeedsCare()) server.Hasten();
-        return answer;
+      [&](const Peer& peer, const std::string& text) { return handler.Answer(peer, text); },
+      [&] {
+        KeepHouse(slot, [&] { EverySecond(handler, opened, slot); });
+        after_answer();  // a change may have failed here too
       },
-      [&] { EverySecond(handler, opened, slot); });
+      after_answer);
   slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
   slot.activity = Activity::kIdle;
   server.Serve();

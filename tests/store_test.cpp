@@ -4,14 +4,16 @@
 #include <sys/syscall.h>
 
 #include <atomic>
+#include <numeric>
+#include <set>
 
 #include "database.h"
-#include "expiry.h"
 #include "open_store.h"
 #include "process.h"
-#include "rebuild.h"
+#include "support/logged.h"
 #include "support/peers.h"
 #include "support/tables.h"
+#include "tables.h"
 
 namespace ZELT::StoreTests {
 
@@ -35,30 +37,22 @@ struct Daemon {
   }
 
   std::string InChange(const Peer& peer, const std::function<void(TokenStore&)>& use) const {
-    const auto change = [&] {
-      StoreChange begun(*opened.store, peer);
-      use(*opened.store);
-      begun.Commit();
-    };
-    return Outcome([&] {
-      try {
-        change();
-      } catch (const NoRoom&) {
-        if (!opened.store->AwaitRoom()) throw;
-        change();
-      }
-    });
+    return Outcome([&] { opened.store->Change(peer, [&] { use(*opened.store); }); });
   }
 
   std::string Issue(const std::string& token, const Peer& peer = From(kAlice),
-                    const std::string& payload = "[]") const {
+                    const std::string& payload = "[]",
+                    std::optional<std::chrono::seconds> lifetime = {}) const {
+    names[IdOf(KeyOf(token))] = token;
     const std::string data =
         "{'requester':'alice','service':'fastapi','pid':" + std::to_string(peer.credential.pid) +
         ",'payload':" + payload + "}";
-    return InChange(peer, [&](TokenStore& store) { store.Insert(token, Value(data)); });
+    return InChange(peer, [&](TokenStore& store) {
+      if (lifetime) store.ExpireAfter(*lifetime);
+      store.Insert(token, Value(data));
+    });
   }
 
-  // Revokes it, or transfers it to an heir.
   std::string Revoke(const std::string& token, const Peer& peer = From(kAlice),
                      std::optional<pid_t> heir = {}) const {
     return InChange(peer, [&](TokenStore& store) {
@@ -76,25 +70,19 @@ struct Daemon {
     return Outcome([&] { return opened.store->GetAssociatedData(token)["pid"]; });
   }
 
-  std::string Ids(const TokenFilter& filter = {}) const {
-    std::string ids;
-    for (const TokenRow& row : opened.store->List(filter, 0).rows) {
-      ids += std::to_string(row.id) + ",";
-    }
-    return ids;
+  // The names of the tokens in a list.
+  std::string List(const TokenFilter& filter = {}) const {
+    std::set<std::string> listed;
+    for (const TokenRow& row : opened.store->List(filter, 0).rows) listed.insert(names[row.id]);
+    return std::accumulate(listed.begin(), listed.end(), std::string());
   }
 
+  static inline std::map<std::uint64_t, std::string> names;
   StoreOptions options;
   StoreLock lock{options};
   WorkerSlot slot;
   OpenedStore opened;
 };
-
-// A store with some hundred tokens.
-void Fill() {
-  const Daemon daemon;
-  for (int i = 0; i < 300; ++i) EXPECT_EQ(daemon.Issue("t" + std::to_string(i)), "done");
-}
 
 pid_t StartSleeper() {
   return Start([] { return pause(); });
@@ -106,28 +94,24 @@ TEST_F(StoreTest, KeepsTokensOverRestartsAndNoChangeThatWasNotCommitted) {
   {
     const Daemon daemon;
     for (const char* token : {"a", "b", "c"}) EXPECT_EQ(daemon.Issue(token), "done");
-    EXPECT_THAT(daemon.Issue("a"), HasSubstr("MDB_KEYEXIST"));
+    EXPECT_EQ(daemon.Issue("a"), "another token has the same id");
     EXPECT_EQ(daemon.Revoke("c"), "done");
-    TokenStore& store = *daemon.opened.store;
-    EXPECT_EQ(store.ChangedId(), 3U);
-    for (const bool reinserted : {false, true}) {
-      const StoreChange change(store, From(kAlice));
+    daemon.InChange(From(kAlice), [&](TokenStore& store) {
       Json::Value data = store.GetAssociatedData("a");
       data["pid"] = getppid();
       store.Remove("a");
       EXPECT_EQ(daemon.Pid("a"), kUnknown);
-      if (reinserted) store.Insert("a", data);
-      EXPECT_EQ(Outcome([&] { store.Drop({.ids = {1}}, 0); }), "~a change is already in progress");
-    }
+      store.Insert("a", data);
+      store.Drop({.ids = {IdOf(KeyOf("b"))}}, 0);
+      throw std::runtime_error("not committed");
+    });
   }
   const Daemon daemon;
   EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
-  for (const std::string& token : {std::string("c"), std::string(), std::string(600, 'x')}) {
-    EXPECT_EQ(daemon.Pid(token), kUnknown);
-  }
-  EXPECT_EQ(daemon.Issue("d"), "done");
-  EXPECT_EQ(daemon.Ids(), "1,2,4,");  // no id comes again
-  EXPECT_EQ(daemon.Ids({.user = kAlice, .ids = {4, 300, 1, 4}}), "1,4,");
+  EXPECT_EQ(daemon.Pid(std::string(600, 'x')), kUnknown);
+  EXPECT_EQ(daemon.Issue("d", From(kBob)), "done");
+  EXPECT_EQ(daemon.List(), "abd");
+  EXPECT_EQ(daemon.List({.user = kAlice, .ids = {IdOf(KeyOf("d")), 300, IdOf(KeyOf("a"))}}), "a");
 }
 
 TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
@@ -142,7 +126,6 @@ TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
   EXPECT_TRUE(Eventually([&] { return !IdentifyProcess(zombie); }));
   for (const pid_t pid : {0, -1, thread_number.load(), zombie, 1 << 22}) {
     EXPECT_THAT(daemon.Transfer("a", pid), StartsWith("no living process has the id"));
-    if (pid == thread_number) continue;  // never a peer's id
     EXPECT_THAT(daemon.Issue("b", From(kAlice, pid)), HasSubstr("is gone"));
   }
   EXPECT_EQ(daemon.Revoke("a", From(kAlice, other)), kStranger);
@@ -152,89 +135,83 @@ TEST_F(StoreTest, OwnersAreProcessesAndNotNumbers) {
   early.accepted = std::chrono::nanoseconds(1);
   EXPECT_THAT(daemon.Issue("b", early), HasSubstr("is gone"));
   EXPECT_EQ(daemon.Transfer("a", other), "done");
-  EXPECT_EQ(daemon.Revoke("a"), kStranger);
-  EXPECT_EQ(daemon.Revoke("a", early), kStranger);
-  EXPECT_EQ(daemon.Ids({.user = kAlice}), "1,");  // the user who asked for it, and the id, stay
+  for (const Peer& peer : {From(kAlice), early}) EXPECT_EQ(daemon.Revoke("a", peer), kStranger);
+  EXPECT_EQ(daemon.List({.user = kAlice}), "a");  // the user who asked for it stays
   EXPECT_EQ(daemon.Pid("a"), std::to_string(other));
   EXPECT_EQ(daemon.opened.store->List({}, 0).rows[0].pid, other);
-  EXPECT_EQ(daemon.Ids({.orphans = true}), "");
+  EXPECT_EQ(daemon.List({.orphans = true}), "");
   EndProcess(other);
-  EXPECT_EQ(daemon.Ids({.orphans = true}), "1,");
+  EXPECT_EQ(daemon.List({.orphans = true}), "a");
 }
 
 TEST_F(StoreTest, TellsWhichProcessesLive) {
   const ProcessIdentity self = *IdentifyProcess(getpid());
-  RecordHeader header;
-  header.SetOwner(self);
   Judge judge;
-  EXPECT_FALSE(judge.IsOrphan(header));
-  ++header.owner_start;
-  EXPECT_TRUE(judge.IsOrphan(header)) << "another process had the same number";
-  EXPECT_FALSE(IsAlive({.pid = self.pid, .start = self.start}));  // of another boot
+  EXPECT_FALSE(judge.IsDead(self));
+  EXPECT_TRUE(judge.IsDead({self.pid, self.start + 1, self.boot})) << "with the same number";
+  EXPECT_TRUE(judge.IsDead({self.pid, self.start, {}})) << "of another boot";
   EXPECT_GT(Age({}), std::chrono::hours(24 * 365)) << "from a boot in 1970";
   EXPECT_GT(Age({.wall_time = INT64_MAX / 2}).count(), 0) << "the clock was wrong then";
-  header.orphaned = Now();
-  EXPECT_FALSE(IsGone(header, {.drop_orphans_after = std::chrono::hours(1)}))
-      << "but issued in 1970";
   // The first thread may end before the process does.
   const pid_t process = Start([] {
+    prctl(PR_SET_NAME, "a) R 1 (b");
     std::thread([] { pause(); }).detach();
-    syscall(SYS_exit, 0);
-    return 0;
+    return static_cast<int>(syscall(SYS_exit, 0));
   });
   const std::string status = "/proc/" + std::to_string(process) + "/stat";
-  EXPECT_TRUE(Eventually([&] { return ReadFile(status).find(") Z ") != std::string::npos; }));
+  EXPECT_TRUE(Eventually([&] { return ReadFile(status).find("b) Z ") != std::string::npos; }));
   EXPECT_TRUE(IdentifyProcess(process));
+  EXPECT_EQ(ProcessName(process), "a) R 1 (b");
   EndProcess(process);
-  EXPECT_EQ(prctl(PR_SET_NAME, "a) R 1 (b"), 0);
-  EXPECT_EQ(ProcessName(getpid()), "a) R 1 (b");
-  EXPECT_EQ(IdentifyProcess(getpid()), self);
 }
 
-TEST_F(StoreTest, LimitsUsersAndThenDropsTheirOldestOrphans) {
+TEST_F(StoreTest, LimitsUsersAndThenDropsTheirOrphans) {
   const Daemon daemon({.path = kPath, .tokens_per_user = 20});
   TokenStore& store = *daemon.opened.store;
   const pid_t dead = StartSleeper();
-  for (int i = 0; i < 18; ++i) daemon.Issue("o" + std::to_string(i), From(kAlice, dead));
+  for (char token = 'A'; token < 'S'; ++token) daemon.Issue({token}, From(kAlice, dead));
   for (const char* token : {"d", "e"}) EXPECT_EQ(daemon.Issue(token), "done");
   EXPECT_THAT(daemon.Issue("f"), HasSubstr("user 4001 holds 20 of at most 20 tokens"));
   EXPECT_EQ(daemon.Issue("g", From(kBob, dead)), "done");
-  store.TakeCare();
-  EXPECT_EQ(daemon.Ids({.user = kAlice}).size(), std::string("1,2,3,4,5,6,7,8,9,").size() + 33);
+  store.AfterAnswer();
+  EXPECT_EQ(daemon.List({.user = kAlice}), "ABCDEFGHIJKLMNOPQRde");
   EndProcess(dead);
-  const auto issued_after_care = [&] {  // it looks again after a moment
-    const bool refused = daemon.Issue("f") != "done";
-    if (store.NeedsCare()) store.TakeCare();
-    return !refused;
-  };
-  EXPECT_TRUE(Eventually(issued_after_care));
-  EXPECT_EQ(daemon.Ids(), "17,18,19,20,21,22,");
-  for (uid_t user = 0; user <= 1000; ++user) daemon.Issue(std::to_string(user), From(user));
-  EXPECT_EQ(daemon.opened.store->Usage(0).next, 1000U) << "who is on the next page";
+  store.AfterAnswer();
+  EXPECT_NE(daemon.Issue("f"), "done") << "nobody was refused a token since then";
+  store.AfterAnswer();
+  EXPECT_EQ(daemon.Issue("f"), "done");
+  EXPECT_EQ(daemon.List(), "defg");
+  store.EverySecond();
+  EXPECT_EQ(daemon.slot.orphans, 1U);
+  for (uid_t user = 0; user <= 1024; ++user) daemon.Issue(std::to_string(user), From(user));
+  EXPECT_EQ(store.Usage(0).next, 1000U) << "who is on the next page";
+  const auto page = store.List({.service = "taskmanager"}, 0);
+  EXPECT_EQ(page.rows.size(), 0U);
+  EXPECT_EQ(store.List({.service = "taskmanager"}, page.next.value()).next, std::nullopt);
 }
 
 TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
-  const std::chrono::nanoseconds soon(1);
+  constexpr std::chrono::nanoseconds kSoon(1);
   {
     const pid_t dead = StartSleeper();
-    const Daemon daemon({.path = kPath, .drop_orphans_after = soon});
+    const Daemon daemon({.path = kPath, .drop_orphans_after = kSoon});
+    TokenStore& store = *daemon.opened.store;
     daemon.Issue("a");
-    daemon.Issue("b", From(kAlice, dead));
+    daemon.Issue("b", From(kAlice, dead), "[]", std::chrono::seconds(60));
+    EXPECT_EQ(store.Inspect("a").expires_in, std::nullopt);
+    EXPECT_EQ(store.Inspect("b").expires_in, std::chrono::seconds(60));
     EndProcess(dead);
-    EXPECT_NE(daemon.Pid("b"), kUnknown);  // an orphan that nobody has noted yet
-    daemon.opened.store->EverySecond();
+    EXPECT_NE(daemon.Pid("b"), kUnknown) << "an orphan that was not found yet";
+    store.EverySecond();
     EXPECT_EQ(daemon.Pid("b"), kUnknown);
-    daemon.opened.store->EverySecond();
-    EXPECT_EQ(daemon.Ids(), "1,");
+    store.EverySecond();
+    EXPECT_EQ(daemon.List(), "a");
   }
-  const Daemon daemon({.path = kPath, .tokens_per_user = 1, .max_age = soon});
+  const Daemon daemon({.path = kPath, .tokens_per_user = 1, .max_age = kSoon});
   EXPECT_EQ(daemon.Pid("a"), kUnknown);
   EXPECT_THAT(daemon.Issue("c"), HasSubstr("holds 1 of at most 1 tokens"));
-  daemon.opened.store->TakeCare();
+  daemon.opened.store->AfterAnswer();
   EXPECT_EQ(daemon.Issue("c"), "done") << "in the place of the old one";
-  EXPECT_EQ(daemon.opened.store->GetStatistics()["tokens"], 1U);
-  daemon.opened.store->EverySecond();
-  EXPECT_EQ(daemon.opened.store->GetStatistics()["tokens"], 0U);
 }
 
 // Four users, who have the store for themselves.
@@ -244,28 +221,21 @@ TEST_F(StoreTest, GivesEachUserAQuarterAndTakesItBack) {
   EXPECT_THAT(daemon.Issue("b", From(kAlice), "[" + large + "," + large + "]"),
               HasSubstr("more than 65536"));
   for (int round = 0; round < 3; ++round) {
-    std::array<std::size_t, 4> held{};
+    std::vector<std::string> held;
     for (uid_t user = 0; user < 4; ++user) {
-      const auto name = [&](std::size_t i) {
-        return std::to_string(i) + "of" + std::to_string(user);
-      };
-      const auto issue = [&] {
-        const std::string payload = "'" + std::string(held[user] * 97 % 3000, 'x') + "'";
-        return daemon.Issue(name(held[user]), From(user), payload);
-      };
-      while (issue() == "done") ++held[user];
-      EXPECT_THAT(issue(), HasSubstr("of at most 262144 bytes"));
-      EXPECT_GT(held[user], 80U);
-      for (std::size_t i = 0; i < held[user] && user == 0; ++i)
-        EXPECT_EQ(daemon.Transfer(name(i), getpid()), "done");
-    }
-    EXPECT_THAT(daemon.Issue("another", From(5), large), HasSubstr("the store is full: 10"));
-    for (uid_t user = 0; user < 4; ++user) {
-      for (std::size_t i = 0; i < held[user]; ++i) {
-        EXPECT_EQ(daemon.Revoke(std::to_string(i) + "of" + std::to_string(user), From(user)),
-                  "done");
+      std::string outcome;
+      for (std::size_t i = 0; outcome.empty() || outcome == "done"; ++i) {
+        held.push_back(std::to_string(i) + "of" + std::to_string(user));
+        const std::string payload = "'" + std::string(i * 97 % 3000, 'x') + "'";
+        outcome = daemon.Issue(held.back(), From(user), payload);
       }
+      held.pop_back();
+      EXPECT_THAT(outcome, HasSubstr("of at most 262144 bytes"));
     }
+    EXPECT_GT(held.size(), 320U);
+    EXPECT_THAT(daemon.Issue("another", From(5), large), HasSubstr("the store is full: 10"));
+    for (const auto& token : held) EXPECT_EQ(daemon.Transfer(token, getpid()), "done");
+    for (const auto& token : held) EXPECT_EQ(daemon.Revoke(token), "done");
   }
 }
 
@@ -274,7 +244,7 @@ TEST_F(StoreTest, WaitsForAReaderThatWasStoppedToBeKilled) {
   Daemon(options).Issue("a");
   const pid_t reader = Start([&] {
     Database database(options.path, Database::Use::kServe);
-    const Database::ReadScope scope(database);
+    const Reading reading = database.Read();
     return raise(SIGSTOP);
   });
   EXPECT_EQ(waitpid(reader, nullptr, WUNTRACED), reader);
@@ -297,8 +267,11 @@ TEST_F(StoreTest, WaitsForAReaderThatWasStoppedToBeKilled) {
 TEST_F(StoreTest, RefusesWhatIsDamagedOrForeignAndLeavesItAsItIs) {
   for (const Cells& row : Section("store.txt", "damage")) {
     MountEmpty("/tmp", "mode=755");
-    Fill();
-    { const Database fresh("/tmp/store/fresh", 1U << 20); }
+    {
+      const Daemon daemon;  // with some hundred tokens
+      for (int i = 0; i < 300; ++i) daemon.Issue("t" + std::to_string(i));
+      const Database fresh("/tmp/store/fresh", Database::Use::kMake, 1U << 20);
+    }
     Shell("cd /tmp/store; " + row[0]);
     const auto look = [] { return Shell("stat -c '%n %f %u %s %h' /tmp /tmp/store /tmp/store/*"); };
     const std::string before = look();
@@ -308,22 +281,48 @@ TEST_F(StoreTest, RefusesWhatIsDamagedOrForeignAndLeavesItAsItIs) {
   }
 }
 
-// The first value of a table becomes zeros.
-TEST_F(StoreTest, FindsTablesThatDisagree) {
-  for (const char* name : {"tokens2", "ids2", "usage2"}) {
-    MountEmpty("/tmp", "mode=755");
-    Fill();
-    Database database(kPath, Database::Use::kServe);
-    Transaction change = database.BeginWrite();
-    MDB_dbi table = 0;
-    Expect(mdb_dbi_open(change.get(), name, 0, &table), name);
-    MDB_val key{}, value{};
-    Expect(mdb_cursor_get(OpenCursor(change.get(), table).get(), &key, &value, MDB_FIRST), name);
-    std::string zeros(value.mv_size, '\0');
-    value.mv_data = zeros.data();
-    Expect(mdb_put(change.get(), table, &key, &value, 0), name);
-    database.Commit(std::move(change));
-    EXPECT_THAT(Outcome([&] { RebuildStore(kOptions); }), HasSubstr("is damaged, or not")) << name;
+void Put(const Transaction& change, const char* name, std::string_view key,
+         std::string_view value) {
+  MDB_dbi table = 0;
+  MDB_val put_key = ValueOf(key);
+  MDB_val put_value = ValueOf(value);
+  Expect(mdb_dbi_open(change.get(), name, MDB_CREATE, &table), name);
+  Expect(mdb_put(change.get(), table, &put_key, &put_value, 0), name);
+}
+
+// Whose tokens were their own keys, and had ids in front of their headers.
+TEST_F(StoreTest, TakesOverAStoreOfTheLastRelease) {
+  { const StoreLock directory(kOptions); }
+  {
+    Database made(kPath, Database::Use::kMake, 1U << 20);
+    Transaction change = made.Begin();
+    const std::string text = R"({"pid":7,"service":"fastapi"})";
+    RecordHeader header;
+    header.service_size = 7;
+    header.text_size = static_cast<std::uint32_t>(text.size());
+    header.SetOwner(*IdentifyProcess(getpid()));
+    std::string record = EncodeRecord({header, "fastapi", text});
+    record.replace(offsetof(RecordHeader, lifetime), 16, std::string(sizeof(Moment), '\0'));
+    Put(change, "meta", "format", "Zelt token store 1");
+    Put(change, "tokens", "a", "01234567" + record);
+    Put(change, "usage", std::string(4, '\0') + "fastapi", std::string("\1").append(7, '\0'));
+    made.Commit(std::move(change));
+  }
+  const Daemon daemon;
+  EXPECT_EQ(daemon.Pid("a"), "7");
+  EXPECT_EQ(daemon.Transfer("a", getppid()), "done");
+  EXPECT_EQ(daemon.opened.store->Usage(0).rows[0].service, "fastapi");
+}
+
+TEST_F(StoreTest, GoesOnWithTheOldFileIfThereIsNoSpaceForANewOne) {
+  MountEmpty("/tmp", "mode=755,size=4m");
+  for (const char* token : {"a", "b"}) {
+    const std::string log = Logged([&] {
+      const Daemon daemon({.path = kPath, .bytes = 1U << 20});
+      EXPECT_EQ(daemon.Issue(token), "done");
+      EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
+    });
+    EXPECT_EQ(log.find("the store needs 3145728 bytes") == log.npos, *token == 'a') << log;
   }
 }
 
@@ -342,28 +341,31 @@ TEST_F(StoreTest, IsUsedByOneDaemonOnly) {
 
 TEST_F(StoreTest, MakesItsDirectory) {
   const mode_t mask = umask(0);
-  for (const char* path : {"/tmp/a/b/tokens", "/tmp/c/tokens"}) {
-    Daemon({.path = path, .public_directory = "/tmp/c"});
-  }
-  EXPECT_EQ(Shell("stat -c '%a %n' /tmp/a /tmp/a/b /tmp/a/b/tokens /tmp/c"),
-            SectionText("store.txt", "modes"));
+  Daemon({.path = "/tmp/a/b/tokens"});
+  Daemon({.path = "/tmp/c/tokens", .public_directory = "/tmp/c"});
   umask(mask);
+  EXPECT_EQ(Shell("stat -c %a /tmp/a /tmp/a/b /tmp/a/b/tokens /tmp/c"), "755\n700\n600\n755\n");
 }
 
 TEST_F(StoreTest, TheTextStoreHasItsOwnDirectoryAndOneOwnerForAToken) {
   StoreOptions options{.path = "/tmp/tokens", .format = StoreFormat::kText};
   EXPECT_THAT(Outcome([&] { Daemon{options}; }),
               StartsWith("/tmp was not created by the text store, which would change its mode;"));
-  EXPECT_EQ(fs::status("/tmp").permissions(), fs::perms(0755));
   options.path = "/tmp/text/tokens";
   {
     const Daemon daemon(options);
-    EXPECT_EQ(daemon.Issue("a"), "done");
+    EXPECT_EQ(daemon.Issue("a", From(kAlice, 1)), "done");
     EXPECT_THAT(daemon.Transfer("a", 0), StartsWith("no living process"));
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{.rlim_cur = fs::file_size(options.path), .rlim_max = RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_NE(daemon.Transfer("a", getpid()), "done");  // which needs more bytes
+    limit.rlim_cur = RLIM_INFINITY;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(daemon.Pid("a"), "1");
+    EXPECT_EQ(daemon.Transfer("a", getpid()), "done");
     EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
-    EXPECT_EQ(daemon.Transfer("a", getppid()), "done");
-    EXPECT_EQ(daemon.Pid("a"), std::to_string(getppid()));
-    EXPECT_EQ(Outcome([&] { daemon.Ids(); }), "the text store cannot do this");
+    EXPECT_EQ(Outcome([&] { daemon.List(); }), "the text store cannot do this");
   }
   std::ofstream(options.path, std::ios::app) << "torn {";
   const Daemon daemon(options);

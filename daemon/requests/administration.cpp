@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -40,11 +41,11 @@ std::uint64_t After(const Json::Value& request) {
   return Member(request, "after", &Json::Value::isUInt64, "an id").asUInt64();
 }
 
-std::vector<std::uint64_t> Ids(const Json::Value& request) {
-  std::vector<std::uint64_t> ids;
+std::set<std::uint64_t> Ids(const Json::Value& request) {
+  std::set<std::uint64_t> ids;
   for (const Json::Value& id : Member(request, "ids", &Json::Value::isArray, "an array")) {
     if (!id.isUInt64()) throw std::runtime_error("an element of \"ids\" is not an id");
-    ids.push_back(id.asUInt64());
+    ids.insert(id.asUInt64());
   }
   // An empty list would mean "any".
   if (request.isMember("ids") && ids.empty()) throw std::runtime_error("\"ids\" is empty");
@@ -172,7 +173,7 @@ void Administration::Show(const Json::Value& request, Json::Value& response) {
   filter.ids = {Member(request, "id", &Json::Value::isUInt64, "an id").asUInt64()};
   const Page<TokenRow> page = store.List(filter, 0);
   if (page.rows.empty()) {
-    throw std::runtime_error("no token has the id " + std::to_string(filter.ids.front()));
+    throw std::runtime_error("no token has the id " + std::to_string(*filter.ids.begin()));
   }
   response["token"] = Formatted(page.rows.front());
   response["token"]["payload"] = page.rows.front().payload;

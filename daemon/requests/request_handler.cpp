@@ -11,6 +11,7 @@
 #include "json_member.h"
 #include "kind_of_refusal.h"
 #include "log.h"
+#include "record.h"
 #include "request_log.h"
 #include "services.h"
 #include "write_json.h"
@@ -118,9 +119,7 @@ std::string RequestHandler::Answer(const Peer& peer, const std::string& text) {
 }
 
 void RequestHandler::EverySecond() {
-  store.TakeCare();
-  if (&slot != board.slots.data()) return;
-  store.EverySecond();
+  if (&slot == board.slots.data()) store.EverySecond();
 }
 
 std::string RequestHandler::Handle(const Peer& peer, const std::string& text, Json::Value& request,
@@ -160,24 +159,16 @@ void RequestHandler::Look(const Peer& peer, Json::Value& request, Json::Value& r
   }
 }
 
+// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
 std::string RequestHandler::Change(const Peer& peer, const Json::Value& request,
                                    Json::Value& response) {
-  try {
-    return TryChange(peer, request, response);
-  } catch (const NoRoom&) {
-    if (!store.AwaitRoom()) throw;
-  }
-  response = Json::objectValue;
-  return TryChange(peer, request, response);
-}
-
-// Whatever can fail comes before the commit: a change that lasts is never answered as refused.
-std::string RequestHandler::TryChange(const Peer& peer, const Json::Value& request,
-                                      Json::Value& response) {
-  StoreChange change(store, peer);
-  const std::vector<std::string> audit = CarryOut(peer, request, response);
-  std::string answer = Success(response);
-  change.Commit();
+  std::vector<std::string> audit;
+  std::string answer;
+  store.Change(peer, [&] {
+    response = Json::objectValue;
+    audit = CarryOut(peer, request, response);
+    answer = Success(response);
+  });
   for (const std::string& line : audit) Log(LOG_INFO, "%s", line.c_str());
   return answer;
 }
@@ -202,7 +193,9 @@ std::vector<std::string> RequestHandler::CarryOut(const Peer& peer, const Json::
       manager.RevokeToken(peer.credential, request, response);
   }
   if (!settings.audit) return {};
-  return {AuditLine(peer, Name(slot.type), store.ChangedId(), TextOf(request["service"]), details)};
+  const Json::Value& named = slot.type == RequestType::kIssue ? response : request;
+  const std::uint64_t id = IdOf(KeyOf(named["token"].asString()));
+  return {AuditLine(peer, Name(slot.type), id, TextOf(request["service"]), details)};
 }
 
 // Returns the grants of a new token for the audit.

@@ -35,7 +35,7 @@ class RequestHandler {
   /// the slot.
   std::string Answer(const Peer& peer, const std::string& text);
 
-  /// Does periodic work, most of it only in the worker of the first slot.
+  /// Does periodic work, in the worker of the first slot.
   void EverySecond();
 
  private:
@@ -43,7 +43,6 @@ class RequestHandler {
                      Json::Value& response);
   void Look(const Peer& peer, Json::Value& request, Json::Value& response);
   std::string Change(const Peer& peer, const Json::Value& request, Json::Value& response);
-  std::string TryChange(const Peer& peer, const Json::Value& request, Json::Value& response);
   std::vector<std::string> CarryOut(const Peer& peer, const Json::Value& request,
                                     Json::Value& response);
   std::string GrantsOf(const std::string& token) const;

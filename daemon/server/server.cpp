@@ -53,7 +53,7 @@ int OpenTermination() {
 
 Server::Server(const std::vector<int>& listeners, const ServerLimits& server_limits,
                WorkerSlot& worker_slot, LineTotal& all_lines, Handler request_handler,
-               std::function<void()> periodic_work)
+               std::function<void()> periodic_work, std::function<void()> work_after_answer)
     : limits(Raised(server_limits)),
       slot(worker_slot),
       lines(all_lines),
@@ -61,7 +61,8 @@ Server::Server(const std::vector<int>& listeners, const ServerLimits& server_lim
       backlog(poll, listeners),
       signals(OpenTermination()),
       handler(std::move(request_handler)),
-      every_second(std::move(periodic_work)) {
+      every_second(std::move(periodic_work)),
+      after_answer(std::move(work_after_answer)) {
   if (!poll.Control(EPOLL_CTL_ADD, signals.Get(), EPOLLIN | EPOLLET, this)) {
     throw std::system_error(errno, std::generic_category(), "signalfd");
   }
@@ -153,6 +154,7 @@ void Server::Respond(Connection& connection) {
   connection.answer += '\n';
   SetDeadline(connection);
   Write(connection);
+  after_answer();
 }
 
 void Server::Write(Connection& connection) {

@@ -1,16 +1,16 @@
 #include "database.h"
 
-#include <fcntl.h>
 #include <linux/magic.h>
-#include <sys/stat.h>
 #include <sys/vfs.h>
 #include <sysexits.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <sstream>
-#include <stdexcept>
+#include <cinttypes>
+#include <cstdio>
+#include <filesystem>
 #include <system_error>
+#include <thread>
 
 #include "token_store.h"
 
@@ -19,34 +19,21 @@ namespace {
 constexpr const char* kOpen = "open the store";
 constexpr unsigned int kMaxTables = 8;
 
-std::uint64_t FileBytes(const std::string& path) {
-  struct stat status {};
-  Expect(stat(path.c_str(), &status) == 0 ? 0 : errno, kOpen);
-  return static_cast<std::uint64_t>(status.st_size);
-}
-
 // On a tmpfs, LMDB writes into its map, which is faster: all blocks are allocated and nothing has
 // to be synced. On a disk, a write that finds no space must fail instead of raising SIGBUS.
-unsigned int WaysToWrite(const std::string& path) {
+unsigned int FlagsFor(const std::string& path, Database::Use use) {
+  if (use == Database::Use::kMake) return MDB_NOLOCK | MDB_NOSYNC;
+  if (use == Database::Use::kRead) return MDB_NOLOCK | MDB_RDONLY;
   struct statfs system {};
   Expect(statfs(path.c_str(), &system) == 0 ? 0 : errno, kOpen);
   return system.f_type == TMPFS_MAGIC ? MDB_WRITEMAP | MDB_NOSYNC : 0;
 }
 
-unsigned int FlagsFor(const std::string& path, Database::Use use) {
-  return use == Database::Use::kServe ? WaysToWrite(path) : MDB_NOLOCK | MDB_RDONLY;
-}
-
 // Reads a line of mdb_reader_list: process, thread, and the commit that it reads, or "-" for none.
 int NoteOldest(const char* line, void* oldest) {
-  std::istringstream fields(line);
-  std::string process;
-  std::string thread;
   std::uint64_t commit = 0;
-  if (fields >> process >> thread >> commit) {
-    auto& number = *static_cast<std::uint64_t*>(oldest);
-    number = std::min(number, commit);
-  }
+  auto& number = *static_cast<std::uint64_t*>(oldest);
+  if (std::sscanf(line, "%*s %*s %" SCNu64, &commit) == 1) number = std::min(number, commit);
   return 0;
 }
 
@@ -67,56 +54,33 @@ bool Found(int result, const char* what) {
   return true;
 }
 
-Cursor OpenCursor(MDB_txn* transaction, MDB_dbi table) {
-  MDB_cursor* cursor = nullptr;
-  Expect(mdb_cursor_open(transaction, table, &cursor), "search the store");
-  return Cursor(cursor);
-}
-
-Database::Database(const std::string& path, Use use) {
-  const std::uint64_t bytes = FileBytes(path);
+Database::Database(const std::string& path, Use use, std::uint64_t bytes) {
+  if (use != Use::kMake) bytes = std::filesystem::file_size(path);
   if (bytes == 0) throw std::runtime_error("the file is empty");
-  Open(path, bytes, FlagsFor(path, use));
-  MDB_envinfo info{};
-  mdb_env_info(environment.get(), &info);
-  // Reading the map beyond the end of the file raises SIGBUS.
-  if ((info.me_last_pgno + 1) * page_bytes > bytes) {
-    throw std::runtime_error("the file is truncated");
-  }
-}
-
-Database::Database(const std::string& path, std::uint64_t bytes) {
-  Open(path, bytes, MDB_NOLOCK | MDB_NOSYNC);
-  int file = -1;
-  mdb_env_get_fd(environment.get(), &file);
-  Expect(posix_fallocate(file, 0, static_cast<off_t>(bytes)), "allocate space for the store");
-}
-
-Database::~Database() = default;
-
-void Database::Open(const std::string& path, std::uint64_t bytes, unsigned int flags) {
   MDB_env* created = nullptr;
   Expect(mdb_env_create(&created), kOpen);
   environment.reset(created);
   const auto system_page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   Expect(mdb_env_set_mapsize(created, bytes / system_page * system_page), kOpen);
   Expect(mdb_env_set_maxdbs(created, kMaxTables), kOpen);
-  Expect(mdb_env_open(created, path.c_str(), MDB_NOSUBDIR | MDB_NOTLS | flags, S_IRUSR | S_IWUSR),
+  Expect(mdb_env_open(created, path.c_str(), MDB_NOSUBDIR | MDB_NOTLS | FlagsFor(path, use), 0600),
          kOpen);
   MDB_stat stat{};
-  Expect(mdb_env_stat(created, &stat), kOpen);
+  mdb_env_stat(created, &stat);
   page_bytes = stat.ms_psize;
-}
-
-std::uint64_t Database::Pages() const {
   MDB_envinfo info{};
-  mdb_env_info(environment.get(), &info);
-  return info.me_mapsize / page_bytes;
+  mdb_env_info(created, &info);
+  // Reading the map beyond the end of the file raises SIGBUS.
+  if ((info.me_last_pgno + 1) * page_bytes > bytes) {
+    throw std::runtime_error("the file is truncated");
+  }
+  if (use == Use::kServe) ForgetDeadReaders();
 }
 
-Transaction Database::BeginWrite() {
+Transaction Database::Begin(unsigned int flags) {
   MDB_txn* transaction = nullptr;
-  Expect(mdb_txn_begin(environment.get(), nullptr, 0, &transaction), "begin a change");
+  Expect(mdb_txn_begin(environment.get(), nullptr, flags, &transaction),
+         flags == 0 ? "begin a change" : "read the store");
   return Transaction(transaction);
 }
 
@@ -125,34 +89,32 @@ void Database::Commit(Transaction transaction) {
   Expect(mdb_txn_commit(transaction.release()), "commit the change");
 }
 
-MDB_txn* Database::BeginRead() {
-  if (kept && mdb_txn_renew(kept.get()) == MDB_SUCCESS) return kept.get();
-  kept.reset();
-  MDB_txn* transaction = nullptr;
-  int result = mdb_txn_begin(environment.get(), nullptr, MDB_RDONLY, &transaction);
-  if (result == MDB_READERS_FULL) {
-    ClearDeadReaders();
-    result = mdb_txn_begin(environment.get(), nullptr, MDB_RDONLY, &transaction);
+Reading Database::Read() {
+  if (kept) {
+    Expect(mdb_txn_renew(kept.get()), "read the store");
+  } else {
+    kept = Begin(MDB_RDONLY);
   }
-  Expect(result, "read the store");
-  kept.reset(transaction);
-  return transaction;
+  return Reading(kept.get());
 }
 
-std::uint64_t Database::LastCommit() const {
+bool Database::ForgetDeadReaders() {
+  int forgotten = 0;
+  Expect(mdb_reader_check(environment.get(), &forgotten), "look for dead readers");
+  return forgotten > 0;
+}
+
+bool Database::AwaitReaders(std::chrono::seconds patience) {
+  constexpr std::chrono::milliseconds kPause{2};
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   MDB_envinfo info{};
   mdb_env_info(environment.get(), &info);
-  return info.me_last_txnid;
-}
-
-bool Database::ClearDeadReaders() {
-  int cleared = 0;
-  Expect(mdb_reader_check(environment.get(), &cleared), "look for dead readers");
-  return cleared > 0;
-}
-
-bool Database::IsReadBefore(std::uint64_t commit) const {
-  std::uint64_t oldest = commit;
-  mdb_reader_list(environment.get(), NoteOldest, &oldest);
-  return oldest < commit;
+  for (bool waited = ForgetDeadReaders();; waited = true) {
+    std::uint64_t oldest = info.me_last_txnid;
+    mdb_reader_list(environment.get(), NoteOldest, &oldest);
+    const bool is_current = oldest == info.me_last_txnid;
+    if (is_current || std::chrono::steady_clock::now() > deadline) return waited;
+    std::this_thread::sleep_for(kPause);
+    ForgetDeadReaders();
+  }
 }

@@ -3,6 +3,7 @@
 
 #include <lmdb.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -23,80 +24,46 @@ inline std::string_view BytesOf(const MDB_val& value) {
   return {static_cast<const char*>(value.mv_data), value.mv_size};
 }
 
-struct TransactionAborter {
-  void operator()(MDB_txn* transaction) const { mdb_txn_abort(transaction); }
+template <auto end>
+struct Ender {
+  void operator()(auto* ended) const { end(ended); }
 };
-using Transaction = std::unique_ptr<MDB_txn, TransactionAborter>;
+using Transaction = std::unique_ptr<MDB_txn, Ender<mdb_txn_abort>>;
+using Cursor = std::unique_ptr<MDB_cursor, Ender<mdb_cursor_close>>;
 
-struct CursorCloser {
-  void operator()(MDB_cursor* cursor) const { mdb_cursor_close(cursor); }
-};
-using Cursor = std::unique_ptr<MDB_cursor, CursorCloser>;
-
-Cursor OpenCursor(MDB_txn* transaction, MDB_dbi table);
+/// Sees the store as it was when it began. Must be short, because pages freed in the meantime are
+/// not reused before it ends. One at a time.
+using Reading = std::unique_ptr<MDB_txn, Ender<mdb_txn_reset>>;
 
 /// An open environment. A process has at most one per file, and must not use one opened before
 /// fork(2).
 class Database {
  public:
-  /// `kServe` uses LMDB's locks. The others require that nobody else uses the file; `kMake` does
-  /// not sync it.
+  /// `kServe` uses LMDB's locks. The others require that nobody else uses the file; `kMake` expects
+  /// an empty one, and does not sync it.
   enum class Use { kMake, kRead, kServe };
 
-  /// Opens the file, which keeps its size. Throws as `Expect` does, and `std::runtime_error` if the
-  /// file is truncated.
-  Database(const std::string& path, Use use);
-
-  /// Opens the empty file `path` to make it, with all blocks of `bytes` allocated.
-  Database(const std::string& path, std::uint64_t bytes);
-
-  ~Database();
-  Database(const Database&) = delete;
-  Database& operator=(const Database&) = delete;
+  /// Opens the file, which keeps its size, or may have `bytes` if it is made. Throws as `Expect`
+  /// does, and `std::runtime_error` if the file is truncated.
+  Database(const std::string& path, Use use, std::uint64_t bytes = 0);
 
   MDB_env* Get() const { return environment.get(); }
   std::uint64_t PageBytes() const { return page_bytes; }
-  std::uint64_t Pages() const;  ///< of the file
 
-  /// Waits for the write lock.
-  Transaction BeginWrite();
+  /// Waits for the write lock, unless `flags` are MDB_RDONLY.
+  Transaction Begin(unsigned int flags = 0);
   void Commit(Transaction transaction);
+  Reading Read();
 
-  /// Sees the store as it was when the scope began. Scopes must be short, because pages freed in
-  /// the meantime are not reused before the scope ends. One at a time.
-  class ReadScope {
-   public:
-    explicit ReadScope(Database& database) : transaction(database.BeginRead()) {}
-    ~ReadScope() { mdb_txn_reset(transaction); }
-    ReadScope(const ReadScope&) = delete;
-    ReadScope& operator=(const ReadScope&) = delete;
-
-    MDB_txn* Get() const { return transaction; }
-
-   private:
-    MDB_txn* transaction;
-  };
-
-  /// Returns the number of the last commit.
-  std::uint64_t LastCommit() const;
-
-  /// Frees the pages that dead readers hold. Returns whether there were any. Throws as `Expect`
-  /// does.
-  bool ClearDeadReaders();
-
-  /// Returns whether a process reads the store as it was before this commit, so that pages freed
-  /// since are not reused.
-  bool IsReadBefore(std::uint64_t commit) const;
+  /// Waits until no process reads the store as it was before the last commit, so that pages freed
+  /// since can be reused; forgets dead processes. Returns whether there were any. Throws as
+  /// `Expect` does.
+  bool AwaitReaders(std::chrono::seconds patience);
 
  private:
-  struct Closer {
-    void operator()(MDB_env* closed) const { mdb_env_close(closed); }
-  };
+  bool ForgetDeadReaders();
 
-  void Open(const std::string& path, std::uint64_t bytes, unsigned int flags);
-  MDB_txn* BeginRead();
-
-  std::unique_ptr<MDB_env, Closer> environment;
+  std::unique_ptr<MDB_env, Ender<mdb_env_close>> environment;
   std::uint64_t page_bytes = 0;
-  Transaction kept;  // the read transaction, reset between scopes
+  Transaction kept;  // the read transaction, reset when it is not used
 };

@@ -1,13 +1,11 @@
 #include "indexed_store.h"
 
 #include <algorithm>
-#include <chrono>
-#include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "json_member.h"
-#include "listing.h"
+#include "json_text.h"
+#include "strict_json.h"
 #include "write_json.h"
 
 using ZELT::TokenManager::MemberOrNull;
@@ -22,7 +20,25 @@ constexpr std::chrono::seconds kLongestLifetime = std::chrono::hours(100 * 365 *
 
 // Longer than the supervisor takes to replace a stopped reader.
 constexpr std::chrono::seconds kPatience{12};
-constexpr std::chrono::milliseconds kPause{2};
+
+Json::Value ReadData(const std::string& text) {
+  Json::Value data;
+  // What administrators wrote into a grant may be valid only for the library.
+  if (ReadStrictJson(text, data) || ZELT::TokenManager::fromString(text, data)) return data;
+  throw std::runtime_error("the record of the token is damaged");
+}
+
+// Returns the header of a token that gets a new owner.
+RecordHeader Inherited(RecordHeader header, const Json::Value& data) {
+  const Json::Value& pid = MemberOrNull(data, "pid");
+  const auto owner = IdentifyProcess(pid.isInt() ? pid.asInt() : 0);
+  if (!owner) {
+    throw std::runtime_error("no living process has the id " + TextOf(pid) +
+                             ", so the token was not transferred");
+  }
+  header.SetOwner(*owner);
+  return header;
+}
 
 }  // namespace
 
@@ -30,126 +46,89 @@ IndexedStore::IndexedStore(const StoreOptions& store_options, WorkerSlot& worker
     : options(store_options),
       slot(worker_slot),
       database(options.path, Database::Use::kServe),
-      tables(database),
-      orphans(options) {
-  database.ClearDeadReaders();
+      tables(database) {}
+
+void IndexedStore::Change(const Peer& peer, const std::function<void()>& work) {
+  try {
+    return TryChange(peer, work);
+  } catch (const NoRoom&) {
+    // If the store is not full, LMDB finds no pages because a worker was stopped while it read.
+    slot.activity = Activity::kWaitingForStore;
+    if (!database.AwaitReaders(kPatience)) throw;
+  }
+  TryChange(peer, work);
 }
 
-void IndexedStore::Begin(const Peer& peer) {
-  Rollback();
-  changer = peer;
-  new_lifetime = 0;
-  changing = true;
+void IndexedStore::TryChange(const Peer& peer, const std::function<void()>& work) {
+  slot.activity = Activity::kServing;
+  change = CurrentChange{.peer = peer};
+  try {
+    work();
+    if (change->transaction) database.Commit(std::move(change->transaction));
+  } catch (...) {
+    change.reset();
+    has_failed = true;
+    throw;
+  }
+  change.reset();
+}
+
+// The transaction begins late, so that others do not wait while package files are read.
+MDB_txn* IndexedStore::Writing() {
+  CurrentChange& mine = change.value();
+  if (!mine.transaction) {
+    mine.process = IdentifyPeer(mine.peer);
+    slot.activity = Activity::kWaitingForStore;
+    mine.transaction = database.Begin();
+    slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
+    slot.activity = Activity::kServing;
+  }
+  return mine.transaction.get();
 }
 
 void IndexedStore::ExpireAfter(std::chrono::seconds lifetime) {
-  new_lifetime = static_cast<std::uint64_t>(std::min(lifetime, kLongestLifetime).count());
-}
-
-void IndexedStore::BeginWrite() {
-  if (write) throw std::logic_error("a change is already in progress");
-  slot.activity = Activity::kWaitingForStore;
-  write = database.BeginWrite();
-  slot.seen = std::chrono::steady_clock::now().time_since_epoch().count();
-  slot.activity = Activity::kServing;
-}
-
-MDB_txn* IndexedStore::Writing() {
-  if (!write) {
-    if (!changing) throw std::logic_error("no change has begun");
-    changing_process = IdentifyPeer(changer.credential.pid);
-    if (!IsPeerAlive(changer.connection)) changing_process.reset();
-    BeginWrite();
-  }
-  return write.get();
-}
-
-void IndexedStore::CommitWrite() {
-  commit_failed = true;
-  database.Commit(std::move(write));
-  commit_failed = false;
-}
-
-void IndexedStore::Commit() {
-  if (removed) tables.Erase(Writing(), removed->holding.key);
-  if (write) CommitWrite();
-  removed.reset();
-  changing = false;
-}
-
-void IndexedStore::Rollback() noexcept {
-  write.reset();
-  removed.reset();
-  changing = false;
-}
-
-// If the store is not full, LMDB finds no pages because a worker was stopped while it read.
-bool IndexedStore::AwaitRoom() {
-  const std::uint64_t commit = database.LastCommit();
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  bool is_helped = database.ClearDeadReaders();
-  slot.activity = Activity::kWaitingForStore;
-  while (database.IsReadBefore(commit) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(kPause);
-    database.ClearDeadReaders();
-    is_helped = true;
-  }
-  slot.activity = Activity::kServing;
-  return is_helped;
+  const std::chrono::nanoseconds limited = std::min(lifetime, kLongestLifetime);
+  change.value().lifetime = limited.count();
 }
 
 void IndexedStore::Insert(const std::string& token, const Json::Value& data) {
+  const TokenKey key = KeyOf(token);
   const std::string text = WriteJson(data);
-  if (removed && removed->token == token) return Transfer(data, text);
-  Issue(token, data, text);
-}
-
-void IndexedStore::Issue(const std::string& token, const Json::Value& data,
-                         const std::string& text) {
-  ExpectSmallToken(data, text);
-  Writing();  // identifies the peer's process
-  if (!changing_process || !HadStarted(*changing_process, changer.accepted)) {
-    throw std::runtime_error("the process that asked for the token is gone");
-  }
-  RecordHeader header;
-  header.uid = changer.credential.uid;
-  header.issued = Now();
-  header.lifetime = new_lifetime;
-  header.SetOwner(*changing_process);
   const std::string service = TextOf(MemberOrNull(data, "service"));
-  const Record record{header, service, text};
-  ExpectRoomFor(record);
-  changed_id = tables.Add(Writing(), KeyOf(token), record);
-}
-
-void IndexedStore::Transfer(const Json::Value& data, const std::string& text) {
-  const Json::Value& pid = MemberOrNull(data, "pid");
-  const auto owner = IdentifyProcess(pid.isInt() ? pid.asInt() : 0);
-  if (!owner) {
-    throw std::runtime_error("no living process has the id " + TextOf(pid) +
-                             ", so the token was not transferred");
+  const auto removed = std::exchange(change.value().removed, std::nullopt);
+  if (removed && removed->key == key) {
+    return tables.Add(Writing(), key, {Inherited(removed->header, data), service, text});
   }
-  auto& [key, header] = removed->holding;
-  header.SetOwner(*owner);
-  tables.Replace(Writing(), key, header, text);
-  removed.reset();
+  ExpectSmallToken(data, text);
+  MDB_txn* const transaction = Writing();
+  if (!change->process) throw std::runtime_error("the process that asked for the token is gone");
+  RecordHeader header;
+  header.uid = change->peer.credential.uid;
+  header.issued = Now();
+  header.lifetime = change->lifetime;
+  header.SetOwner(*change->process);
+  ExpectRoomFor(key, {header, service, text});
+  tables.Add(transaction, key, {header, service, text});
 }
 
-void IndexedStore::ExpectRoomFor(const Record& record) {
+void IndexedStore::ExpectRoomFor(const TokenKey& key, const Record& record) {
+  tables.VisitTokens(Writing(), IdOf(key) - 1, [&](const TokenKey& next, const Record&) {
+    if (IdOf(next) == IdOf(key)) throw std::runtime_error("another token has the same id");
+    return false;
+  });
   const std::uint64_t bytes = Footprint(record, database.PageBytes());
   const std::uint64_t share = options.bytes / options.users_share;
   const uid_t user = record.header.uid;
   const Total mine = tables.TotalOf(Writing(), user);
   if (mine.tokens >= options.tokens_per_user || mine.bytes + bytes > share) {
-    orphans.Want(user);
+    refused = user;
     throw std::runtime_error(
         "user " + std::to_string(user) + " holds " + std::to_string(mine.tokens) + " of at most " +
         std::to_string(options.tokens_per_user) + " tokens, and " + std::to_string(mine.bytes) +
         " of at most " + std::to_string(share) + " bytes");
   }
   const Total all = tables.TotalOfAll(Writing());
-  if (all.bytes + bytes > options.bytes ||
-      tables.UsedPages(Writing()) + kLeftForOthers > database.Pages()) {
+  if (all.bytes + bytes > options.bytes || tables.FreePages(Writing()) < kLeftForOthers) {
     throw std::runtime_error("the store is full: " + std::to_string(all.bytes) + " of " +
                              std::to_string(options.bytes) + " bytes are used");
   }
@@ -159,30 +138,47 @@ void IndexedStore::Remove(const std::string& token) {
   const TokenKey key = KeyOf(token);
   const auto record = tables.Find(Writing(), key);
   if (!record) return;
-  if (!changing_process || record->header.Owner() != *changing_process ||
-      !HadStarted(*changing_process, changer.accepted)) {
+  if (record->header.Owner() != change->process) {
     throw std::runtime_error("the peer has the process id of the owner, but is another process");
   }
-  removed = {token, {key, record->header}};
-  changed_id = record->header.id;
+  change->removed = {key, record->header};
+  tables.Erase(Writing(), key);
 }
 
 Record IndexedStore::FindUsable(MDB_txn* transaction, const std::string& token) const {
   const auto record = tables.Find(transaction, KeyOf(token));
-  if (!record || (removed && removed->token == token) || IsGone(record->header, options)) {
+  if (!record || record->header.LifeLeft(options).count() <= 0) {
     throw std::runtime_error("the store has no such token");
   }
   return *record;
 }
 
 Json::Value IndexedStore::GetAssociatedData(const std::string& token) {
-  if (changing) return ReadData(std::string(FindUsable(Writing(), token).text));
-  const Database::ReadScope scope(database);
-  return ReadData(std::string(FindUsable(scope.Get(), token).text));
+  if (change) return ReadData(std::string(FindUsable(Writing(), token).text));
+  const Reading reading = database.Read();
+  return ReadData(std::string(FindUsable(reading.get(), token).text));
+}
+
+TokenRow IndexedStore::RowOf(const TokenKey& key, const Record& record, bool alive) const {
+  using std::chrono::seconds;
+  const RecordHeader& header = record.header;
+  const Json::Value data = ReadData(std::string(record.text));
+  TokenRow row{.id = IdOf(key),
+               .service = std::string(record.service),
+               .requester = TextOf(MemberOrNull(data, "requester")),
+               .uid = header.uid,
+               .pid = header.owner_pid,
+               .alive = alive,
+               .age = std::chrono::duration_cast<seconds>(Age(header.issued)),
+               .payload = MemberOrNull(data, "payload")};
+  if (const auto left = header.LifeLeft(options); left != kForever) {
+    row.expires_in = std::max(std::chrono::ceil<seconds>(left), seconds(0));
+  }
+  return row;
 }
 
 TokenRow IndexedStore::Inspect(const std::string& token) {
-  const Database::ReadScope scope(database);
-  const Record record = FindUsable(scope.Get(), token);
-  return RowOf(record, IsAlive(record.header.Owner()), options);
+  const Reading reading = database.Read();
+  const Record record = FindUsable(reading.get(), token);
+  return RowOf(KeyOf(token), record, !Judge().IsDead(record.header.Owner()));
 }

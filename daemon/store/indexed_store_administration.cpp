@@ -3,38 +3,82 @@
 #include <utility>
 
 #include "indexed_store.h"
-#include "listing.h"
 
 namespace {
 
-constexpr std::size_t kExamined = 4096;       // tokens examined per second
-constexpr std::size_t kExaminedAtOnce = 256;  // tokens examined in one read transaction
-constexpr std::size_t kMostInChange = 16;     // tokens changed while others wait
+// These limit a page to a few milliseconds, in which its worker serves no other request.
+constexpr std::size_t kMostRows = 100;
+constexpr std::size_t kMostSeen = 1024;             // tokens
+constexpr std::size_t kMostTextBytes = 256U << 10;  // of the rows' records
+constexpr std::size_t kMostUsers = 1000;
+
+constexpr std::size_t kSweptEachSecond = 4096;
+constexpr std::size_t kMostSearched = 32'768;  // for a user who was refused a token
+constexpr std::size_t kMostInChange = 512;     // while other changes wait
 
 }  // namespace
 
 Page<TokenRow> IndexedStore::List(const TokenFilter& filter, std::uint64_t after) {
-  return SelectTokens(database, tables, options, filter, after).page;
+  std::vector<TokenKey> keys;
+  const Reading reading = database.Read();
+  return Select(reading.get(), filter, after, keys);
 }
 
 Page<TokenRow> IndexedStore::Drop(const TokenFilter& filter, std::uint64_t after) {
-  Selection found = SelectTokens(database, tables, options, filter, after);
-  Page<TokenRow> dropped{.next = found.page.next};
-  BeginWrite();
-  for (std::size_t i = 0; i < found.holdings.size(); ++i) {
-    if (!EraseIfSame(found.holdings[i], filter.orphans)) continue;
-    dropped.rows.push_back(std::move(found.page.rows[i]));
+  std::vector<TokenKey> keys;
+  Page<TokenRow> page = Select(Writing(), filter, after, keys);
+  for (const TokenKey& key : keys) tables.Erase(Writing(), key);
+  return page;
+}
+
+Page<TokenRow> IndexedStore::Select(MDB_txn* transaction, const TokenFilter& filter,
+                                    std::uint64_t after, std::vector<TokenKey>& keys) const {
+  Page<TokenRow> page;
+  Judge judge;
+  std::size_t seen = 0;
+  std::size_t bytes = 0;
+  const auto visit = [&](const TokenKey& key, const Record& record) {
+    const bool meets = (!filter.user || filter.user == record.header.uid) &&
+                       (filter.service.empty() || filter.service == record.service);
+    const bool orphan = meets && judge.IsDead(record.header.Owner());
+    if (meets && (orphan || !filter.orphans)) {
+      page.rows.push_back(RowOf(key, record, !orphan));
+      keys.push_back(key);
+      bytes += record.text.size();
+    }
+    const bool full = ++seen == kMostSeen || keys.size() == kMostRows || bytes > kMostTextBytes ||
+                      judge.IsTired();
+    if (full) page.next = IdOf(key);
+    return !full;
+  };
+  if (filter.ids.empty()) tables.VisitTokens(transaction, after, visit);
+  for (auto id = filter.ids.upper_bound(after); id != filter.ids.end() && !page.next; ++id) {
+    tables.VisitTokens(transaction, *id - 1, [&](const TokenKey& key, const Record& record) {
+      return IdOf(key) == *id && visit(key, record) && false;
+    });
   }
-  return dropped;
+  return page;
 }
 
 Page<UsageRow> IndexedStore::Usage(std::uint64_t after) {
-  return ListUsage(database, tables, after);
+  Page<UsageRow> page;
+  const Reading reading = database.Read();
+  tables.VisitUsage(
+      reading.get(), static_cast<uid_t>(after),
+      [&](uid_t user, std::string_view service, const Total& total) {
+        if (page.rows.size() >= kMostUsers && page.rows.back().uid != user) {
+          page.next = user;
+        } else {
+          page.rows.push_back({user, std::string(service), total.tokens, total.bytes});
+        }
+        return !page.next;
+      });
+  return page;
 }
 
 Json::Value IndexedStore::GetStatistics() {
-  const Database::ReadScope scope(database);
-  const Total all = tables.TotalOfAll(scope.Get());
+  const Reading reading = database.Read();
+  const Total all = tables.TotalOfAll(reading.get());
   Json::Value statistics(Json::objectValue);
   statistics["tokens"] = Json::UInt64{all.tokens};
   statistics["used"] = Json::UInt64{all.bytes};
@@ -44,73 +88,55 @@ Json::Value IndexedStore::GetStatistics() {
   return statistics;
 }
 
-void IndexedStore::TakeCare() {
-  // Ends the process if LMDB gave up in the failed commit.
-  if (std::exchange(commit_failed, false)) const Database::ReadScope scope(database);
-  if (!orphans.IsWanted()) return;
-  ChangeEach(orphans.Next(database, tables, kMostInChange),
-             [this](const Holding& each) { EraseIfSame(each, !IsTooOld(each.header, options)); });
+void IndexedStore::AfterAnswer() {
+  // Ends the process if LMDB gave up in a failed commit.
+  if (std::exchange(has_failed, false)) database.Read();
+  const auto user = std::exchange(refused, std::nullopt);
+  if (user && Clean(searched, kMostSearched, user)) searched = 0;
 }
 
-// Goes through all tokens, a few thousand per call, and then starts over.
 void IndexedStore::EverySecond() {
+  Clean(swept, kSweptEachSecond, std::nullopt);
+  if (swept == 0) slot.orphans = std::exchange(orphans_seen, 0);
+}
+
+// Goes through tokens with ids greater than `after`, of all users or of one. Drops what has
+// expired, and limits the life of orphans. Sets `after` to where to go on, 0 at the end. Returns
+// whether there was anything to do.
+bool IndexedStore::Clean(std::uint64_t& after, std::size_t most, std::optional<uid_t> user) {
+  const bool keeps_orphans = options.drop_orphans_after.count() == 0;
+  const auto rest =
+      user ? std::chrono::nanoseconds(0) : (keeps_orphans ? kForever : options.drop_orphans_after);
+  std::vector<Token> found;
   Judge judge;
-  for (std::size_t seen = 0; seen < kExamined && !judge.IsTired(); seen += kExaminedAtOnce) {
-    Holdings next = NextHoldings(database, tables, std::nullopt, last_examined, kExaminedAtOnce);
-    last_examined = next.last;
-    std::erase_if(next.found, [&](const Holding& each) { return !Examine(each.header, judge); });
-    ChangeEach(next.found, [this](const Holding& each) { DropOrMark(each); });
-    if (last_examined != 0) continue;
-    slot.orphans = std::exchange(orphans_seen, 0);
-    return;
-  }
-}
-
-// Counts an orphan. Returns whether the token is to be dropped or marked.
-bool IndexedStore::Examine(const RecordHeader& header, Judge& judge) {
-  if (IsGone(header, options)) return true;
-  const bool marked = header.orphaned.wall_time != 0;
-  const bool orphan = marked || judge.IsOrphan(header);
-  if (orphan) ++orphans_seen;
-  return orphan && !marked && options.drop_orphans_after.count() > 0;
-}
-
-// Drops an expired token, or marks a token as an orphan.
-void IndexedStore::DropOrMark(const Holding& holding) {
-  if (IsGone(holding.header, options)) {
-    EraseIfSame(holding, !IsTooOld(holding.header, options));
-  } else if (const auto record = FindSame(holding, true)) {
-    RecordHeader header = record->header;
-    header.orphaned = Now();
-    tables.Replace(write.get(), holding.key, header, std::string(record->text));
-  }
-}
-
-// The token may have been removed or transferred since it was read.
-std::optional<Record> IndexedStore::FindSame(const Holding& holding, bool same_owner) {
-  auto record = tables.Find(write.get(), holding.key);
-  if (!record || record->header.id != holding.header.id) return std::nullopt;
-  if (same_owner && record->header.Owner() != holding.header.Owner()) return std::nullopt;
-  return record;
-}
-
-bool IndexedStore::EraseIfSame(const Holding& holding, bool same_owner) {
-  const bool found = FindSame(holding, same_owner).has_value();
-  if (found) tables.Erase(write.get(), holding.key);
-  return found;
-}
-
-void IndexedStore::ChangeEach(std::span<const Holding> holdings, const Changer& change) {
-  while (!holdings.empty()) {
-    const auto part = holdings.first(std::min(holdings.size(), kMostInChange));
-    BeginWrite();
-    try {
-      std::for_each(part.begin(), part.end(), change);
-      CommitWrite();
-    } catch (...) {
-      Rollback();
-      throw;
+  const auto visit = [&](const TokenKey& key, const Record& record) {
+    if (!user && judge.IsTired()) return false;
+    after = IdOf(key);
+    RecordHeader header = record.header;
+    const bool orphan = (!user || user == header.uid) && judge.IsDead(header.Owner());
+    if (orphan && header.LifeLeft(options) > rest) {
+      header.lifetime = std::max<std::int64_t>((Age(header.issued) + rest).count(), 1);
     }
-    holdings = holdings.subspan(part.size());
-  }
+    const bool gone = header.LifeLeft(options).count() <= 0;
+    if (gone || header.lifetime != record.header.lifetime) found.push_back({key, header});
+    if (orphan && !gone) ++orphans_seen;
+    return --most > 0 && found.size() < kMostInChange;
+  };
+  if (!tables.VisitTokens(database.Read().get(), after, visit)) after = 0;
+  if (found.empty()) return false;
+  TryChange({},
+            [&] { std::for_each(found.begin(), found.end(), [&](auto& each) { Update(each); }); });
+  return true;
+}
+
+// Drops a token that has expired, or replaces its header. Does nothing if it was changed since
+// then.
+void IndexedStore::Update(const Token& token) {
+  const auto record = tables.Find(Writing(), token.key);
+  if (!record || record->header.checksum != token.header.checksum) return;
+  const std::string service(record->service);
+  const std::string text(record->text);
+  tables.Erase(Writing(), token.key);
+  if (token.header.LifeLeft(options).count() <= 0) return;
+  tables.Add(Writing(), token.key, {token.header, service, text});
 }

@@ -8,9 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
+#include <cinttypes>
+#include <cstdio>
 #include <stdexcept>
-#include <string_view>
 
 #include "owned_descriptor.h"
 
@@ -37,41 +37,29 @@ bool IsProcess(pid_t pid) {
   return pid > 0 && (syscall(SYS_tgkill, pid, pid, 0) == 0 || errno == EPERM);
 }
 
-// Returns the field of proc_pid_stat(5) with this number, 3 or greater, or "" if there is none. The
-// name before it may contain spaces and parentheses.
-std::string_view Field(std::string_view status, int number) {
-  std::string_view fields = status.substr(std::min(status.rfind(')'), status.size()));
-  for (int i = 2; i < number; ++i)
-    fields.remove_prefix(std::min(fields.find(' '), fields.size() - 1) + 1);
-  return fields.substr(0, fields.find(' '));
-}
-
-std::uint64_t NumberField(std::string_view status, int number) {
-  const std::string_view field = Field(status, number);
-  std::uint64_t value = 0;
-  std::from_chars(field.data(), field.data() + field.size(), value);
-  return value;
-}
-
-// A process whose first thread has ended has a zombie's state even while other threads run.
-bool IsZombie(std::string_view status) {
-  const std::string_view state = Field(status, 3);
-  return (state == "Z" || state == "X") && NumberField(status, 20) <= 1;
-}
-
 BootId ReadBootId() {
-  const std::string text = ReadProcFile("/proc/sys/kernel/random/boot_id");
+  std::string text = ReadProcFile("/proc/sys/kernel/random/boot_id");
+  std::erase(text, '-');
   BootId boot{};
-  const char* next = text.data();
-  const char* const end = text.data() + text.size();
-  for (unsigned char& byte : boot) {
-    if (next != end && *next == '-') ++next;
-    if (end - next < 2 || std::from_chars(next, next + 2, byte, 16).ptr != next + 2) {
-      throw std::runtime_error("/proc/sys/kernel/random/boot_id cannot be read");
-    }
-    next += 2;
+  text.resize(2 * boot.size());
+  for (std::size_t i = 0; i < boot.size(); ++i) {
+    if (std::sscanf(&text[2 * i], "%2hhx", &boot[i]) == 1) continue;
+    throw std::runtime_error("/proc/sys/kernel/random/boot_id cannot be read");
   }
   return boot;
+}
+
+// Returns whether the kernel says that the process at the other end has ended.
+bool HasEnded(int connection) {
+  constexpr int kPeerPidFd = 77;  // SO_PEERPIDFD, which older headers lack
+  int descriptor = -1;
+  socklen_t length = sizeof descriptor;
+  if (getsockopt(connection, SOL_SOCKET, kPeerPidFd, &descriptor, &length) != 0) {
+    return errno == ESRCH || errno == EINVAL;
+  }
+  const OwnedDescriptor process(descriptor);
+  pollfd ended{.fd = process.Get(), .events = POLLIN, .revents = 0};
+  return poll(&ended, 1, 0) == 1;  // pidfd_open(2); -1 when a signal arrives
 }
 
 }  // namespace
@@ -82,42 +70,38 @@ const BootId& CurrentBoot() {
 }
 
 std::optional<ProcessIdentity> IdentifyProcess(pid_t pid) {
-  return IsProcess(pid) ? IdentifyPeer(pid) : std::nullopt;
-}
-
-std::optional<ProcessIdentity> IdentifyPeer(pid_t pid) {
-  const std::string status = ReadStatus(pid);
-  if (status.empty()) {
-    if (!IsProcess(pid)) return std::nullopt;
+  const std::string status = IsProcess(pid) ? ReadStatus(pid) : "";
+  if (status.empty() && IsProcess(pid)) {
     throw std::runtime_error("/proc/" + std::to_string(pid) +
                              "/stat cannot be read; is /proc mounted with hidepid?");
   }
-  if (IsZombie(status)) return std::nullopt;
-  return ProcessIdentity{pid, NumberField(status, 22), CurrentBoot()};
+  // Fields 3, 20 and 22 of proc_pid_stat(5), after a name that may contain spaces and parentheses.
+  char state = 'X';
+  std::int64_t threads = 0;
+  std::uint64_t start = 0;
+  std::sscanf(status.c_str() + std::min(status.rfind(')'), status.size()),
+              ") %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %" SCNd64
+              " %*s %" SCNu64,
+              &state, &threads, &start);
+  // A process whose first thread has ended has a zombie's state even while other threads run.
+  if ((state == 'Z' || state == 'X') && threads <= 1) return std::nullopt;
+  return ProcessIdentity{pid, start, CurrentBoot()};
 }
 
-bool IsAlive(const ProcessIdentity& process) {
-  if (process.boot != CurrentBoot() || !IsProcess(process.pid)) return false;
-  const std::string status = ReadStatus(process.pid);
-  if (status.empty()) return IsProcess(process.pid);
-  return NumberField(status, 22) == process.start && !IsZombie(status);
-}
-
-bool HadStarted(const ProcessIdentity& process, std::chrono::nanoseconds time) {
+std::optional<ProcessIdentity> IdentifyPeer(const Peer& peer) {
   static const auto tick = std::chrono::nanoseconds(std::chrono::seconds(1)) / sysconf(_SC_CLK_TCK);
-  return static_cast<std::int64_t>(process.start) * tick <= time;
+  const auto process = IdentifyProcess(peer.credential.pid);
+  const bool is_later = process && static_cast<std::int64_t>(process->start) * tick > peer.accepted;
+  return is_later || HasEnded(peer.connection) ? std::nullopt : process;
 }
 
-bool IsPeerAlive(int connection) {
-  constexpr int kPeerPidFd = 77;  // SO_PEERPIDFD, which older headers lack
-  int descriptor = -1;
-  socklen_t length = sizeof descriptor;
-  if (getsockopt(connection, SOL_SOCKET, kPeerPidFd, &descriptor, &length) != 0) {
-    return errno != ESRCH && errno != EINVAL;
+bool Judge::IsDead(const ProcessIdentity& process) {
+  if (process.boot != CurrentBoot() || !IsProcess(process.pid)) return true;
+  auto found = known.find(process.pid);
+  if (found == known.end() && !IsTired()) {
+    found = known.emplace(process.pid, IdentifyProcess(process.pid)).first;
   }
-  const OwnedDescriptor process(descriptor);
-  pollfd ended{.fd = process.Get(), .events = POLLIN, .revents = 0};
-  return poll(&ended, 1, 0) != 1;  // pidfd_open(2); -1 when a signal arrives
+  return found != known.end() && found->second != process;
 }
 
 std::string ProcessName(pid_t pid) {

@@ -4,10 +4,12 @@
 #include <sys/types.h>
 
 #include <array>
-#include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
+
+#include "peer.h"
 
 using BootId = std::array<unsigned char, 16>;
 
@@ -28,19 +30,26 @@ struct ProcessIdentity {
 /// read.
 std::optional<ProcessIdentity> IdentifyProcess(pid_t pid);
 
-/// The same for an id that is known not to be that of a thread: the kernel names peers of a
-/// connection by the ids of their processes.
-std::optional<ProcessIdentity> IdentifyPeer(pid_t pid);
+/// Returns the identity of the process that made the connection, or none if it has ended, even if
+/// another process has got its id. While the connection waited to be accepted, kernels before 6.5
+/// do not tell those apart (SO_PEERPIDFD). Throws as `IdentifyProcess` does.
+std::optional<ProcessIdentity> IdentifyPeer(const Peer& peer);
 
-/// Returns whether the process is alive; true if /proc cannot be read.
-bool IsAlive(const ProcessIdentity& process);
+/// Tells which processes are dead. Looks at each living one once.
+class Judge {
+ public:
+  /// False also if the judge is tired and has not looked at the process before. Throws as
+  /// `IdentifyProcess` does.
+  bool IsDead(const ProcessIdentity& process);
 
-/// Returns whether the process had started by `time` (CLOCK_BOOTTIME), exact to a clock tick.
-bool HadStarted(const ProcessIdentity& process, std::chrono::nanoseconds time);
+  /// Returns whether so many processes were looked at that some milliseconds have passed.
+  bool IsTired() const { return known.size() >= kMostLooks; }
 
-/// Returns whether the process that made the connection is alive; true on kernels before 6.5, which
-/// do not say (SO_PEERPIDFD). While it waited to be accepted, another process may have got its id.
-bool IsPeerAlive(int connection);
+ private:
+  static constexpr std::size_t kMostLooks = 256;
+
+  std::map<pid_t, std::optional<ProcessIdentity>> known;
+};
 
 /// Returns the name of the living process `pid` (field 2 of proc_pid_stat(5)) in
 /// printable ASCII, or "".

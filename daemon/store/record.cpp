@@ -3,7 +3,7 @@
 #include <nettle/sha2.h>
 
 #include <algorithm>
-#include <bit>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
@@ -38,6 +38,12 @@ std::string_view BytesOf(const RecordHeader& header) {
 
 TokenKey KeyOf(std::string_view token) { return Sha256({token}); }
 
+std::uint64_t FromBigEndian(std::string_view bytes) {
+  std::uint64_t number = 0;
+  for (const char byte : bytes) number = number << 8 | static_cast<unsigned char>(byte);
+  return number;
+}
+
 Moment Now() { return {Read(CLOCK_BOOTTIME), Read(CLOCK_REALTIME), CurrentBoot()}; }
 
 std::chrono::nanoseconds Age(const Moment& moment) {
@@ -51,14 +57,22 @@ void RecordHeader::SetOwner(const ProcessIdentity& owner) {
   owner_pid = owner.pid;
   owner_start = owner.start;
   owner_boot = owner.boot;
-  orphaned = {};
 }
 
-Record DecodeRecord(std::string_view bytes, std::size_t header_bytes) {
+std::chrono::nanoseconds RecordHeader::LifeLeft(const StoreOptions& options) const {
+  const auto [shorter, longer] = std::minmax(std::chrono::nanoseconds(lifetime), options.max_age);
+  const auto limit = shorter.count() > 0 ? shorter : longer;
+  return limit.count() == 0 ? kForever : limit - Age(issued);
+}
+
+Record DecodeRecord(std::string_view bytes, bool is_format1) {
+  const std::size_t before = is_format1 ? sizeof(std::uint64_t) : 0;
+  const std::size_t known = is_format1 ? offsetof(RecordHeader, lifetime) : sizeof(RecordHeader);
+  const std::size_t after = is_format1 ? sizeof(Moment) : 0;
+  if (bytes.size() < before + known + after) throw std::runtime_error("a record is truncated");
   Record record;
-  if (bytes.size() < header_bytes) throw std::runtime_error("a record is truncated");
-  std::memcpy(&record.header, bytes.data(), header_bytes);
-  bytes.remove_prefix(header_bytes);
+  std::memcpy(&record.header, bytes.data() + before, known);
+  bytes.remove_prefix(before + known + after);
   if (bytes.size() != std::uint64_t{record.header.service_size} + record.header.text_size) {
     throw std::runtime_error("a record has the wrong size");
   }
@@ -67,10 +81,11 @@ Record DecodeRecord(std::string_view bytes, std::size_t header_bytes) {
   return record;
 }
 
-std::uint64_t Checksum(std::string_view key, const Record& record) {
+std::uint64_t Checksum(const TokenKey& key, const Record& record) {
   RecordHeader header = record.header;
   header.checksum = 0;
-  const TokenKey hash = Sha256({key, BytesOf(header), record.service, record.text});
+  const TokenKey hash =
+      Sha256({{key.data(), key.size()}, BytesOf(header), record.service, record.text});
   std::uint64_t checksum = 0;
   std::memcpy(&checksum, hash.data(), sizeof checksum);
   return checksum;
@@ -78,19 +93,19 @@ std::uint64_t Checksum(std::string_view key, const Record& record) {
 
 std::string EncodeRecord(const Record& record) {
   std::string bytes;
-  bytes.reserve(kHeaderBytes + record.service.size() + record.text.size());
+  bytes.reserve(sizeof record.header + record.service.size() + record.text.size());
   return bytes.append(BytesOf(record.header)).append(record.service).append(record.text);
 }
 
 // LMDB puts at least two records into a page, or a record into pages of its own. Pages of a tree
 // whose keys come in any order are two thirds full on average (A. Yao, On random 2-3 trees, 1978).
 std::uint64_t Footprint(const Record& record, std::uint64_t page_bytes) {
-  constexpr std::uint64_t kPageHeader = 16;   // bytes, as LMDB lays out pages
-  constexpr std::uint64_t kNodeHeader = 10;   // bytes, with the node's offset in its page
-  constexpr std::uint64_t kOtherTables = 96;  // bytes
+  constexpr std::uint64_t kPageHeader = 16;  // bytes, as LMDB lays out pages
+  constexpr std::uint64_t kNodeHeader = 10;  // bytes, with the node's offset in its page
+  constexpr std::uint64_t kOfTotals = 96;    // bytes, if each token has totals of its own
   const std::uint64_t room = page_bytes - kPageHeader;
-  const std::uint64_t data = kHeaderBytes + record.service.size() + record.text.size();
+  const std::uint64_t data = sizeof record.header + record.service.size() + record.text.size();
   const std::uint64_t node = kNodeHeader + sizeof(TokenKey) + data;
-  if (node > room / 2) return (data + kPageHeader + room) / page_bytes * page_bytes + kOtherTables;
-  return page_bytes * 3 / 2 / (room / node) + kOtherTables;
+  if (node > room / 2) return (data + kPageHeader + room) / page_bytes * page_bytes + kOfTotals;
+  return page_bytes * 3 / 2 / (room / node) + kOfTotals;
 }

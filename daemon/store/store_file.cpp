@@ -4,20 +4,16 @@
 #include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sysexits.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
-#include <utility>
 
-#include "owned_descriptor.h"
 #include "start_error.h"
 
 namespace fs = std::filesystem;
@@ -39,29 +35,24 @@ std::optional<struct stat> StatusOf(const fs::path& path) {
   return std::nullopt;
 }
 
-// Throws if others could replace what is in the directory. With the sticky bit they can only add to
-// it.
-void ExpectSafe(const fs::path& path, bool last) {
-  const auto status = StatusOf(path);
-  if (!status) return;
-  if (status->st_uid != 0 && status->st_uid != geteuid()) {
-    throw StartError(EX_NOPERM,
-                     path.string() + " belongs to user " + std::to_string(status->st_uid) +
-                         "; choose a store below directories of root or the daemon's user");
-  }
-  const bool sticky = !last && (status->st_mode & S_ISVTX) != 0;
-  if (!S_ISLNK(status->st_mode) && (status->st_mode & kOthersWrite) != 0 && !sticky) {
-    throw StartError(EX_NOPERM,
-                     path.string() + " is writable by users other than its owner; " +
-                         "use a separate directory for the store, or remove that permission");
-  }
-}
-
+// Throws if others could replace what is in the directory. With the sticky bit on the way to it
+// they can only add something.
 void ExpectSafePath(const fs::path& directory) {
   fs::path part;
   for (const fs::path& name : directory) {
     part /= name;
-    ExpectSafe(part, part == directory);
+    const auto status = StatusOf(part);
+    if (!status) return;
+    if (status->st_uid != 0 && status->st_uid != geteuid()) {
+      throw StartError(EX_NOPERM,
+                       part.string() + " belongs to user " + std::to_string(status->st_uid) +
+                           "; choose a store below directories of root or the daemon's user");
+    }
+    const bool sticky = part != directory && (status->st_mode & S_ISVTX) != 0;
+    if (S_ISLNK(status->st_mode) || (status->st_mode & kOthersWrite) == 0 || sticky) continue;
+    throw StartError(EX_NOPERM,
+                     part.string() + " is writable by users other than its owner; " +
+                         "use a separate directory for the store, or remove that permission");
   }
 }
 
@@ -82,10 +73,6 @@ void MakeDirectory(const fs::path& directory, mode_t mode) {
   SyncDirectory(directory.parent_path());
 }
 
-fs::path DirectoryOf(const std::string& path) {
-  return fs::absolute(path).lexically_normal().parent_path();
-}
-
 // JsonFileStorage sets its directory to this mode. A directory of this user that already has the
 // mode was created by it. The mode of any other directory would be changed, so it is refused.
 void PrepareTextDirectory(const fs::path& directory) {
@@ -100,26 +87,20 @@ void PrepareTextDirectory(const fs::path& directory) {
   }
 }
 
-void ExpectOwnFile(const fs::path& path, const struct stat& status, mode_t forbidden) {
-  if (!S_ISREG(status.st_mode)) {
+void ExpectOwnFile(const fs::path& path, mode_t forbidden) {
+  const auto status = StatusOf(path);
+  if (!status) return;
+  if (!S_ISREG(status->st_mode)) {
     throw StartError(EX_CONFIG, path.string() + " is not a regular file");
   }
-  if (status.st_uid == geteuid() && (status.st_mode & forbidden) == 0) return;
+  if (status->st_uid == geteuid() && (status->st_mode & forbidden) == 0) return;
   throw StartError(EX_NOPERM, path.string() +
                                   " belongs to another user or is open to others, who may know " +
                                   "its tokens; move it away, or choose another store");
 }
 
-bool TryLock(int file, std::chrono::milliseconds patience) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (flock(file, LOCK_EX | LOCK_NB) != 0) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(kPause);
-  }
-  return true;
-}
-
-void PrepareDirectory(const fs::path& directory, const StoreOptions& options) {
+void PrepareDirectory(const StoreOptions& options) {
+  const fs::path directory = fs::absolute(options.path).lexically_normal().parent_path();
   ExpectSafeDirectory(directory);
   if (options.format == StoreFormat::kText) {
     PrepareTextDirectory(directory);
@@ -147,50 +128,58 @@ void WriteInPlace(int file) {
   [[maybe_unused]] const int ignored = ioctl(file, FS_IOC_SETFLAGS, &flags);
 }
 
+void Allocate(int file, off_t bytes, const std::string& path) {
+  errno = posix_fallocate(file, 0, bytes);
+  ExpectDone(errno == 0, "cannot allocate space for " + path);
+}
+
 StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds lock_patience)
-    : store(options.format == StoreFormat::kText ? "" : options.path), patience(lock_patience) {
-  PrepareDirectory(DirectoryOf(options.path), options);
-  // Only its owner can enter the text store's directory, so there the file's mode does not matter.
-  const auto status = StatusOf(options.path);
-  if (status) ExpectOwnFile(options.path, *status, store.empty() ? 0 : S_IRWXG | S_IRWXO);
+    : store(options.format == StoreFormat::kText ? "" : options.path),
+      // Only its owner can enter the text store's directory, so there the mode does not matter.
+      forbidden(store.empty() ? 0 : S_IRWXG | S_IRWXO),
+      patience(lock_patience) {
+  PrepareDirectory(options);
+  ExpectOwnFile(options.path, forbidden);
   // Both stores use record locks on this file, which are independent of this lock.
-  Lock(options.path + (store.empty() ? ".lock" : "-lock"), O_CREAT);
-  if (store.empty()) return;
-  // LMDB writes this file through a mapping, where a full file system raises SIGBUS.
-  if (lseek(locked.front().file.Get(), 0, SEEK_END) == 0) WriteInPlace(locked.front().file.Get());
-  errno = posix_fallocate(locked.front().file.Get(), 0, kLockFileBytes);
-  ExpectDone(errno == 0, "cannot allocate space for " + locked.front().path);
-  if (status) Lock(store);  // a daemon of an earlier version locked only this one
+  Lock(options.path + (store.empty() ? ".lock" : "-lock"), store.empty() ? 0 : kLockFileBytes);
+  // A daemon of an earlier version locked only this one.
+  if (!store.empty() && fs::exists(store)) Lock(store);
 }
 
 void StoreLock::LockRebuilt() {
   if (store.empty()) return;
   locked.resize(1);
   Lock(store);
-  store_bytes = static_cast<off_t>(fs::file_size(store));
   ExpectSameFiles();
 }
 
-void StoreLock::Lock(const std::string& path, int flags) {
-  if (const auto status = StatusOf(path)) {
-    ExpectOwnFile(path, *status, store.empty() ? 0 : S_IRWXG | S_IRWXO);
-  }
-  OwnedDescriptor file(
-      open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, S_IRUSR | S_IWUSR));
+void StoreLock::Lock(const std::string& path, off_t bytes) {
+  ExpectOwnFile(path, forbidden);
+  OwnedDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                            S_IRUSR | S_IWUSR));
   ExpectDone(file.IsOpen(), "cannot open " + path);
-  if (!TryLock(file.Get(), patience)) {
-    throw StartError(EX_UNAVAILABLE, "another daemon uses the store " + store);
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      throw StartError(EX_UNAVAILABLE, "another daemon uses the store " + store);
+    }
+    std::this_thread::sleep_for(kPause);
   }
-  locked.push_back({path, std::move(file)});
+  // LMDB writes its lock file through a mapping, where a full file system raises SIGBUS.
+  if (bytes > 0 && fs::is_empty(path)) WriteInPlace(file.Get());
+  if (bytes > 0) Allocate(file.Get(), bytes, path);
+  struct stat status {};
+  ExpectDone(fstat(file.Get(), &status) == 0, path);
+  locked.push_back({path, std::move(file), status});
 }
 
 void StoreLock::ExpectSameFiles() const {
-  for (const auto& [path, file] : locked) {
-    struct stat held {};
-    ExpectDone(fstat(file.Get(), &held) == 0, path);
+  for (const auto& [path, file, status] : locked) {
     const auto found = StatusOf(path);
-    const bool same = found && found->st_dev == held.st_dev && found->st_ino == held.st_ino;
-    if (same && (path != store || held.st_size == store_bytes)) continue;
+    if (found && found->st_dev == status.st_dev && found->st_ino == status.st_ino &&
+        found->st_size == status.st_size) {
+      continue;
+    }
     throw std::runtime_error(path + " was removed, replaced or truncated; restart the daemon");
   }
 }

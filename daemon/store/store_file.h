@@ -1,7 +1,7 @@
 // The store's directory and files, which must belong to this daemon alone.
 #pragma once
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <string>
@@ -33,14 +33,15 @@ class StoreLock {
   struct LockedFile {
     std::string path;
     ZELT::TokenManager::OwnedDescriptor file;
+    struct stat status;
   };
 
-  void Lock(const std::string& path, int flags = 0);
+  void Lock(const std::string& path, off_t bytes = 0);
 
   const std::string store;  // path of the indexed store, or empty
+  const mode_t forbidden;   // to the files
   const std::chrono::milliseconds patience;
   std::vector<LockedFile> locked;
-  off_t store_bytes = 0;  // which never change, once the store was rebuilt
 };
 
 /// Throws `std::system_error` with `errno` and `what` unless a system call was `done`.
@@ -52,3 +53,6 @@ void SyncDirectory(const std::string& directory);
 /// Has an empty file's pages written in their places. Without this flag, btrfs writes each page to
 /// a new place, which a full file system does not have. Other file systems do not support the flag.
 void WriteInPlace(int file);
+
+/// Allocates the blocks of a file. Throws `std::system_error`.
+void Allocate(int file, off_t bytes, const std::string& path);

@@ -1,8 +1,6 @@
 #include "tables.h"
 
-#include <algorithm>
 #include <cstring>
-#include <limits>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -10,15 +8,28 @@
 namespace {
 
 constexpr const char* kWhat = "use the tables of the store";
-constexpr const char* kTokens = "tokens2";
-constexpr const char* kIds = "ids2";
-constexpr const char* kUsage = "usage2";
 constexpr std::string_view kAll("\0", 1);  // shorter than any user's key
+
+template <typename Number>
+std::string BigEndian(Number number) {
+  std::string bytes(sizeof(number), '\0');
+  for (std::size_t i = bytes.size(); i-- > 0; number >>= 8) bytes[i] = static_cast<char>(number);
+  return bytes;
+}
 
 std::string_view BytesOf(const TokenKey& key) { return {key.data(), key.size()}; }
 
 std::string_view BytesOf(const Total& total) {
   return {reinterpret_cast<const char*>(&total), sizeof(total)};
+}
+
+// Throws if there are fewer or more bytes.
+template <typename Object>
+Object FromBytes(std::string_view bytes) {
+  Object object;
+  if (bytes.size() != sizeof(object)) throw std::runtime_error("an entry has the wrong size");
+  std::memcpy(&object, bytes.data(), sizeof(object));
+  return object;
 }
 
 void Put(MDB_txn* transaction, MDB_dbi table, std::string_view key, std::string_view value,
@@ -33,43 +44,6 @@ void Delete(MDB_txn* transaction, MDB_dbi table, std::string_view key) {
   Expect(mdb_del(transaction, table, &wanted, nullptr), kWhat);
 }
 
-MDB_stat StatOf(MDB_txn* transaction, MDB_dbi table) {
-  MDB_stat stat{};
-  Expect(mdb_stat(transaction, table, &stat), kWhat);
-  return stat;
-}
-
-Total DecodeTotal(std::string_view bytes) {
-  Total total;
-  if (bytes.size() != sizeof(total)) throw std::runtime_error("a total has the wrong size");
-  std::memcpy(&total, bytes.data(), sizeof(total));
-  return total;
-}
-
-std::string UsageKey(const Record& record) {
-  return BigEndian(record.header.uid).append(record.service);
-}
-
-void AddTo(Total& total, const Record& record, std::uint64_t bytes) {
-  ++total.tokens;
-  total.bytes += bytes;
-  total.last_id = std::max(total.last_id, record.header.id);
-  total.checksums += record.header.checksum;
-}
-
-void TakeFrom(Total& total, const Record& record, std::uint64_t bytes) {
-  --total.tokens;
-  total.bytes -= bytes;
-  total.checksums -= record.header.checksum;
-}
-
-bool Agree(const Total& counted, const Total& stored) {
-  return counted.tokens == stored.tokens && counted.bytes == stored.bytes &&
-         counted.checksums == stored.checksums && counted.last_id <= stored.last_id;
-}
-
-}  // namespace
-
 MDB_dbi OpenTable(MDB_txn* transaction, const char* name, bool create) {
   MDB_dbi table = 0;
   if (Found(mdb_dbi_open(transaction, name, create ? MDB_CREATE : 0, &table), kWhat)) return table;
@@ -83,13 +57,18 @@ std::optional<std::string_view> Get(MDB_txn* transaction, MDB_dbi table, std::st
   return ::BytesOf(value);
 }
 
-std::uint64_t CountEntries(MDB_txn* transaction, MDB_dbi table) {
-  return StatOf(transaction, table).ms_entries;
+bool IsOfFormat1(MDB_txn* transaction) {
+  MDB_dbi meta = 0;
+  return Found(mdb_dbi_open(transaction, "meta", 0, &meta), kWhat) &&
+         Get(transaction, meta, "format") == "Zelt token store 1";
 }
 
-void VisitEntries(MDB_txn* transaction, MDB_dbi table, std::string_view first,
-                  const EntryVisitor& visit) {
-  const Cursor cursor = OpenCursor(transaction, table);
+// Visits the entries from `first` on. Ends when `visit` returns false, and then returns true.
+bool VisitEntries(MDB_txn* transaction, MDB_dbi table, std::string_view first,
+                  const std::function<bool(std::string_view, std::string_view)>& visit) {
+  MDB_cursor* opened = nullptr;
+  Expect(mdb_cursor_open(transaction, table, &opened), kWhat);
+  const Cursor cursor(opened);
   MDB_val key = ValueOf(first);
   MDB_val value{};
   const MDB_cursor_op begin = first.empty() ? MDB_FIRST : MDB_SET_RANGE;
@@ -97,24 +76,34 @@ void VisitEntries(MDB_txn* transaction, MDB_dbi table, std::string_view first,
   while (found && visit(::BytesOf(key), ::BytesOf(value))) {
     found = Found(mdb_cursor_get(cursor.get(), &key, &value, MDB_NEXT), kWhat);
   }
+  return found;
 }
 
-Tables::Tables(Database& database) : page_bytes(database.PageBytes()) {
-  MDB_txn* begun = nullptr;
-  Expect(mdb_txn_begin(database.Get(), nullptr, MDB_RDONLY, &begun), kWhat);
-  Transaction transaction(begun);
-  tokens = OpenTable(begun, kTokens);
-  ids = OpenTable(begun, kIds);
-  usage = OpenTable(begun, kUsage);
-  Expect(mdb_txn_commit(transaction.release()), kWhat);  // this keeps the tables open
+std::string UsageKey(const Record& record) {
+  return BigEndian(record.header.uid).append(record.service);
 }
 
-void Tables::Create(Database& database) {
-  Transaction transaction = database.BeginWrite();
-  OpenTable(transaction.get(), kTokens, true);
-  OpenTable(transaction.get(), kIds, true);
-  Put(transaction.get(), OpenTable(transaction.get(), kUsage, true), kAll, BytesOf(Total{}));
-  database.Commit(std::move(transaction));
+Total& operator+=(Total& sum, const Total& total) {
+  sum.tokens += total.tokens;
+  sum.bytes += total.bytes;
+  sum.checksums += total.checksums;
+  return sum;
+}
+
+Total operator-(const Total& total) {  // added, it takes the same away
+  return {0 - total.tokens, 0 - total.bytes, 0 - total.checksums};
+}
+
+}  // namespace
+
+Tables::Tables(Database& database, bool made) : page_bytes(database.PageBytes()) {
+  Transaction transaction = database.Begin(made ? 0 : MDB_RDONLY);
+  MDB_txn* const begun = transaction.get();
+  is_format1 = IsOfFormat1(begun);
+  tokens = OpenTable(begun, is_format1 ? "tokens" : "tokens2", made);
+  usage = OpenTable(begun, is_format1 ? "usage" : "usage2", made);
+  if (made) Put(begun, usage, kAll, BytesOf(Total{}));
+  database.Commit(std::move(transaction));  // this keeps the tables open
 }
 
 std::optional<Record> Tables::Find(MDB_txn* transaction, const TokenKey& key) const {
@@ -123,33 +112,30 @@ std::optional<Record> Tables::Find(MDB_txn* transaction, const TokenKey& key) co
   return DecodeRecord(*found);
 }
 
-void Tables::VisitIds(MDB_txn* transaction, std::uint64_t after, const IdVisitor& visit) const {
-  if (after == std::numeric_limits<std::uint64_t>::max()) return;
-  VisitEntries(transaction, ids, BigEndian(after + 1),
-               [&](std::string_view id, std::string_view value) {
-                 TokenKey key;
-                 if (value.size() != key.size() + sizeof(uid_t))
-                   throw std::runtime_error("an id is inconsistent");
-                 std::copy_n(value.data(), key.size(), key.data());
-                 return visit(FromBigEndian<std::uint64_t>(id),
-                              FromBigEndian<uid_t>(value.substr(key.size())), key);
-               });
+bool Tables::VisitTokens(MDB_txn* transaction, std::uint64_t after,
+                         const TokenVisitor& visit) const {
+  constexpr int kUnused = 8 * (sizeof after - kIdBytes);
+  if (after >= ~std::uint64_t{0} >> kUnused) return false;
+  const std::string first = after == 0 ? "" : BigEndian((after + 1) << kUnused);
+  return VisitEntries(transaction, tokens, first, [&](auto key, auto value) {
+    return visit(is_format1 ? KeyOf(key) : FromBytes<TokenKey>(key),
+                 DecodeRecord(value, is_format1));
+  });
 }
 
 void Tables::VisitUsage(MDB_txn* transaction, uid_t first, const UsageVisitor& visit) const {
-  VisitEntries(
-      transaction, usage, BigEndian(first), [&](std::string_view key, std::string_view value) {
-        return visit(FromBigEndian<uid_t>(key), key.substr(sizeof(uid_t)), DecodeTotal(value));
-      });
+  VisitEntries(transaction, usage, BigEndian(first),
+               [&](std::string_view key, std::string_view value) {
+                 const auto user = static_cast<uid_t>(FromBigEndian(key.substr(0, sizeof(uid_t))));
+                 return visit(user, key.substr(sizeof user), FromBytes<Total>(value));
+               });
 }
 
 Total Tables::TotalOf(MDB_txn* transaction, uid_t user) const {
   Total sum;
   VisitUsage(transaction, user, [&](uid_t each, std::string_view, const Total& total) {
-    if (each != user) return false;
-    sum.tokens += total.tokens;
-    sum.bytes += total.bytes;
-    return true;
+    if (each == user) sum += total;
+    return each == user;
   });
   return sum;
 }
@@ -157,26 +143,32 @@ Total Tables::TotalOf(MDB_txn* transaction, uid_t user) const {
 Total Tables::TotalOfAll(MDB_txn* transaction) const {
   const auto found = Get(transaction, usage, kAll);
   if (!found) throw std::runtime_error("the totals are inconsistent");
-  return DecodeTotal(*found);
+  return FromBytes<Total>(*found);
 }
 
-std::uint64_t Tables::UsedPages(MDB_txn* transaction) const {
+std::uint64_t Tables::FreePages(MDB_txn* transaction) const {
   constexpr MDB_dbi kFreePages = 0;  // the two tables of LMDB itself
   constexpr MDB_dbi kNames = 1;
-  std::uint64_t pages = 2;  // LMDB's meta pages
-  for (const MDB_dbi table : {kFreePages, kNames, tokens, ids, usage}) {
-    const MDB_stat stat = StatOf(transaction, table);
-    pages += stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages;
+  std::uint64_t used = 2;  // LMDB's meta pages
+  for (const MDB_dbi table : {kFreePages, kNames, tokens, usage}) {
+    MDB_stat stat{};
+    Expect(mdb_stat(transaction, table, &stat), kWhat);
+    used += stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages;
   }
-  return pages;
+  MDB_envinfo info{};
+  mdb_env_info(mdb_txn_env(transaction), &info);
+  return info.me_mapsize / page_bytes - used;
 }
 
-void Tables::Count(MDB_txn* transaction, const Record& record, bool added) const {
-  const std::uint64_t bytes = Footprint(record, page_bytes);
-  for (const std::string& key : {UsageKey(record), std::string(kAll)}) {
+Total Tables::TotalOf(const Record& record) const {
+  return {1, Footprint(record, page_bytes), record.header.checksum};
+}
+
+void Tables::Count(MDB_txn* transaction, const std::string& service, const Total& change) const {
+  for (const std::string& key : {service, std::string(kAll)}) {
     const auto found = Get(transaction, usage, key);
-    Total total = found ? DecodeTotal(*found) : Total{};
-    added ? AddTo(total, record, bytes) : TakeFrom(total, record, bytes);
+    Total total = found ? FromBytes<Total>(*found) : Total{};
+    total += change;
     if (total.tokens == 0 && key != kAll) {
       Delete(transaction, usage, key);
     } else {
@@ -185,71 +177,43 @@ void Tables::Count(MDB_txn* transaction, const Record& record, bool added) const
   }
 }
 
-std::uint64_t Tables::Add(MDB_txn* transaction, const TokenKey& key, Record record) const {
+void Tables::Add(MDB_txn* transaction, const TokenKey& key, Record record) const {
   RecordHeader& header = record.header;
-  if (header.id == 0) header.id = TotalOfAll(transaction).last_id + 1;
   header.service_size = static_cast<std::uint32_t>(record.service.size());
   header.text_size = static_cast<std::uint32_t>(record.text.size());
-  header.checksum = Checksum(BytesOf(key), record);
-  const std::string entry = std::string(BytesOf(key)) + BigEndian(header.uid);
+  header.checksum = Checksum(key, record);
   Put(transaction, tokens, BytesOf(key), EncodeRecord(record), MDB_NOOVERWRITE);
-  Put(transaction, ids, BigEndian(header.id), entry, MDB_APPEND);
-  Count(transaction, record, true);
-  return header.id;
-}
-
-Record Tables::FindExisting(MDB_txn* transaction, const TokenKey& key) const {
-  const auto record = Find(transaction, key);
-  if (!record) throw std::runtime_error("the record to be changed is gone");
-  return *record;
-}
-
-void Tables::Replace(MDB_txn* transaction, const TokenKey& key, const RecordHeader& header,
-                     std::string_view text) const {
-  const Record old = FindExisting(transaction, key);
-  const std::string service(old.service);  // changes invalidate the old record
-  Count(transaction, old, false);
-  Record record{header, service, text};
-  record.header.text_size = static_cast<std::uint32_t>(text.size());
-  record.header.checksum = Checksum(BytesOf(key), record);
-  Put(transaction, tokens, BytesOf(key), EncodeRecord(record));
-  Count(transaction, record, true);
+  Count(transaction, UsageKey(record), TotalOf(record));
 }
 
 void Tables::Erase(MDB_txn* transaction, const TokenKey& key) const {
-  const Record record = FindExisting(transaction, key);
-  const std::string id = BigEndian(record.header.id);
-  Count(transaction, record, false);
-  Delete(transaction, ids, id);
+  const auto record = Find(transaction, key);
+  if (!record) throw std::runtime_error("the record to be erased is gone");
+  Count(transaction, UsageKey(*record), -TotalOf(*record));
   Delete(transaction, tokens, BytesOf(key));
 }
 
-void Tables::SetLastId(MDB_txn* transaction, std::uint64_t id) const {
-  Total total = TotalOfAll(transaction);
-  total.last_id = std::max(total.last_id, id);
-  Put(transaction, usage, kAll, BytesOf(total));
-}
-
-void Tables::Verify(MDB_txn* transaction) const {
-  std::map<std::string, Total> totals;
+Total Tables::Verify(MDB_txn* transaction) const {
+  std::map<std::string, Total, std::less<>> totals;
   Total& all = totals[std::string(kAll)];
-  VisitIds(transaction, 0, [&](std::uint64_t id, uid_t user, const TokenKey& key) {
-    const auto record = Find(transaction, key);
-    if (!record || record->header.id != id || record->header.uid != user ||
-        record->header.checksum != Checksum(BytesOf(key), *record)) {
-      throw std::runtime_error("token " + std::to_string(id) + " is inconsistent");
+  VisitTokens(transaction, 0, [&](const TokenKey& key, const Record& record) {
+    const bool is_whole = record.header.checksum == Checksum(key, record) && Find(transaction, key);
+    if (!is_whole && !is_format1) {
+      throw std::runtime_error("token " + std::to_string(IdOf(key)) + " is inconsistent");
     }
-    const std::uint64_t bytes = Footprint(*record, page_bytes);
-    AddTo(all, *record, bytes);
-    AddTo(totals[UsageKey(*record)], *record, bytes);
+    all += TotalOf(record);
+    totals[UsageKey(record)] += TotalOf(record);
     return true;
   });
-  bool agree = true;
-  VisitEntries(transaction, usage, {}, [&](std::string_view key, std::string_view value) {
-    return agree &= Agree(totals[std::string(key)], DecodeTotal(value));
+  // Format 1 had no total of all, and counted other bytes.
+  const std::size_t compared = is_format1 ? sizeof all.tokens : sizeof all;
+  std::size_t found = is_format1 ? 1 : 0;
+  const bool differ = VisitEntries(transaction, usage, {}, [&](auto key, auto value) {
+    const auto counted = totals.find(key);
+    ++found;
+    return counted != totals.end() &&
+           value.substr(0, compared) == BytesOf(counted->second).substr(0, compared);
   });
-  if (!agree || CountEntries(transaction, usage) != totals.size() ||
-      CountEntries(transaction, tokens) != all.tokens) {
-    throw std::runtime_error("the totals are inconsistent");
-  }
+  if (differ || found != totals.size()) throw std::runtime_error("the totals are inconsistent");
+  return all;
 }

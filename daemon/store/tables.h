@@ -13,7 +13,6 @@
 struct Total {
   std::uint64_t tokens = 0;
   std::uint64_t bytes = 0;      ///< of `Footprint`
-  std::uint64_t last_id = 0;    ///< the greatest id that one of them ever had
   std::uint64_t checksums = 0;  ///< the sum of those of their records
 
   bool operator==(const Total&) const = default;
@@ -21,24 +20,25 @@ struct Total {
 
 /// Numbers in keys are big-endian, so that the order of the bytes is the order of the numbers.
 ///
-///   tokens2    `TokenKey` -> record
-///   ids2       id -> `TokenKey`, uid
+///   tokens2    `TokenKey` -> record, so in the order of ids
 ///   usage2     uid, name of the service -> Total; one byte 0 -> Total of all tokens
 ///
 /// Errors are those of `Expect`. After an error, a write transaction can only be aborted.
 class Tables {
  public:
-  /// Opens the tables. Throws `std::runtime_error` if this is not a store of this daemon.
-  explicit Tables(Database& database);
+  /// Opens the tables, or creates them if the database was just `made`. Throws
+  /// `std::runtime_error` if this is not a store of this daemon. Of a store of format 1, tokens can
+  /// be visited, in any order, and verified.
+  explicit Tables(Database& database, bool made = false);
 
-  /// Creates the tables if they are missing.
-  static void Create(Database& database);
+  bool IsFormat1() const { return is_format1; }
 
   std::optional<Record> Find(MDB_txn* transaction, const TokenKey& key) const;
 
-  /// Visits the ids greater than `after`, until `visit` returns false.
-  using IdVisitor = std::function<bool(std::uint64_t id, uid_t user, const TokenKey& key)>;
-  void VisitIds(MDB_txn* transaction, std::uint64_t after, const IdVisitor& visit) const;
+  /// Visits the tokens with ids greater than `after` in the order of their ids; all if `after` is
+  /// 0. Ends when `visit` returns false, and then returns true.
+  using TokenVisitor = std::function<bool(const TokenKey& key, const Record& record)>;
+  bool VisitTokens(MDB_txn* transaction, std::uint64_t after, const TokenVisitor& visit) const;
 
   /// Visits what users from `first` on hold, until `visit` returns false.
   using UsageVisitor = std::function<bool(uid_t user, std::string_view service, const Total&)>;
@@ -46,57 +46,25 @@ class Tables {
   Total TotalOf(MDB_txn* transaction, uid_t user) const;
   Total TotalOfAll(MDB_txn* transaction) const;
 
-  /// Returns the number of pages in use, as the transaction sees them.
-  std::uint64_t UsedPages(MDB_txn* transaction) const;
+  /// Returns the number of pages that are not in use, as the transaction sees them.
+  std::uint64_t FreePages(MDB_txn* transaction) const;
 
-  /// Adds a record, under a new id if its own is 0, and returns the id.
-  std::uint64_t Add(MDB_txn* transaction, const TokenKey& key, Record record) const;
+  /// Adds a record, with its sizes and checksum in the header.
+  void Add(MDB_txn* transaction, const TokenKey& key, Record record) const;
 
-  /// Replaces the header and the text of a record.
-  void Replace(MDB_txn* transaction, const TokenKey& key, const RecordHeader& header,
-               std::string_view text) const;
-
+  /// Erases a record, which must exist.
   void Erase(MDB_txn* transaction, const TokenKey& key) const;
 
-  /// Ensures that the last id is at least `id`.
-  void SetLastId(MDB_txn* transaction, std::uint64_t id) const;
-
-  /// Reads everything. Throws `std::runtime_error` with what is inconsistent, and where.
-  void Verify(MDB_txn* transaction) const;
+  /// Reads everything, and returns the total of all tokens. Throws `std::runtime_error` with what
+  /// is inconsistent, and where.
+  Total Verify(MDB_txn* transaction) const;
 
  private:
-  void Count(MDB_txn* transaction, const Record& record, bool added) const;
-  Record FindExisting(MDB_txn* transaction, const TokenKey& key) const;
+  Total TotalOf(const Record& record) const;
+  void Count(MDB_txn* transaction, const std::string& key, const Total& change) const;
 
   std::uint64_t page_bytes;
+  bool is_format1 = false;
   MDB_dbi tokens = 0;
-  MDB_dbi ids = 0;
   MDB_dbi usage = 0;
 };
-
-// Access to single tables, and numbers in keys.
-MDB_dbi OpenTable(MDB_txn* transaction, const char* name, bool create = false);
-std::optional<std::string_view> Get(MDB_txn* transaction, MDB_dbi table, std::string_view key);
-std::uint64_t CountEntries(MDB_txn* transaction, MDB_dbi table);
-
-/// Visits the entries from `first` on, until `visit` returns false.
-using EntryVisitor = std::function<bool(std::string_view key, std::string_view value)>;
-void VisitEntries(MDB_txn* transaction, MDB_dbi table, std::string_view first,
-                  const EntryVisitor& visit);
-
-template <typename Number>
-std::string BigEndian(Number number) {
-  std::string bytes(sizeof(number), '\0');
-  for (std::size_t i = bytes.size(); i-- > 0; number >>= 8) bytes[i] = static_cast<char>(number);
-  return bytes;
-}
-
-template <typename Number>
-Number FromBigEndian(std::string_view bytes) {
-  if (bytes.size() < sizeof(Number)) throw std::runtime_error("a number is truncated");
-  Number number = 0;
-  for (std::size_t i = 0; i < sizeof(Number); ++i) {
-    number = static_cast<Number>(number << 8) | static_cast<unsigned char>(bytes[i]);
-  }
-  return number;
-}

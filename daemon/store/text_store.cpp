@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <stdexcept>
 #include <system_error>
 
 #include "json_member.h"
@@ -32,22 +30,15 @@ void EndLastLine(const std::string& path) {
                           "cannot complete an unfinished line of the store");
 }
 
-[[noreturn]] void Refuse() { throw std::runtime_error("the text store cannot do this"); }
-
 }  // namespace
 
 TextStore::TextStore(const std::string& file) : path(file), storage(file) { EndLastLine(path); }
 
-void TextStore::Begin(const Peer& /*peer*/) { removed.reset(); }
-
-void TextStore::ExpireAfter(std::chrono::seconds /*lifetime*/) { Refuse(); }
-
-void TextStore::Commit() {
-  if (removed) storage.Remove(*removed);
+void TextStore::Change(const Peer& /*peer*/, const std::function<void()>& work) {
   removed.reset();
+  work();
+  if (removed) storage.Remove(*removed);
 }
-
-void TextStore::Rollback() noexcept { removed.reset(); }
 
 void TextStore::Insert(const std::string& token, const Json::Value& data) {
   ExpectSmallToken(data, toString(data));
@@ -55,19 +46,13 @@ void TextStore::Insert(const std::string& token, const Json::Value& data) {
   if (!IdentifyProcess(pid.isInt() ? pid.asInt() : 0)) {
     throw std::runtime_error("no living process has the id of the new owner");
   }
-  if (removed == token) return Transfer(token, data);
-  storage.Insert(token, data);
-}
-
-// Puts the old record back if the new one cannot be written. A failed insertion may leave a part of
-// a line.
-void TextStore::Transfer(const std::string& token, const Json::Value& data) {
+  if (removed != token) return storage.Insert(token, data);
   const Json::Value old = storage.GetAssociatedData(token);
-  Commit();
+  storage.Remove(token);
+  removed.reset();
   try {
     storage.Insert(token, data);
   } catch (...) {
-    EndLastLine(path);
     storage.Insert(token, old);
     throw;
   }
@@ -78,10 +63,6 @@ void TextStore::Remove(const std::string& token) { removed = token; }
 Json::Value TextStore::GetAssociatedData(const std::string& token) {
   return storage.GetAssociatedData(token);
 }
-
-Page<TokenRow> TextStore::List(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
-Page<TokenRow> TextStore::Drop(const TokenFilter& /*filter*/, std::uint64_t /*after*/) { Refuse(); }
-Page<UsageRow> TextStore::Usage(std::uint64_t /*after*/) { Refuse(); }
 
 // A line without a valid "created_at" belongs to a token of age 0.
 TokenRow TextStore::Inspect(const std::string& token) {
@@ -100,5 +81,3 @@ TokenRow TextStore::Inspect(const std::string& token) {
   row.alive = IdentifyProcess(row.pid).has_value();
   return row;
 }
-
-Json::Value TextStore::GetStatistics() { return Json::nullValue; }

@@ -9,7 +9,7 @@
 
 /// A `JsonFileStorage` as the daemon uses it.
 ///
-/// Changes are not transactions. A removal is deferred until `Commit`, or until the same token is
+/// Changes are not transactions. A removal is deferred until their end, or until the same token is
 /// inserted again: a worker killed in between loses the token.
 /// Owners are process ids. Administrators' requests are refused.
 class TextStore : public TokenStore {
@@ -18,32 +18,14 @@ class TextStore : public TokenStore {
   /// a part of it. Throws what `JsonFileStorage` throws.
   explicit TextStore(const std::string& file);
 
-  void Begin(const Peer& peer) override;
-  void ExpireAfter(std::chrono::seconds lifetime) override;
-  void Commit() override;
-  void Rollback() noexcept override;
-
-  bool AwaitRoom() override { return false; }
-
-  /// The text store has no ids.
-  std::uint64_t ChangedId() const override { return 0; }
+  void Change(const Peer& peer, const std::function<void()>& work) override;
 
   void Insert(const std::string& token, const Json::Value& data) override;
   void Remove(const std::string& token) override;
   Json::Value GetAssociatedData(const std::string& token) override;
-
-  Page<TokenRow> List(const TokenFilter& filter, std::uint64_t after) override;
-  Page<TokenRow> Drop(const TokenFilter& filter, std::uint64_t after) override;
   TokenRow Inspect(const std::string& token) override;
-  Page<UsageRow> Usage(std::uint64_t after) override;
-  Json::Value GetStatistics() override;
-  bool NeedsCare() const override { return false; }
-  void TakeCare() override {}
-  void EverySecond() override {}
 
  private:
-  void Transfer(const std::string& token, const Json::Value& data);
-
   const std::string path;
   ZELT::TokenManager::JsonFileStorage storage;
   std::optional<std::string> removed;

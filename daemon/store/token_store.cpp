@@ -4,6 +4,12 @@
 
 using ZELT::TokenManager::MemberOrNull;
 
+namespace {
+
+[[noreturn]] void Refuse() { throw std::runtime_error("the text store cannot do this"); }
+
+}  // namespace
+
 Json::ArrayIndex GrantCount(const Json::Value& payload) {
   return payload.isArray() ? payload.size() : 1;
 }
@@ -20,3 +26,12 @@ void ExpectSmallToken(const Json::Value& data, std::string_view text) {
                              " bytes, more than " + std::to_string(kMaxTextBytes));
   }
 }
+
+void TokenStore::ExpireAfter(std::chrono::seconds /*lifetime*/) { Refuse(); }
+Page<TokenRow> TokenStore::List(const TokenFilter& /*filter*/, std::uint64_t /*after*/) {
+  Refuse();
+}
+Page<TokenRow> TokenStore::Drop(const TokenFilter& /*filter*/, std::uint64_t /*after*/) {
+  Refuse();
+}
+Page<UsageRow> TokenStore::Usage(std::uint64_t /*after*/) { Refuse(); }

@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -25,7 +27,7 @@ Json::ArrayIndex GrantCount(const Json::Value& payload);
 /// grants or be too long.
 void ExpectSmallToken(const Json::Value& data, std::string_view text);
 
-/// A change found no space in the store. Trying it again may help, see `AwaitRoom`.
+/// A change found no space in the store.
 class NoRoom : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -33,15 +35,15 @@ class NoRoom : public std::runtime_error {
 
 /// Selects tokens for an administrator: those that meet all conditions.
 struct TokenFilter {
-  std::optional<uid_t> user{};       ///< who requested the token
-  std::string service{};             ///< empty: any
-  bool orphans = false;              ///< only those whose owner has ended
-  std::vector<std::uint64_t> ids{};  ///< empty: any
+  std::optional<uid_t> user{};    ///< who requested the token
+  std::string service{};          ///< empty: any
+  bool orphans = false;           ///< only those whose owner has ended
+  std::set<std::uint64_t> ids{};  ///< empty: any
 };
 
 /// A token as administrators and services see it. Nothing in it can be used as a token.
 struct TokenRow {
-  std::uint64_t id = 0;  ///< never given to another token; 0 in a text store
+  std::uint64_t id = 0;  ///< no other token in the store has it; 0 in a text store
   std::string service;
   std::string requester;  ///< the name of the user who requested it
   uid_t uid = 0;          ///< the same user's id
@@ -72,73 +74,37 @@ struct Page {
 /// Processes: each worker creates its own object, after fork(2). Threads: one.
 class TokenStore : public ZELT::TokenManager::TokenStorage {
  public:
-  /// Begins a change on behalf of `peer`. From its first use of the store until `Commit`, there are
-  /// no other changes, and others do not see this one. `Insert`, `Remove` and `Drop` may only be
-  /// called in between.
-  virtual void Begin(const Peer& peer) = 0;
+  /// Carries out a change on behalf of `peer`: what `work` does, or nothing if it throws. From its
+  /// first use of the store on, there are no other changes, and others do not see this one. If this
+  /// throws, nothing was changed. If it returns, the change lasts. `work` may be called twice:
+  /// again when there is space that was missing. `ExpireAfter`, `Insert`, `Remove` and `Drop` may
+  /// only be called by `work`.
+  virtual void Change(const Peer& peer, const std::function<void()>& work) = 0;
 
-  /// Limits the life of the token that the current change issues. At least one second.
-  virtual void ExpireAfter(std::chrono::seconds lifetime) = 0;
-
-  /// Commits the change. If it throws, nothing was changed. If it returns, the change lasts.
-  virtual void Commit() = 0;
-
-  /// Undoes the changes since `Begin`.
-  virtual void Rollback() noexcept = 0;
-
-  /// After a change failed with `NoRoom` and was rolled back: waits until the cause is gone.
-  /// Returns false if there is no cause that goes.
-  virtual bool AwaitRoom() = 0;
-
-  /// The id of the token that the current change, or the last committed one, inserted or removed.
-  virtual std::uint64_t ChangedId() const = 0;
-
-  /// Returns a page of tokens with ids greater than `after`, in the order of their ids.
-  virtual Page<TokenRow> List(const TokenFilter& filter, std::uint64_t after) = 0;
-
-  /// Drops the tokens of the page that `List` would return, and returns it. Part of a change.
-  virtual Page<TokenRow> Drop(const TokenFilter& filter, std::uint64_t after) = 0;
-
-  /// Throws what `GetAssociatedData` throws.
+  /// Returns the row of a token. Throws what `GetAssociatedData` throws.
   virtual TokenRow Inspect(const std::string& token) = 0;
 
+  // A text store refuses these, by throwing `std::runtime_error`.
+
+  /// Limits the life of the token that the change issues. At least one second.
+  virtual void ExpireAfter(std::chrono::seconds lifetime);
+
+  /// Returns a page of tokens with ids greater than `after`, in the order of their ids.
+  virtual Page<TokenRow> List(const TokenFilter& filter, std::uint64_t after);
+
+  /// Drops the tokens of the page that `List` would return, and returns it.
+  virtual Page<TokenRow> Drop(const TokenFilter& filter, std::uint64_t after);
+
   /// Returns a page of what users hold. `after` is 0 or the last page's `next`.
-  virtual Page<UsageRow> Usage(std::uint64_t after) = 0;
+  virtual Page<UsageRow> Usage(std::uint64_t after);
 
-  /// Returns "tokens", and "used" and "size" in bytes; an indexed store also the limits on each
-  /// user: "tokens_per_user" and "bytes_per_user".
-  Json::Value GetStatistics() override = 0;
+  // A text store does nothing in these.
 
-  /// Whether `TakeCare` has something to do: a user was refused a token at a limit, or a commit
-  /// failed.
-  virtual bool NeedsCare() const = 0;
-
-  /// Drops some of the oldest orphans of users at a limit. Ends the process if the store refuses
-  /// all further work in it. Takes some milliseconds at most. Not to be called during a change.
-  virtual void TakeCare() = 0;
+  /// To be called after each answer. If a user was refused a token at a limit, drops those that
+  /// they do not need, which takes some milliseconds at most. Ends the process if the store refuses
+  /// all further work in it.
+  virtual void AfterAnswer() {}
 
   /// Does a bounded amount of periodic work for all workers: drops what has expired.
-  virtual void EverySecond() = 0;
-};
-
-/// The scope of one change: rolls back unless it was committed.
-class StoreChange {
- public:
-  StoreChange(TokenStore& changed_store, const Peer& peer) : store(changed_store) {
-    store.Begin(peer);
-  }
-  ~StoreChange() {
-    if (!committed) store.Rollback();
-  }
-  StoreChange(const StoreChange&) = delete;
-  StoreChange& operator=(const StoreChange&) = delete;
-
-  void Commit() {
-    store.Commit();
-    committed = true;
-  }
-
- private:
-  TokenStore& store;
-  bool committed = false;
+  virtual void EverySecond() {}
 };
