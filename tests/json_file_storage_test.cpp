@@ -25,17 +25,13 @@ TEST_F(JsonFileStorageTest, MakesTheDirectoryAndTheLockFile) {
   EXPECT_EQ(storage.GetStatistics().type(), Json::nullValue);
 }
 
-TEST_F(JsonFileStorageTest, NeedsADirectoryAndALockFileThatCanBeWritten) {
+TEST_F(JsonFileStorageTest, NeedsADirectory) {
   fs::current_path("/tmp");
   const std::string refused = Outcome([] { JsonFileStorage storage("plain"); });
   EXPECT_NE(refused.find("Invalid argument"), refused.npos) << refused;
   EXPECT_FALSE(fs::exists("plain.lock"));
   JsonFileStorage("./dotted").Insert("abc", 1);
   EXPECT_EQ(fs::status("/tmp").permissions(), fs::perms::owner_write | fs::perms::owner_exec);
-  Check(mount("dotted.lock", "dotted.lock", nullptr, MS_BIND, nullptr), "bind");
-  Check(mount(nullptr, "dotted.lock", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), "lock");
-  EXPECT_EQ(Outcome([] { JsonFileStorage again("./dotted"); }),
-            "storage/json_file_storage.cpp:34 failed to create lock file");
 }
 
 TEST_F(JsonFileStorageTest, FindsTheFirstLineOfAToken) {

@@ -56,7 +56,7 @@ TEST_F(JsonTextTest, IsReadByTheLibraryAsByJsoncpp) {
 }
 
 TEST_F(JsonTextTest, IsReadStrictlyByTheDaemonAndWrittenAsItIsRead) {
-  const std::string long_text = '"' + std::string(1 << 16, '1') + "\\\"\"";
+  const std::string long_text = "\"\\\"" + std::string(1 << 16, '1') + '"';
   std::vector<Cells> rows = Section("json_text.txt", "read");
   rows.insert(rows.end(), {{Deep(kMaxJsonDepth), Deep(kMaxJsonDepth)}, {long_text, long_text}});
   Json::Value value;

@@ -46,7 +46,9 @@ TEST_F(ProgramsTest, OnlyOneServesAndItStopsClean) {
       "exec zelttokenmgrd --stderr 2>&-");  // the store must not become its standard error
   EXPECT_TRUE(Eventually([&] { return Validate(token) == kPermitted; }));
   killed.End(SIGKILL);
-  Daemon next;
+  Daemon next("--drop-orphans-after 1s");
+  Shell("zelttoken issue fastapi @get");
+  EXPECT_TRUE(Eventually([] { return Value(Ask("{'type':'list'}"))["tokens"].size() == 1; }));
   EXPECT_EQ(Validate(token), kPermitted);
   EXPECT_EQ(next.End(SIGINT), 0);
   EXPECT_EQ(std::distance(fs::directory_iterator("/run/zelttokenmgr"), {}), 3)
@@ -136,5 +138,14 @@ TEST_F(ProgramsTest, NamesWhoElseMayWrite) {
 }
 
 TEST_F(ProgramsTest, SaysWhatAUserWouldBeGranted) { CheckSessions("daemon.txt", "grants"); }
+
+const int source_folder = fcntl(open(ZELT_SOURCE_DIR, O_PATH | O_DIRECTORY), F_DUPFD, 10);
+
+TEST_F(ProgramsTest, PythonPackage) {
+  const std::string folder = "/proc/self/fd/" + std::to_string(source_folder) + "/python";
+  Program tests("PYTHONPATH=" + folder + " exec python3 -B -W error " + folder +
+                "/tests/test_zelttokenmanager.py");
+  EXPECT_EQ(tests.End(), 0) << tests.Errors();
+}
 
 }  // namespace ZELT::ProgramsTests

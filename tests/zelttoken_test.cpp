@@ -62,7 +62,7 @@ TEST_F(CLibraryTest, SendsOnePayloadOrNothing) {
                                   "1,\"type\":\"revoke\"",
                                   "{\"a\":1,\"a\":2}",
                                   "1//",
-                                  "\"\xff\"",
+                                  "\"\xed\xa0\x80\"",
                                   "\"\\ud800\"",
                                   "1e999",
                                   "\"" + std::string(128 << 10, 'x') + "\""};

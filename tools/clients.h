@@ -170,21 +170,14 @@ inline std::uint64_t Wrongs() {
 inline void SignalClients(int signal) {
   for (const pid_t client : board->clients) client != 0 ? kill(client, signal) : 0;
 }
-inline void End(std::atomic<pid_t>& client) {
-  const pid_t process = client.exchange(0);
-  if (process != 0 && kill(process, SIGKILL) == 0) Finish(process);
-}
-inline void EndClients() { std::for_each(board->clients.begin(), board->clients.end(), End); }
-
-/// Ends the client with this number, if there is one, and starts it anew.
-inline void Restart(std::size_t number) {
-  std::atomic<pid_t>& client = board->clients.at(number);
-  End(client);
-  Start([number]() -> int { Live(number); }, kUsers.at(number % kUsers.size()));
-  EXPECT_TRUE(Eventually([&] { return client != 0; }));
+inline void EndClients() {
+  for (const pid_t client : board->clients) client != 0 ? EndProcess(client) : 0;
 }
 inline void StartClients() {
-  for (std::size_t number = 0; number < kClients; ++number) Restart(number);
+  for (std::size_t number = 0; number < kClients; ++number) {
+    Start([number]() -> int { Live(number); }, kUsers.at(number % kUsers.size()));
+    EXPECT_TRUE(Eventually([number] { return board->clients.at(number) != 0; }));
+  }
 }
 
 // Validates some of the tokens that clients work on, and the newest.

@@ -1,4 +1,4 @@
-"""Tests of zelttokenmanager. tests/python_test.cpp runs them on a private machine with a package
+"""Tests of zelttokenmanager. tests/programs_test.cpp runs them on a private machine with a package
 that runs as root and is granted to get "Demo.Item". Programs and modules are found through
 descriptors, which processes that the tests start must inherit."""
 
@@ -11,9 +11,10 @@ import subprocess
 import sys
 import threading
 import unittest
+from unittest import mock
 
 import zelttokenmanager
-from zelttokenmanager import Token, _exchange, aio
+from zelttokenmanager import Token, _calls, _exchange, aio
 
 FIRST, SECOND = _exchange.PATHS
 TABLE = pathlib.Path(__file__).parents[2] / "tests" / "tables" / "answers.txt"
@@ -118,6 +119,15 @@ class Answers(unittest.TestCase):
         ):  # fmt: skip
             self.assertEqual(outcome(call_aio, name, "s", *arguments), "Invalid")
         self.assertEqual(outcome(call_sync, "revoke", "s", "t", timeout=float("nan")), "Invalid")
+
+    def test_the_daemon_leaves_in_the_middle_of_a_request(self):
+        def take_a_byte():
+            with self.listener.accept()[0] as connection:
+                connection.recv(1)
+
+        threading.Thread(target=take_a_byte).start()
+        with mock.patch.object(_calls, "MAX_REQUEST_BYTES", 1 << 21):  # the kernel holds less
+            self.assertEqual(outcome(call_sync, "revoke", "s", "t" * (1 << 20)), "Interrupted")
 
     def test_time_limits(self):
         for call in call_sync, call_aio:
