@@ -29,19 +29,17 @@ class Server final : Awaiting {
 
   /// Raises the limit on descriptors as far as permitted. `request_handler` is called for each
   /// request, `work_after_answer` in the turn of each that was answered, and `periodic_work` about
-  /// once a second, also under load. None of them may throw.
-  /// `worker_slot` and `all_lines` must outlive the server; `listeners` stay the caller's.
-  /// `server_limits` are a seam: tests have lower ones. Throws `std::system_error` if there are no
-  /// descriptors for it.
+  /// once a second, also under load. None of them may throw. `worker_slot` and `all_lines` must
+  /// outlive the server; `listeners` stay the caller's. `server_limits` are a seam: tests have
+  /// lower ones. Throws `std::system_error` if there are no descriptors for it.
   Server(const std::vector<int>& listeners, const ServerLimits& server_limits,
          WorkerSlot& worker_slot, LineTotal& all_lines, Handler request_handler,
-         std::function<void()> periodic_work, std::function<void()> work_after_answer = [] {});
+         std::function<void()> periodic_work, std::function<void()> work_after_answer);
 
   /// Serves until SIGTERM. Then answers the connections that it has accepted, and those in the
   /// backlogs. Clients get one more second for the rest of a request and to fetch an answer. Throws
   /// `std::system_error` if it can no longer accept or wait.
   void Serve();
-
 
  private:
   using Clock = Connection::Clock;

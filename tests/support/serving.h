@@ -58,7 +58,8 @@ struct TestServer {
       if (request == "stop") kill(getpid(), SIGTERM);
       return handler(peer, request);
     };
-    Server({listener.Get(), second.Get()}, limits, slot, lines, answer, every_second).Serve();
+    Server({listener.Get(), second.Get()}, limits, slot, lines, answer, every_second, [] {
+    }).Serve();
     const timespec none{};
     sigtimedwait(&ending, nullptr, &none);  // takes it
   }
