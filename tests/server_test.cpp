@@ -42,8 +42,6 @@ bool ConnectAs(uid_t user, Clients& clients, const std::string& bytes) {
   return seteuid(0) == 0;
 }
 
-void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(3)); }
-
 TEST_F(ServerTest, SlowClientsAreClosedAtTheirDeadline) {
   TestServer server(kPath, {.deadline = kShort});
   server.While([](const auto&... /*request*/) { return kLongest; },
@@ -53,7 +51,7 @@ TEST_F(ServerTest, SlowClientsAreClosedAtTheirDeadline) {
                  const Client deaf(kPath, "ask\n");
                  EXPECT_TRUE(Client(kPath, "ask\n").Answer() == kLongest);
                  while (trickling.Write("x") || deaf.Write("x")) std::this_thread::yield();
-                 EXPECT_TRUE(silent.IsClosed());
+                 EXPECT_EQ(silent.Answer(), "none");
                  EXPECT_LT(deaf.Answer().size(), kLongest.size());
                });
 }
@@ -78,7 +76,7 @@ TEST_F(ServerTest, TheNextAccountIsTheOneThatSpentLeast) {
   if (!ConnectAs(kBob, clients, "begin\n")) GTEST_SKIP() << "no other users";
   std::vector<uid_t> order;
   const auto note = [&](const Peer& peer, const std::string& request) {
-    if (request != "small") Pause();
+    if (request != "small") std::this_thread::sleep_for(std::chrono::milliseconds(3));
     order.push_back(peer.credential.uid);
     for (int i = 0; request == "begin" && i < 20; ++i) {
       ConnectAs(kAlice, clients, "large\n");
@@ -179,20 +177,22 @@ TEST_F(ServerTest, AnEndingServerAnswersWhoWaits) {
   EXPECT_EQ(answered, clients.size());
 }
 
+// The sanitizers need descriptors when they see a class for the first time.
 TEST_F(ServerTest, WithoutDescriptorsItWaitsAndDoesNotSpin) {
   TestServer server(kPath);
   Clients clients;
+  clients.emplace_back(kPath, "request\n");
   rlimit usual{};
   getrlimit(RLIMIT_NOFILE, &usual);
   usual.rlim_cur = usual.rlim_max;  // as the server sets it
   int seconds = 0;
   server.Run(Echo, [&] {
-    if (++seconds == 1) clients.emplace_back(kPath + std::string("2"), "stop\n");
-    waits = seconds == 1 ? 0 : waits.load();
+    if (++seconds == 2) clients.emplace_back(kPath + std::string("2"), "stop\n");
+    waits = seconds == 2 ? 0 : waits.load();
     const rlimit none{.rlim_cur = 0, .rlim_max = usual.rlim_max};
-    setrlimit(RLIMIT_NOFILE, seconds == 1 ? &none : &usual);
+    setrlimit(RLIMIT_NOFILE, seconds == 2 ? &none : &usual);
   });
-  EXPECT_GE(seconds, 2);
+  EXPECT_GE(seconds, 3);
   EXPECT_LT(waits, 100);
 }
 

@@ -19,9 +19,6 @@ namespace {
 // Connections that are accepted before one is served. Accepting one takes a few microseconds.
 constexpr int kRound = 64;
 
-// How long an ending worker waits for the rest of a request.
-constexpr milliseconds kPatience{1000};
-
 // Descriptors for the store and the rest of the process.
 constexpr rlim_t kReservedDescriptors = 32;
 
@@ -68,13 +65,13 @@ Server::Server(const std::vector<int>& listeners, const ServerLimits& server_lim
 }
 
 // What a wait that sleeps finds came alone, and is served at once. The next wait does not sleep:
-// what it finds was waiting, and is accepted first. In the end, clients that connect as fast as
-// they are accepted must not prolong the second.
+// what it finds was waiting, and is accepted first. In the end, clients have a second for the rest
+// of a request or to fetch an answer, which others that go on connecting must not prolong.
 void Server::Serve() {
   bool busy = false;
   while (!terminating) busy = Step(!busy, busy ? kRound : 1);
   backlog.BeginDraining();
-  const auto end = next_second = now + kPatience;
+  const auto end = next_second = now + std::chrono::seconds(1);
   for (busy = true; busy || (now < end && !accounts.Empty());) {
     busy = Step(!busy, now < end ? kRound : 0);
   }
