@@ -49,8 +49,3 @@ void Backlog::StopListening() {
   for (const Source& each : sources) events.Control(EPOLL_CTL_DEL, each.fd);
   SetPending(false);
 }
-
-void Backlog::BeginDraining() {
-  StopListening();
-  SetPending(true);
-}

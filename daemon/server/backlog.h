@@ -33,8 +33,8 @@ class Backlog {
   /// was accepted for long.
   void Pause(int error);
 
-  /// Has all sockets pending for the last time.
-  void BeginDraining();
+  /// Stops waiting for connections until `Listen` is called.
+  void StopListening();
 
  private:
   struct Source final : Awaiting {
@@ -45,8 +45,6 @@ class Backlog {
     bool refuses_descriptors;
     bool is_pending = false;
   };
-
-  void StopListening();
 
   Poll& events;
   std::vector<Source> sources;

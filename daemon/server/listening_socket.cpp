@@ -105,9 +105,9 @@ int ListenAt(const std::string& path) {
   const std::string beside = path + "." + std::to_string(std::random_device{}());
   OwnedDescriptor listener = BindAndListen(beside);
   if (rename(beside.c_str(), path.c_str()) == 0) return listener.Release();
-  const std::runtime_error error = SystemError("cannot listen on " + path);
+  const std::string error = std::strerror(errno);
   unlink(beside.c_str());
-  throw error;
+  throw std::runtime_error("cannot listen on " + path + ": " + error);
 }
 
 std::string AddressOf(int socket) {

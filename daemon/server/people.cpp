@@ -13,8 +13,10 @@ namespace {
 
 constexpr const char* kSubordinate = "/etc/subuid";
 
-// Ranges that are read, and users that are kept. Far more than machines have.
+// Ranges that are read. Far more than machines have.
 constexpr std::size_t kMaxRanges = 100000;
+
+// Ids that are kept, and at most asked for in a second: asking a directory takes its time.
 constexpr std::size_t kMaxUsers = 1024;
 
 std::filesystem::file_time_type ChangeOf(const char* path) {
@@ -38,15 +40,16 @@ uid_t People::PersonOf(uid_t id) {
     if (range.person == kSomebody) range.person = IdOf(range.owner, range.first);
     return range.person;
   }
-  if (users.size() == kMaxUsers) users.clear();
-  const auto [user, is_new] = users.try_emplace(id, id);
-  if (is_new && getpwuid(id) == nullptr) user->second = kSomebody;
-  return user->second;
+  const auto known = users.find(id);
+  if (known != users.end()) return known->second;
+  if (users.size() == kMaxUsers) return kSomebody;
+  return users[id] = getpwuid(id) == nullptr ? kSomebody : id;
 }
 
 // Ids that nobody has are asked for again, because a directory may have been out of reach.
 void People::EverySecond() try {
-  std::erase_if(users, [](const auto& each) { return each.second == kSomebody; });
+  const bool is_full = users.size() == kMaxUsers;
+  std::erase_if(users, [=](const auto& each) { return is_full || each.second == kSomebody; });
   const std::array found = {ChangeOf(kSubordinate), ChangeOf("/etc/passwd")};
   if (found == changed) return;
   users.clear();

@@ -16,11 +16,10 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// Connections that are accepted before one is served. Accepting one takes a few microseconds.
+// Connections that are accepted, in some microseconds each, before requests are served; and these,
+// before others are looked for. An expensive one takes a few milliseconds.
 constexpr int kRound = 64;
-
-// How long an ending worker waits for the rest of a request.
-constexpr milliseconds kPatience{1000};
+constexpr int kTurns = 4;
 
 // Descriptors for the store and the rest of the process.
 constexpr rlim_t kReservedDescriptors = 32;
@@ -69,28 +68,32 @@ Server::Server(const std::vector<int>& listeners, const ServerLimits& server_lim
 }
 
 // What a wait that sleeps finds came alone, and is served at once. The next wait does not sleep:
-// what it finds was waiting, and is accepted first. In the end, clients that connect as fast as
-// they are accepted must not prolong the second.
+// what it finds was waiting, and is accepted first. In the end, clients have a second for the rest
+// of a request or to fetch an answer, which others that go on connecting must not prolong.
 void Server::Serve() {
   bool busy = false;
   while (!terminating) busy = Step(!busy, busy ? kRound : 1);
-  backlog.BeginDraining();
-  const auto end = next_second = now + kPatience;
-  for (busy = true; busy || (now < end && !accounts.Empty());) {
+  backlog.StopListening();
+  backlog.SetPending(true);
+  const auto end = next_second = now + std::chrono::seconds(1);
+  for (busy = true; busy || (now < end && !accounts.Empty());)
     busy = Step(!busy, now < end ? kRound : 0);
-  }
   accounts.EverySecond();
 }
 
-// Accepts what is waiting, at most `round` connections, and serves one. Returns whether there was
-// one to serve. An accept(2) that finds nothing costs as much as a third of a request, so the poll
-// is asked before each.
+// Accepts what is waiting, at most `round` connections, and serves some. Returns whether there were
+// any. An accept(2) that finds nothing costs much more than a wait that does.
 bool Server::Step(bool sleeps, int round) {
   Wait(sleeps);
   for (; round > 0 && accounts.MakeRoom() && AcceptOne(); --round) {
     if (round > 1) Wait(false);
   }
-  if (!accounts.AnyReady()) return false;
+  int served = 0;
+  for (; served < kTurns && accounts.AnyReady(); ++served) ServeNext();
+  return served > 0;
+}
+
+void Server::ServeNext() {
   Connection& connection = accounts.Next();
   Account& account = connection.account;
   try {
@@ -100,7 +103,6 @@ bool Server::Step(bool sleeps, int round) {
     backlog.Pause(ENOMEM);
   }
   accounts.Charge(account, Elapsed());
-  return true;
 }
 
 void Server::Wait(bool sleeps) {
@@ -177,5 +179,6 @@ void Server::Await(Connection& connection) {
 
 std::chrono::nanoseconds Server::Elapsed() {
   const auto before = std::exchange(now, Clock::now());
+  slot.seen = now.time_since_epoch().count();
   return now - before;
 }

@@ -46,6 +46,7 @@ class Server final : Awaiting {
 
   void BecomeReady() noexcept override { terminating = true; }
   bool Step(bool sleeps, int round);
+  void ServeNext();
   void Wait(bool sleeps);
   void EverySecond();
   bool AcceptOne();

@@ -24,16 +24,11 @@ struct Client : zeltdaemon::DomainSockConnection {
   std::string Answer() const {
     std::array<char, 16384> piece{};
     std::string answer;
-    for (ssize_t count = 1; count > 0;
-         answer.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)))) {
-      count = recv(fd, piece.data(), piece.size(), 0);
+    while (const auto count = std::max<ssize_t>(recv(fd, piece.data(), piece.size(), 0), 0)) {
+      answer.append(piece.data(), static_cast<std::size_t>(count));
     }
     if (answer.empty()) return "none";
     return answer.ends_with('\n') ? answer.substr(0, answer.size() - 1) : answer;
-  }
-  bool IsClosed() const {
-    std::array<char, 1> byte{};
-    return Eventually([&] { return recv(fd, byte.data(), byte.size(), MSG_DONTWAIT) == 0; });
   }
   int Descriptor() const { return fd; }
 };
@@ -41,11 +36,10 @@ struct Client : zeltdaemon::DomainSockConnection {
 /// Listens on sockets, at a path and at the same with "2", and serves them when told to.
 struct TestServer {
   explicit TestServer(const std::string& socket_path, const ServerLimits& server_limits = {})
-      : path(socket_path),
-        limits(server_limits),
-        listener(::ListenAt(path)),
-        second(::ListenAt(path + "2")) {
-    fs::permissions(path, fs::perms::all);
+      : limits(server_limits),
+        listener(::ListenAt(socket_path)),
+        second(::ListenAt(socket_path + "2")) {
+    fs::permissions(socket_path, fs::perms::all);
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
     sigprocmask(SIG_BLOCK, &ending, nullptr);
@@ -71,7 +65,6 @@ struct TestServer {
     kill(getpid(), SIGTERM);
   }
 
-  const std::string path;
   const ServerLimits limits;
   const OwnedDescriptor listener;
   const OwnedDescriptor second;
