@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
-#include <cstdio>
 #include <filesystem>
 #include <system_error>
 #include <thread>
@@ -31,9 +29,10 @@ unsigned int FlagsFor(const std::string& path, Database::Use use) {
 
 // Reads a line of mdb_reader_list: process, thread, and the commit that it reads, or "-" for none.
 int NoteOldest(const char* line, void* oldest) {
-  std::uint64_t commit = 0;
   auto& number = *static_cast<std::uint64_t*>(oldest);
-  if (std::sscanf(line, "%*s %*s %" SCNu64, &commit) == 1) number = std::min(number, commit);
+  const std::string_view fields(line);
+  const std::string last(fields.substr(fields.rfind(' ') + 1));
+  if (last[0] >= '0' && last[0] <= '9') number = std::min<std::uint64_t>(number, std::stoull(last));
   return 0;
 }
 

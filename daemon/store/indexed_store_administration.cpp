@@ -54,7 +54,8 @@ Page<TokenRow> IndexedStore::Select(MDB_txn* transaction, const TokenFilter& fil
   if (filter.ids.empty()) tables.VisitTokens(transaction, after, visit);
   for (auto id = filter.ids.upper_bound(after); id != filter.ids.end() && !page.next; ++id) {
     tables.VisitTokens(transaction, *id - 1, [&](const TokenKey& key, const Record& record) {
-      return IdOf(key) == *id && visit(key, record) && false;
+      if (IdOf(key) == *id) visit(key, record);
+      return false;
     });
   }
   return page;

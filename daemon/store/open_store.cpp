@@ -99,11 +99,6 @@ void Replace(const std::string& path, std::optional<OldStore>& old, std::uint64_
   SyncDirectory(fs::path(path).parent_path());
 }
 
-bool IsShortage(const std::error_code& error) {
-  return error == std::errc::no_space_on_device || error == std::errc::file_too_large ||
-         error.value() == EDQUOT;
-}
-
 }  // namespace
 
 void RebuildStore(const StoreOptions& options) {
@@ -112,7 +107,8 @@ void RebuildStore(const StoreOptions& options) {
   try {
     Replace(options.path, old, bytes);
   } catch (const std::system_error& error) {
-    if (!IsShortage(error.code())) throw;
+    const int cause = error.code().value();
+    if (cause != ENOSPC && cause != EFBIG && cause != EDQUOT) throw;
     const std::string what = "the store needs " + std::to_string(bytes) + " bytes for a new file";
     if (!old || old->tables.IsFormat1()) throw std::system_error(error.code(), what);
     // A copy of a store may have holes, for which there may be no space later.

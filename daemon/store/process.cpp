@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <stdexcept>
@@ -43,7 +44,8 @@ BootId ReadBootId() {
   BootId boot{};
   text.resize(2 * boot.size());
   for (std::size_t i = 0; i < boot.size(); ++i) {
-    if (std::sscanf(&text[2 * i], "%2hhx", &boot[i]) == 1) continue;
+    const char* const digits = &text[2 * i];
+    if (std::from_chars(digits, digits + 2, boot[i], 16).ptr == digits + 2) continue;
     throw std::runtime_error("/proc/sys/kernel/random/boot_id cannot be read");
   }
   return boot;
@@ -79,6 +81,7 @@ std::optional<ProcessIdentity> IdentifyProcess(pid_t pid) {
   char state = 'X';
   std::int64_t threads = 0;
   std::uint64_t start = 0;
+  // NOLINTNEXTLINE(cert-err34-c): the kernel's numbers fit
   std::sscanf(status.c_str() + std::min(status.rfind(')'), status.size()),
               ") %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %" SCNd64
               " %*s %" SCNu64,
@@ -96,12 +99,11 @@ std::optional<ProcessIdentity> IdentifyPeer(const Peer& peer) {
 }
 
 bool Judge::IsDead(const ProcessIdentity& process) {
+  const auto found = known.find(process.pid);
+  if (found != known.end()) return found->second != process;
   if (process.boot != CurrentBoot() || !IsProcess(process.pid)) return true;
-  auto found = known.find(process.pid);
-  if (found == known.end() && !IsTired()) {
-    found = known.emplace(process.pid, IdentifyProcess(process.pid)).first;
-  }
-  return found != known.end() && found->second != process;
+  if (IsTired()) return false;
+  return known.emplace(process.pid, IdentifyProcess(process.pid)).first->second != process;
 }
 
 std::string ProcessName(pid_t pid) {

@@ -60,7 +60,8 @@ void RecordHeader::SetOwner(const ProcessIdentity& owner) {
 }
 
 std::chrono::nanoseconds RecordHeader::LifeLeft(const StoreOptions& options) const {
-  const auto [shorter, longer] = std::minmax(std::chrono::nanoseconds(lifetime), options.max_age);
+  const std::chrono::nanoseconds own(lifetime);
+  const auto& [shorter, longer] = std::minmax(own, options.max_age);
   const auto limit = shorter.count() > 0 ? shorter : longer;
   return limit.count() == 0 ? kForever : limit - Age(issued);
 }

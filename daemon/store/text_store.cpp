@@ -32,7 +32,7 @@ void EndLastLine(const std::string& path) {
 
 }  // namespace
 
-TextStore::TextStore(const std::string& file) : path(file), storage(file) { EndLastLine(path); }
+TextStore::TextStore(const std::string& file) : storage(file) { EndLastLine(file); }
 
 void TextStore::Change(const Peer& /*peer*/, const std::function<void()>& work) {
   removed.reset();

@@ -26,7 +26,6 @@ class TextStore : public TokenStore {
   TokenRow Inspect(const std::string& token) override;
 
  private:
-  const std::string path;
   ZELT::TokenManager::JsonFileStorage storage;
   std::optional<std::string> removed;
 };
