@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "service_manager.h"
 #include "support/testing.h"
 #include "unix_address.h"
 #include "watch.h"
@@ -117,6 +118,7 @@ TEST(SupervisorTest, KillsOneOfTwoThatHang) {
   ASSERT_EQ(TokenManager::UnixAddress(address).Bind(notified), 0);
   setenv("NOTIFY_SOCKET", address.c_str(), 1);
   setenv("WATCHDOG_USEC", "1000", 1);
+  EXPECT_EQ(WatchdogInterval(), std::chrono::microseconds(500));
   const auto hears_watchdog = [notified] {
     std::array<char, 10> state{};
     return recv(notified, state.data(), state.size(), 0) > 0 && state[0] == 'W';

@@ -29,7 +29,7 @@ struct Record {
 };
 
 enum class Mode { kUsual, kHoard, kDrain };  // kHoard: mostly issue; kDrain: do not issue
-enum Counter { kAnswered, kUnanswered, kLost, kHonoured, kTwoOwners, kWrong, kFull, kRevoked };
+enum Counter { kAnswered, kUnanswered, kLost, kHonoured, kTwoOwners, kWrong, kRevoked };
 
 // What all processes see. Each phase begins with zeros.
 struct Board {
@@ -107,10 +107,9 @@ inline void Transfer(Record& record, const std::atomic<pid_t>& client) {
 
 // Returns the number of a new record, or 0.
 inline std::uint32_t IssueNew() {
-  const Counter refused = board->mode == Mode::kUsual ? kWrong : kFull;
   std::string text;
   const Answer answer = Send("issue", board->records[0], kGet, &text);
-  if (answer == Answer::kNo) ++board->counts[refused];
+  if (answer == Answer::kNo && board->mode == Mode::kUsual) ++board->counts[kWrong];
   if (answer != Answer::kYes) return 0;
   const std::uint32_t number = ++board->count;
   Record& record = board->records.at(number);
