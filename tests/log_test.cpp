@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <syslog.h>
 
+#include "line_allowance.h"
 #include "support/logged.h"
 #include "unix_address.h"
 
@@ -66,6 +67,15 @@ TEST_F(LogTest, ALoggerThatStallsOrStartsAgainLosesLines) {
     close(logger);
   }
   Check(umount("/dev"), "/dev");
+}
+
+TEST(LineTotalTest, KeepsLinesForOthersInEachSecond) {
+  LineTotal total;
+  const auto take = [&](int now, unsigned own) {
+    return total.Take(std::chrono::seconds(now), own);
+  };
+  for (int i = 0; i < 200; ++i) EXPECT_TRUE(take(1, 0));
+  EXPECT_TRUE(take(1, 9) && !take(1, 10) && take(2, 10));
 }
 
 }  // namespace ZELT::LogTests

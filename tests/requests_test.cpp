@@ -220,15 +220,6 @@ TEST_F(WorkerTest, DoesNotLetAUserFloodTheLog) {
   EXPECT_NE(Logged([&] { worker.handler.Answer(bob, ""); }), "");
 }
 
-TEST(LineTotalTest, KeepsLinesForOthersInEachSecond) {
-  LineTotal total;
-  const auto take = [&](int now, unsigned own) {
-    return total.Take(std::chrono::seconds(now), own);
-  };
-  for (int i = 0; i < 200; ++i) EXPECT_TRUE(take(1, 0));
-  EXPECT_TRUE(take(1, 9) && !take(1, 10) && take(2, 10));
-}
-
 TEST_F(WorkerTest, LetsAnAdministratorLookAfterTokens) {
   const pid_t ended = Start([] { return pause(); });
   Worker worker;

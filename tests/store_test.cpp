@@ -1,88 +1,17 @@
-#include <fnmatch.h>
-#include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include <atomic>
-#include <numeric>
-#include <set>
 
 #include "database.h"
-#include "open_store.h"
 #include "process.h"
-#include "support/logged.h"
-#include "support/peers.h"
-#include "support/tables.h"
-#include "tables.h"
+#include "support/one_worker.h"
 
 namespace ZELT::StoreTests {
 
-using testing::HasSubstr;
-using testing::StartsWith;
-
-constexpr uid_t kAlice = 4001;
 constexpr uid_t kBob = 4002;
-constexpr const char* kPath = "/tmp/store/tokens.mdb";
-const StoreOptions kOptions{.path = kPath};
 constexpr const char* kUnknown = "the store has no such token";
 constexpr const char* kStranger =
     "the peer has the process id of the owner, but is another process";
-
-/// A daemon of one worker, with what a token manager does with its store.
-struct Daemon {
-  explicit Daemon(const StoreOptions& store_options = kOptions) : options(store_options) {
-    if (options.format == StoreFormat::kIndexed) RebuildStore(options);
-    lock.LockRebuilt();
-    opened = OpenStore(options, lock, slot);
-  }
-
-  std::string InChange(const Peer& peer, const std::function<void(TokenStore&)>& use) const {
-    return Outcome([&] { opened.store->Change(peer, [&] { use(*opened.store); }); });
-  }
-
-  std::string Issue(const std::string& token, const Peer& peer = From(kAlice),
-                    const std::string& payload = "[]",
-                    std::optional<std::chrono::seconds> lifetime = {}) const {
-    names[IdOf(KeyOf(token))] = token;
-    const std::string data =
-        "{'requester':'alice','service':'fastapi','pid':" + std::to_string(peer.credential.pid) +
-        ",'payload':" + payload + "}";
-    return InChange(peer, [&](TokenStore& store) {
-      if (lifetime) store.ExpireAfter(*lifetime);
-      store.Insert(token, Value(data));
-    });
-  }
-
-  std::string Revoke(const std::string& token, const Peer& peer = From(kAlice),
-                     std::optional<pid_t> heir = {}) const {
-    return InChange(peer, [&](TokenStore& store) {
-      Json::Value data = store.GetAssociatedData(token);
-      store.Remove(token);
-      data["pid"] = heir.value_or(0);
-      if (heir) store.Insert(token, data);
-    });
-  }
-  std::string Transfer(const std::string& token, pid_t heir) const {
-    return Revoke(token, From(kAlice), heir);
-  }
-
-  std::string Pid(const std::string& token) const {
-    return Outcome([&] { return opened.store->GetAssociatedData(token)["pid"]; });
-  }
-
-  // The names of the tokens in a list.
-  std::string List(const TokenFilter& filter = {}) const {
-    std::set<std::string> listed;
-    for (const TokenRow& row : opened.store->List(filter, 0).rows) listed.insert(names[row.id]);
-    return std::accumulate(listed.begin(), listed.end(), std::string());
-  }
-
-  static inline std::map<std::uint64_t, std::string> names;
-  StoreOptions options;
-  StoreLock lock{options};
-  WorkerSlot slot;
-  OpenedStore opened;
-};
 
 pid_t StartSleeper() {
   return Start([] { return pause(); });
@@ -262,115 +191,6 @@ TEST_F(StoreTest, WaitsForAReaderThatWasStoppedToBeKilled) {
   EndProcess(reader);
   writer.join();
   EXPECT_EQ(done, 5000);
-}
-
-TEST_F(StoreTest, RefusesWhatIsDamagedOrForeignAndLeavesItAsItIs) {
-  for (const Cells& row : Section("store.txt", "damage")) {
-    MountEmpty("/tmp", "mode=755");
-    {
-      const Daemon daemon;  // with some hundred tokens
-      for (int i = 0; i < 300; ++i) daemon.Issue("t" + std::to_string(i));
-      const Database fresh("/tmp/store/fresh", Database::Use::kMake, 1U << 20);
-    }
-    Shell("cd /tmp/store; " + row[0]);
-    const auto look = [] { return Shell("stat -c '%n %f %u %s %h' /tmp /tmp/store /tmp/store/*"); };
-    const std::string before = look();
-    const std::string seen = Outcome([] { const Daemon daemon; });
-    EXPECT_EQ(fnmatch(row[1].c_str(), seen.c_str(), 0), 0) << row[0] << ": " << seen;
-    EXPECT_EQ(look(), before) << row[0];
-  }
-}
-
-void Put(const Transaction& change, const char* name, std::string_view key,
-         std::string_view value) {
-  MDB_dbi table = 0;
-  MDB_val put_key = ValueOf(key);
-  MDB_val put_value = ValueOf(value);
-  Expect(mdb_dbi_open(change.get(), name, MDB_CREATE, &table), name);
-  Expect(mdb_put(change.get(), table, &put_key, &put_value, 0), name);
-}
-
-// Whose tokens were their own keys, and had ids in front of their headers.
-TEST_F(StoreTest, TakesOverAStoreOfTheLastRelease) {
-  { const StoreLock directory(kOptions); }
-  {
-    Database made(kPath, Database::Use::kMake, 1U << 20);
-    Transaction change = made.Begin();
-    const std::string text = R"({"pid":7,"service":"fastapi"})";
-    RecordHeader header;
-    header.service_size = 7;
-    header.text_size = static_cast<std::uint32_t>(text.size());
-    header.SetOwner(*IdentifyProcess(getpid()));
-    std::string record = EncodeRecord({header, "fastapi", text});
-    record.replace(offsetof(RecordHeader, lifetime), 16, std::string(sizeof(Moment), '\0'));
-    Put(change, "meta", "format", "Zelt token store 1");
-    Put(change, "tokens", "a", "01234567" + record);
-    Put(change, "usage", std::string(4, '\0') + "fastapi", std::string("\1").append(7, '\0'));
-    made.Commit(std::move(change));
-  }
-  const Daemon daemon;
-  EXPECT_EQ(daemon.Pid("a"), "7");
-  EXPECT_EQ(daemon.Transfer("a", getppid()), "done");
-  EXPECT_EQ(daemon.opened.store->Usage(0).rows[0].service, "fastapi");
-}
-
-TEST_F(StoreTest, GoesOnWithTheOldFileIfThereIsNoSpaceForANewOne) {
-  MountEmpty("/tmp", "mode=755,size=4m");
-  for (const char* token : {"a", "b"}) {
-    const std::string log = Logged([&] {
-      const Daemon daemon({.path = kPath, .bytes = 1U << 20});
-      EXPECT_EQ(daemon.Issue(token), "done");
-      EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
-    });
-    EXPECT_EQ(log.find("the store needs 3145728 bytes") == log.npos, *token == 'a') << log;
-  }
-}
-
-TEST_F(StoreTest, IsUsedByOneDaemonOnly) {
-  const Daemon daemon;
-  EXPECT_EQ(Outcome([&] { StoreLock(daemon.options, std::chrono::milliseconds(1)); }),
-            "another daemon uses the store /tmp/store/tokens.mdb");
-  fs::rename("/tmp/store/tokens.mdb", "/tmp/store/old");
-  for (int replaced = 0; replaced < 2; ++replaced) {
-    WorkerSlot slot;
-    EXPECT_EQ(Outcome([&] { OpenStore(daemon.options, daemon.lock, slot); }),
-              "/tmp/store/tokens.mdb was removed, replaced or truncated; restart the daemon");
-    fs::copy_file("/tmp/store/old", "/tmp/store/tokens.mdb", fs::copy_options::overwrite_existing);
-  }
-}
-
-TEST_F(StoreTest, MakesItsDirectory) {
-  const mode_t mask = umask(0);
-  Daemon({.path = "/tmp/a/b/tokens"});
-  Daemon({.path = "/tmp/c/tokens", .public_directory = "/tmp/c"});
-  umask(mask);
-  EXPECT_EQ(Shell("stat -c %a /tmp/a /tmp/a/b /tmp/a/b/tokens /tmp/c"), "755\n700\n600\n755\n");
-}
-
-TEST_F(StoreTest, TheTextStoreHasItsOwnDirectoryAndOneOwnerForAToken) {
-  StoreOptions options{.path = "/tmp/tokens", .format = StoreFormat::kText};
-  EXPECT_THAT(Outcome([&] { Daemon{options}; }),
-              StartsWith("/tmp was not created by the text store, which would change its mode;"));
-  options.path = "/tmp/text/tokens";
-  {
-    const Daemon daemon(options);
-    EXPECT_EQ(daemon.Issue("a", From(kAlice, 1)), "done");
-    EXPECT_THAT(daemon.Transfer("a", 0), StartsWith("no living process"));
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{.rlim_cur = fs::file_size(options.path), .rlim_max = RLIM_INFINITY};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    EXPECT_NE(daemon.Transfer("a", getpid()), "done");  // which needs more bytes
-    limit.rlim_cur = RLIM_INFINITY;
-    setrlimit(RLIMIT_FSIZE, &limit);
-    EXPECT_EQ(daemon.Pid("a"), "1");
-    EXPECT_EQ(daemon.Transfer("a", getpid()), "done");
-    EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
-    EXPECT_EQ(Outcome([&] { daemon.List(); }), "the text store cannot do this");
-  }
-  std::ofstream(options.path, std::ios::app) << "torn {";
-  const Daemon daemon(options);
-  for (const auto& outcome : {daemon.Issue("b"), daemon.Revoke("a")}) EXPECT_EQ(outcome, "done");
-  EXPECT_EQ(daemon.Pid("b"), std::to_string(getpid()));
 }
 
 }  // namespace ZELT::StoreTests

@@ -1,6 +1,5 @@
 #!/bin/bash
-# Compares the options and commands of a program with its manual page and its completion, and the
-# defaults that it prints with those of the page ("by default VALUE").
+# Compares the options and commands of a program with its manual page and its completion.
 # Usage: options.sh PROGRAM PAGE COMPLETION
 set -euo pipefail
 program=$1 page=$2 completion=$3
@@ -22,11 +21,3 @@ known=$(for command in '' $commands; do
 done | options)
 diff <(echo "$known") <(grep '^\*-' "$page" | options)
 diff <(echo "$known") <(grep -v '^#' "$completion" | options)
-
-plain() { tr -d '*_,' | sed 's/[.;]$//' | numfmt --from=iec --invalid=ignore; }
-"$program" --help | sed -nE 's/^  (--[a-z-]+) .*=([^ ]+)( .*)?$/\1 \2/p' | while read -r option value; do
-  [ "$option" != --workers ] || continue # depends on the machine
-  stated=$(sed -n "/^\*$option\*/,/^$/p" "$page" | tr -s '\n\t' ' ' | grep -oiP 'by default \K[^ ]+' || true)
-  [ "$(plain <<<"$stated")" = "$(plain <<<"$value")" ] ||
-    missing "by default $value, for $option," "$page"
-done

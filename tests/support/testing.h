@@ -160,14 +160,7 @@ inline bool WaitsToLock(pid_t process, const std::string& kind) {
   return Eventually([&] { return ReadFile("/proc/locks").find(line) != std::string::npos; });
 }
 
-inline long OpenDescriptors(const std::string& process = "self") {
-  return std::distance(fs::directory_iterator("/proc/" + process + "/fd"), {});
-}
-/// Memory of its own in KiB, without what is shared with files.
-inline long OwnMemory(const std::string& process = "self") {
-  const std::string status = ReadFile("/proc/" + process + "/status");
-  return std::stol(status.substr(status.find("RssAnon:") + 8));
-}
+inline long OpenDescriptors() { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); }
 
 inline std::mutex log_mutex;
 inline std::string log_text;
