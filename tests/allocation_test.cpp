@@ -2,8 +2,7 @@
 // works.
 #include <cstdlib>
 
-#include "daemon_socket.h"
-#include "support/fake_daemon.h"
+#include "support/testing.h"
 #include "zelttokenmanager/service/fastapi.h"
 #include "zelttokenmanager/service/taskmanager.h"
 #include "zelttokenmanager/storage/json_file_storage.h"
@@ -72,8 +71,7 @@ const std::pair<Call, const char*> kCalls[] = {
        world.manager.InsertTokenInformation("t", world.data);
        return world.manager.GetAssociatedData("t")["payload"][0]["n"][0];
      },
-     "0.5"},
-    {[](World&) { return SendIssueRequest("s", kGrant); }, "'t'"}};
+     "0.5"}};
 
 // Returns whether the call needed fewer allocations, or -1 when something is wrong.
 int FailOne(const std::pair<Call, const char*>& row, int before) {
@@ -90,12 +88,6 @@ int FailOne(const std::pair<Call, const char*>& row, int before) {
 TEST_F(AllocationTest, AFailedOneHarmsNoLaterCall) {
   WriteFile("/tmp/installed/alice", "{\"fastapi\":[" + Requoted(Text(kGrant)) + "]}");
   fs::create_directories("/var/packages/alice");
-  const pid_t daemon = Start([] {
-    const OwnedDescriptor listener = ListenAt(kSocketPath);
-    while (true) AnswerOne(listener, R"({"success":true,"token":"t"})");
-    return 0;
-  });
-  ASSERT_TRUE(Eventually([] { return fs::exists(kSocketPath); }));
   IsIdentityInPermittedList("bob", Value("[]"),
                             "");  // libc's first look-up needs memory, or crashes
   for (const auto& row : kCalls) {
@@ -105,7 +97,6 @@ TEST_F(AllocationTest, AFailedOneHarmsNoLaterCall) {
       EXPECT_LT(failed, 2) << &row - kCalls << ", allocation " << before;
     }
   }
-  EndProcess(daemon);
 }
 
 }  // namespace ZELT::TokenManager::AllocationTests

@@ -12,11 +12,6 @@ add_test(NAME quoted_service COMMAND bash -c "diff examples/printing.h <(
     sed -n '/^```cpp$/,/^```$/p' docs/architecture.md | sed '1d;$d')"
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 
-add_test(NAME documented_paths COMMAND bash -c [[
-    ! grep -ohE '`[a-z]+/[A-Za-z0-9_./-]*`' docs/*.md CONTRIBUTING.md | tr -d '`' | sort -u |
-      while read -r path; do [ -e "$path" ] || echo "there is no $path"; done | grep .]]
-  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
-
 # The tests, and the phases of the torture, that docs/reliability.md refers to.
 add_test(NAME documented_tests COMMAND bash -c [[
     ! grep -oE '[A-Z]+[a-z]+[A-Z][A-Za-z0-9]+' docs/reliability.md | sort -u |

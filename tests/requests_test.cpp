@@ -128,20 +128,6 @@ TEST_F(WorkerTest, LooksForAPackageOfAUserOnceASecond) {
   EXPECT_TRUE(Eventually([&] { return !worker.Issue(kCarol).empty(); }));
 }
 
-TEST(UsersWithoutPackageTest, AreForgottenWhenTheyAreTooMany) {
-  UsersWithoutPackage users;
-  constexpr uid_t kLast = UsersWithoutPackage::kMaxUsers + 1;
-  for (uid_t user = 0; user <= kLast; ++user) {
-    try {
-      throw std::runtime_error("refused");
-    } catch (...) {
-      users.Remember(user, {});
-    }
-  }
-  EXPECT_EQ(Outcome([&] { users.Refuse(3, {}); }), "done");
-  EXPECT_EQ(Outcome([&] { users.Refuse(kLast, {}); }), "refused");
-}
-
 TEST_F(WorkerTest, TakesATokenThroughItsLifeAndNotesIt) {
   const pid_t heir = Start([] { return pause(); });
   Worker worker(true);
@@ -252,12 +238,6 @@ TEST_F(WorkerTest, AnswersInPages) {
   }
   EXPECT_EQ(sizes, "100 100 50 ");
   EXPECT_EQ(Value(worker.Ask(kRoot, "{'type':'drop','user':'alice'}"))["dropped"], 100);
-}
-
-TEST(BoardTest, SortsTimesByPowersOfTwo) {
-  for (const Cells& row : Rows("times")) {
-    EXPECT_EQ(TimeBucket(std::chrono::nanoseconds(std::stoll(row[0]))), std::stoul(row[1]));
-  }
 }
 
 TEST_F(WorkerTest, CountsWhatWorkersDo) {

@@ -183,43 +183,6 @@ restarted() {
   systemctl restart $service
 }
 
-# When old files are removed from /tmp, the socket is kept, even while no daemon serves it.
-cleaning() {
-  systemctl stop $sockets $service
-  echo 'q /tmp 1777 root root 0' >/etc/tmpfiles.d/tmp.conf
-  touch /tmp/old
-  systemd-tmpfiles --clean
-  rm /etc/tmpfiles.d/tmp.conf
-  [ ! -e /tmp/old ] || fail "the old file was not removed"
-  expect 0 '*' ls $socket $second $store
-  systemctl start $sockets $service
-  life_of_a_token
-}
-
-# A service that systemd starts for its socket, awaits and watches. It owns its token.
-replaced_service() {
-  cat >/home/demo/service.pl <<'EOF'
-use IO::Socket::UNIX;
-$ENV{LISTEN_PID} == $$ && $ENV{WATCHDOG_PID} == $$ or die "another process is meant";
-IO::Socket::UNIX->new(Type => SOCK_DGRAM, Peer => $ENV{NOTIFY_SOCKET})->send("READY=1") or die;
-my $server = IO::Socket::UNIX->new_from_fd(3, "r+");
-while (my $client = $server->accept) { print $client $ENV{ZELT_TOKEN} }
-EOF
-  printf '%s\n' '[Socket]' ListenStream=/run/replaced.sock >/etc/systemd/system/replaced.socket
-  printf '%s\n' '[Service]' User=demo Type=notify WatchdogSec=60 \
-    "ExecStart=/usr/bin/zelttoken exec fastapi '$grant' -- perl /home/demo/service.pl" \
-    >/etc/systemd/system/replaced.service
-  systemctl daemon-reload
-  systemctl start replaced.socket
-  local token
-  token=$(timeout 30 perl -MIO::Socket::UNIX -e 'print IO::Socket::UNIX->new("/run/replaced.sock")->getline')
-  expect 0 permitted zelttoken validate fastapi "$token" "$use"
-  expect 0 active systemctl is-active replaced
-  expect 0 "* $(systemctl show --value -p MainPID replaced) *perl *alive *" zelttoken list
-  systemctl stop replaced.socket replaced.service
-  expect 0 '* orphan *' zelttoken list
-}
-
 with_options() { echo "ZELTTOKENMGRD_OPTIONS='$1'" >/etc/default/zelttokenmgr; }
 
 # A start that cannot succeed is not repeated, even for waiting clients. Afterwards, a
@@ -280,8 +243,7 @@ purge() {
   expect 0 '' left_behind
 }
 
-readonly all=(install readme upgrade restarted cleaning replaced_service failed_start
-  administration purge)
+readonly all=(install readme upgrade restarted failed_start administration purge)
 
 run_steps() {
   local step
