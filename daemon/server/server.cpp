@@ -16,10 +16,10 @@ using std::chrono::milliseconds;
 
 namespace {
 
-// Connections that are accepted, in some microseconds each, before requests are served; and these,
-// before others are looked for. An expensive one takes a few milliseconds.
+// Connections that are accepted, in some microseconds each, before requests are served; and how
+// long these are served before others are looked for.
 constexpr int kRound = 64;
-constexpr int kTurns = 4;
+constexpr std::chrono::microseconds kSlice{250};
 
 // Descriptors for the store and the rest of the process.
 constexpr rlim_t kReservedDescriptors = 32;
@@ -82,15 +82,14 @@ void Server::Serve() {
 }
 
 // Accepts what is waiting, at most `round` connections, and serves some. Returns whether there were
-// any. An accept(2) that finds nothing costs much more than a wait that does.
+// any.
 bool Server::Step(bool sleeps, int round) {
   Wait(sleeps);
-  for (; round > 0 && accounts.MakeRoom() && AcceptOne(); --round) {
-    if (round > 1) Wait(false);
+  while (round-- > 0 && accounts.MakeRoom() && AcceptOne()) {
   }
-  int served = 0;
-  for (; served < kTurns && accounts.AnyReady(); ++served) ServeNext();
-  return served > 0;
+  const bool any = accounts.AnyReady();
+  for (const auto end = now + kSlice; accounts.AnyReady() && now < end;) ServeNext();
+  return any;
 }
 
 void Server::ServeNext() {
