@@ -124,7 +124,7 @@ struct Torture : ProgramsTest, testing::WithParamInterface<Phase> {
 
 const Phase kPhases[] = {
     {"FullSpeed", 0.08, 1U << 30, [](Torture&) { board->pause = 0, Pause(100000); }},
-    {"WorkerKilled", 0.16, 500, [](Torture& t) { t.KillWorker(); }, 1},
+    {"WorkerKilled", 0.16, 500, [](Torture& t) { t.KillWorker(); }, 4},
     {"DaemonKilled", 0.10, 200, [](Torture& t) { t.EndDaemon(SIGKILL), t.StartDaemon(); }, kAny},
     {"FullTmpfs", 0.03, 10, [](Torture&) { Torture::Fill(); }},
     {"FullExt4", 0.03, 10, [](Torture&) { Torture::Fill(); }, 0, "ext4"},
