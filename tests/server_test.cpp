@@ -63,9 +63,12 @@ TEST_F(ServerTest, WhatArrivedInTimeDuringAStallIsServed) {
   const Client stalling(kPath, "stall\n");
   const auto stall = [&](const Peer& /*peer*/, const std::string& request) {
     if (request == "stall" && early.Write("early\n")) std::this_thread::sleep_for(kStall);
-    return request;
+    return request == "stall" ? kLongest : request;
   };
-  server.While(stall, [&] { EXPECT_EQ(early.Answer(), "early"); });
+  server.While(stall, [&] {
+    EXPECT_TRUE(stalling.Answer() == kLongest);
+    EXPECT_EQ(early.Answer(), "early");
+  });
 }
 
 // Bob spends much alone, then asks for little, while Alice begins to ask for more. Hers are served

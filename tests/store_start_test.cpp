@@ -101,6 +101,7 @@ TEST_F(StoreStartTest, TheTextStoreHasItsOwnDirectoryAndOneOwnerForAToken) {
   options.path = "/tmp/text/tokens";
   {
     const Daemon daemon(options);
+    EXPECT_THAT(Outcome([&] { StoreLock(options, {}); }), HasSubstr(" uses the store /tmp/text"));
     EXPECT_EQ(daemon.Issue("a", From(kAlice, 1)), "done");
     EXPECT_THAT(daemon.Transfer("a", 0), StartsWith("no living process"));
     signal(SIGXFSZ, SIG_IGN);

@@ -102,12 +102,9 @@ TEST_F(StoreTest, LimitsUsersAndThenDropsTheirOrphans) {
   for (const char* token : {"d", "e"}) EXPECT_EQ(daemon.Issue(token), "done");
   EXPECT_THAT(daemon.Issue("f"), HasSubstr("user 4001 holds 20 of at most 20 tokens"));
   EXPECT_EQ(daemon.Issue("g", From(kBob, dead)), "done");
-  store.AfterAnswer();
   EXPECT_EQ(daemon.List({.user = kAlice}), "ABCDEFGHIJKLMNOPQRde");
   EndProcess(dead);
-  store.AfterAnswer();
   EXPECT_NE(daemon.Issue("f"), "done") << "nobody was refused a token since then";
-  store.AfterAnswer();
   EXPECT_EQ(daemon.Issue("f"), "done");
   EXPECT_EQ(daemon.List(), "defg");
   store.EverySecond();
@@ -139,7 +136,6 @@ TEST_F(StoreTest, RefusesAndDropsTokensThatAreTooOld) {
   const Daemon daemon({.path = kPath, .tokens_per_user = 1, .max_age = kSoon});
   EXPECT_EQ(daemon.Pid("a"), kUnknown);
   EXPECT_THAT(daemon.Issue("c"), HasSubstr("holds 1 of at most 1 tokens"));
-  daemon.opened.store->AfterAnswer();
   EXPECT_EQ(daemon.Issue("c"), "done") << "in the place of the old one";
 }
 

@@ -33,8 +33,7 @@ void Connection::Hold(std::size_t bytes) {
 
 // A longest request is received at once. If it was left in part, it could be given up at a limit.
 Connection::State Connection::Receive() {
-  std::array<char, zeltdaemon::kMaxRequestBytes + 1>
-      bytes;  // NOLINT(*-member-init): written before it is read
+  std::array<char, zeltdaemon::kMaxRequestBytes + 1> bytes;  // NOLINT(*-member-init): recv(2)
   const ssize_t count = socket.Receive(bytes.data(), bytes.size());
   if (count < 0) return errno == EAGAIN ? State::kIncomplete : State::kGone;
   if (count == 0) return request.empty() ? State::kGone : State::kWhole;

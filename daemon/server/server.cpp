@@ -133,7 +133,8 @@ bool Server::AcceptOne() {
     const Peer peer = {.credential = ZELT::TokenManager::GetPeerCredential(accepted.Get()),
                        .accepted = SinceBoot(),
                        .connection = accepted.Get()};
-    accounts.Charge(accounts.Add(std::move(accepted), peer), Elapsed());
+    Account& account = accounts.Add(std::move(accepted), peer);
+    accounts.Charge(account, Elapsed());
   } catch (const std::bad_alloc&) {
     backlog.Pause(ENOMEM);
   } catch (const std::exception&) {  // the peer is unknown
@@ -165,7 +166,7 @@ void Server::Write(Connection& connection) {
 }
 
 void Server::SetDeadline(Connection& connection) {
-  connection.deadline = now + limits.deadline;
+  connection.deadline = Clock::now() + limits.deadline;  // the handler may have taken long
   connection.unlink();
   due.push_back(connection);
 }

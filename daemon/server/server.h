@@ -36,9 +36,9 @@ class Server final : Awaiting {
          WorkerSlot& worker_slot, LineTotal& all_lines, Handler request_handler,
          std::function<void()> periodic_work, std::function<void()> work_after_answer);
 
-  /// Serves until SIGTERM. Then answers the connections that it has accepted, and those in the
-  /// backlogs. Clients get one more second for the rest of a request and to fetch an answer. Throws
-  /// `std::system_error` if it can no longer accept or wait.
+  /// Serves until SIGTERM. Then accepts for one more second what is in the backlogs, gives clients
+  /// that time for the rest of a request and to fetch an answer, and answers what it has accepted.
+  /// Throws `std::system_error` if it can no longer accept or wait.
   void Serve();
 
  private:

@@ -18,6 +18,8 @@ constexpr std::uint64_t kLeftForOthers = 256;
 
 constexpr std::chrono::seconds kLongestLifetime = std::chrono::hours(100 * 365 * 24);
 
+constexpr std::size_t kMostSearched = 32'768;  // tokens, for a user who is refused one
+
 // Longer than the supervisor takes to replace a stopped reader.
 constexpr std::chrono::seconds kPatience{12};
 
@@ -68,6 +70,9 @@ void IndexedStore::TryChange(const Peer& peer, const std::function<void()>& work
   } catch (...) {
     change.reset();
     has_failed = true;
+    // Before the answer, so that the next request finds room, whichever worker serves it.
+    const auto user = std::exchange(refused, std::nullopt);
+    if (user && Clean(searched, kMostSearched, user)) searched = 0;
     throw;
   }
   change.reset();

@@ -22,7 +22,7 @@
 /// process can remove a token. Removing a token and inserting it again in one change transfers it
 /// to the process that "pid" of the new data names. It keeps its user, age and lifetime.
 ///
-/// Errors are `std::runtime_error`.
+/// Errors are `std::runtime_error`. Before a user is refused a token at a limit, their orphans go.
 class IndexedStore : public TokenStore {
  public:
   /// Opens the existing file. `worker_slot` shows when this worker waits for the store.
@@ -80,7 +80,7 @@ class IndexedStore : public TokenStore {
 
   std::optional<CurrentChange> change;
   bool has_failed = false;         // a change
-  std::optional<uid_t> refused;    // who was refused a token at a limit
+  std::optional<uid_t> refused;    // who is being refused a token at a limit
   std::uint64_t searched = 0;      // up to this id, for such users
   std::uint64_t swept = 0;         // up to this id, by `EverySecond`
   std::uint64_t orphans_seen = 0;  // since it started over

@@ -13,8 +13,7 @@ constexpr std::size_t kMostTextBytes = 256U << 10;  // of the rows' records
 constexpr std::size_t kMostUsers = 1000;
 
 constexpr std::size_t kSweptEachSecond = 4096;
-constexpr std::size_t kMostSearched = 32'768;  // for a user who was refused a token
-constexpr std::size_t kMostInChange = 512;     // while other changes wait
+constexpr std::size_t kMostInChange = 512;  // while other changes wait
 
 }  // namespace
 
@@ -89,11 +88,9 @@ Json::Value IndexedStore::GetStatistics() {
   return statistics;
 }
 
+// Ends the process if LMDB gave up in a failed commit.
 void IndexedStore::AfterAnswer() {
-  // Ends the process if LMDB gave up in a failed commit.
   if (std::exchange(has_failed, false)) database.Read();
-  const auto user = std::exchange(refused, std::nullopt);
-  if (user && Clean(searched, kMostSearched, user)) searched = 0;
 }
 
 void IndexedStore::EverySecond() {

@@ -134,20 +134,21 @@ void Allocate(int file, off_t bytes, const std::string& path) {
 }
 
 StoreLock::StoreLock(const StoreOptions& options, std::chrono::milliseconds lock_patience)
-    : store(options.format == StoreFormat::kText ? "" : options.path),
+    : store(options.path),
+      is_indexed(options.format == StoreFormat::kIndexed),
       // Only its owner can enter the text store's directory, so there the mode does not matter.
-      forbidden(store.empty() ? 0 : S_IRWXG | S_IRWXO),
+      forbidden(is_indexed ? S_IRWXG | S_IRWXO : 0),
       patience(lock_patience) {
   PrepareDirectory(options);
   ExpectOwnFile(options.path, forbidden);
   // Both stores use record locks on this file, which are independent of this lock.
-  Lock(options.path + (store.empty() ? ".lock" : "-lock"), store.empty() ? 0 : kLockFileBytes);
+  Lock(store + (is_indexed ? "-lock" : ".lock"), is_indexed ? kLockFileBytes : 0);
   // A daemon of an earlier version locked only this one.
-  if (!store.empty() && fs::exists(store)) Lock(store);
+  if (is_indexed && fs::exists(store)) Lock(store);
 }
 
 void StoreLock::LockRebuilt() {
-  if (store.empty()) return;
+  if (!is_indexed) return;
   locked.resize(1);
   Lock(store);
   ExpectSameFiles();

@@ -38,8 +38,9 @@ class StoreLock {
 
   void Lock(const std::string& path, off_t bytes = 0);
 
-  const std::string store;  // path of the indexed store, or empty
-  const mode_t forbidden;   // to the files
+  const std::string store;  // its path
+  const bool is_indexed;
+  const mode_t forbidden;  // to the files
   const std::chrono::milliseconds patience;
   std::vector<LockedFile> locked;
 };

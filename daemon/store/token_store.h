@@ -100,9 +100,7 @@ class TokenStore : public ZELT::TokenManager::TokenStorage {
 
   // A text store does nothing in these.
 
-  /// To be called after each answer. If a user was refused a token at a limit, drops those that
-  /// they do not need, which takes some milliseconds at most. Ends the process if the store refuses
-  /// all further work in it.
+  /// To be called after each answer. Ends the process if the store refuses all further work in it.
   virtual void AfterAnswer() {}
 
   /// Does a bounded amount of periodic work for all workers: drops what has expired.
