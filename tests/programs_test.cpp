@@ -95,6 +95,7 @@ TEST_F(ProgramsTest, ServesSocketsThatWerePassedOn) {
     EXPECT_NE(Issue(), "");
     EXPECT_EQ(Ask("[]", "/tmp/other"), kRefused);
     EXPECT_FALSE(fs::exists(kSecondSocket)) << "which is not its to make";
+    EXPECT_TRUE(fcntl(other, F_GETFL) & O_NONBLOCK);
     EXPECT_EQ(daemon.End(SIGTERM), 0);
   }
   // They were passed to somebody else, and so somebody else serves.

@@ -79,6 +79,7 @@ TEST_F(StoreTest, TellsWhichProcessesLive) {
   EXPECT_FALSE(judge.IsDead(self));
   EXPECT_TRUE(judge.IsDead({self.pid, self.start + 1, self.boot})) << "with the same number";
   EXPECT_TRUE(judge.IsDead({self.pid, self.start, {}})) << "of another boot";
+  EXPECT_EQ(Finish(Start([] { return IdentifyProcess(1) ? 0 : 1; }, kAlice)), 0) << "of root";
   EXPECT_GT(Age({}), std::chrono::hours(24 * 365)) << "from a boot in 1970";
   EXPECT_GT(Age({.wall_time = INT64_MAX / 2}).count(), 0) << "the clock was wrong then";
   // The first thread may end before the process does.
