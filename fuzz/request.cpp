@@ -9,7 +9,6 @@
 #include "log.h"
 #include "open_store.h"
 #include "request_handler.h"
-#include "store_file.h"
 #include "support/peers.h"
 #include "support/testing.h"
 

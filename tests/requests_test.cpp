@@ -7,7 +7,6 @@
 #include "open_store.h"
 #include "printing.h"
 #include "request_handler.h"
-#include "store_file.h"
 #include "support/logged.h"
 #include "support/peers.h"
 #include "support/tables.h"

@@ -101,7 +101,7 @@ void Server::ServeNext() {
     Accounts::Remove(connection);
     backlog.Pause(ENOMEM);
   }
-  accounts.Charge(account, Elapsed());
+  accounts.Charge(account, Advance());
 }
 
 void Server::Wait(bool sleeps) {
@@ -109,8 +109,7 @@ void Server::Wait(bool sleeps) {
   const auto time = sleeps ? std::chrono::ceil<milliseconds>(wake - now) : milliseconds();
   if (!terminating) backlog.SetPending(false);
   poll.Wait(std::max(time, milliseconds()));
-  now = Clock::now();
-  slot.seen = now.time_since_epoch().count();
+  Advance();
   // After a stall, the request may have arrived: it is looked for once more.
   for (; !due.empty() && due.front().deadline <= now; due.pop_front()) due.front().BecomeReady();
   if (now >= next_second) EverySecond();
@@ -134,7 +133,7 @@ bool Server::AcceptOne() {
                        .accepted = SinceBoot(),
                        .connection = accepted.Get()};
     Account& account = accounts.Add(std::move(accepted), peer);
-    accounts.Charge(account, Elapsed());
+    accounts.Charge(account, Advance());
   } catch (const std::bad_alloc&) {
     backlog.Pause(ENOMEM);
   } catch (const std::exception&) {  // the peer is unknown
@@ -177,7 +176,8 @@ void Server::Await(Connection& connection) {
   accounts.AwaitClient(connection);
 }
 
-std::chrono::nanoseconds Server::Elapsed() {
+// Reads the clock, which the supervisor sees too, and returns how much time has passed.
+std::chrono::nanoseconds Server::Advance() {
   const auto before = std::exchange(now, Clock::now());
   slot.seen = now.time_since_epoch().count();
   return now - before;

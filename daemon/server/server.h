@@ -55,7 +55,7 @@ class Server final : Awaiting {
   void Write(Connection& connection);
   void SetDeadline(Connection& connection);
   void Await(Connection& connection);
-  std::chrono::nanoseconds Elapsed();
+  std::chrono::nanoseconds Advance();
 
   const ServerLimits limits;
   WorkerSlot& slot;

@@ -197,12 +197,13 @@ Total Tables::Verify(MDB_txn* transaction) const {
   std::map<std::string, Total, std::less<>> totals;
   Total& all = totals[std::string(kAll)];
   VisitTokens(transaction, 0, [&](const TokenKey& key, const Record& record) {
-    const bool is_whole = record.header.checksum == Checksum(key, record) && Find(transaction, key);
-    if (!is_whole && !is_format1) {
+    if (!is_format1 &&
+        (record.header.checksum != Checksum(key, record) || !Find(transaction, key))) {
       throw std::runtime_error("token " + std::to_string(IdOf(key)) + " is inconsistent");
     }
-    all += TotalOf(record);
-    totals[UsageKey(record)] += TotalOf(record);
+    const Total one = TotalOf(record);
+    all += one;
+    totals[UsageKey(record)] += one;
     return true;
   });
   // Format 1 had no total of all, and counted other bytes.

@@ -14,8 +14,6 @@ struct Total {
   std::uint64_t tokens = 0;
   std::uint64_t bytes = 0;      ///< of `Footprint`
   std::uint64_t checksums = 0;  ///< the sum of those of their records
-
-  bool operator==(const Total&) const = default;
 };
 
 /// Numbers in keys are big-endian, so that the order of the bytes is the order of the numbers.
