@@ -13,7 +13,8 @@
 /// the pages that a change frees two changes later, and joins pages only when they are nearly
 /// empty. By default, two files and the lock file take less than 64 MiB.
 constexpr std::uint64_t FileBytes(std::uint64_t bytes_for_tokens) {
-  return bytes_for_tokens + bytes_for_tokens / 2 + (3U << 19);
+  constexpr std::uint64_t kPages = 64U << 10;  // LMDB wants whole pages, of any system
+  return (bytes_for_tokens + bytes_for_tokens / 2 + (3U << 19) + kPages - 1) / kPages * kPages;
 }
 
 /// Reads and verifies the indexed store, writes a new one with all blocks allocated, and puts it in
