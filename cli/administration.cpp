@@ -70,7 +70,9 @@ Result Drop(const Arguments& arguments) {
   std::uint64_t dropped = 0;
   try {
     ForEachPage(MakeRequest("drop", arguments), [&](const Json::Value& page) {
-      dropped += MemberOrNull(page, "dropped").asUInt64();
+      const Json::Value& more = MemberOrNull(page, "dropped");
+      if (!more.isUInt64()) throw BrokenExchange("");
+      dropped += more.asUInt64();
     });
   } catch (const Failure& failure) {
     if (dropped == 0) throw;

@@ -94,7 +94,7 @@ Json::Value SendToDaemon(const Json::Value& request) {
   std::string text;
   Json::Value response;
   if (!connection->Send(toString(request)) || !connection->Recv(text) ||
-      !fromString(text, response)) {
+      !fromString(text, response) || !response.isObject()) {
     throw BrokenExchange("");
   }
   return response;
