@@ -79,6 +79,7 @@ void Server::Serve() {
   for (busy = true; busy || (now < end && !accounts.Empty());)
     busy = Step(!busy, now < end ? kRound : 0);
   accounts.EverySecond();
+  lines.lost += ReportLostLines();
 }
 
 // Accepts what is waiting, at most `round` connections, and serves some. Returns whether there were

@@ -147,6 +147,7 @@ void Supervisor::Start(Worker& worker) {
   worker.slot.activity = Activity::kStarting;
   worker.slot.seen = MonotonicTime().count();
   worker.served = Served(worker.slot);
+  board.lines.lost += ReportLostLines();  // or the worker would report them again
   const pid_t pid = fork();
   if (pid == 0) {
     _exit(ExitStatusOf([&] { Work(worker.slot); },
