@@ -62,6 +62,7 @@ Page<TokenRow> IndexedStore::Select(MDB_txn* transaction, const TokenFilter& fil
 
 Page<UsageRow> IndexedStore::Usage(std::uint64_t after) {
   Page<UsageRow> page;
+  if (after > ~uid_t{0}) return page;
   const Reading reading = database.Read();
   tables.VisitUsage(
       reading.get(), static_cast<uid_t>(after),
