@@ -9,6 +9,12 @@ using JsonFileStorageTest = PrivateFiles;
 constexpr const char* kStore = "/tmp/a/b/tokens";
 constexpr const char* kLock = "/tmp/a/b/tokens.lock";
 
+void Operate(JsonFileStorage& storage, std::size_t which) {
+  if (which == 0) storage.Insert("abc", 2);
+  if (which == 1) storage.Remove("abc");
+  if (which == 2) storage.GetAssociatedData("abc");
+}
+
 TEST_F(JsonFileStorageTest, MakesTheDirectoryAndTheLockFile) {
   for (const char* lock : {"", "kept"}) {
     const JsonFileStorage storage(kStore);
@@ -48,13 +54,10 @@ TEST_F(JsonFileStorageTest, ReportsEachFailureAndKeepsNothingOpen) {
   JsonFileStorage storage(kStore);
   fs::current_path("/tmp/a/b");
   const long descriptors = OpenDescriptors();
-  const std::function<void()> operations[] = {[&] { storage.Insert("new", 5); },
-                                              [&] { storage.Remove("abc"); },
-                                              [&] { storage.GetAssociatedData("abc"); }};
   for (const Cells& row : Section("storage.txt", "failures")) {
     for (std::size_t i = 0; i < 3; ++i) {
       Shell("rm -rf tokens; touch tokens.lock; echo abc 1 >tokens; " + row[0]);
-      const std::string seen = Outcome(operations[i]);
+      const std::string seen = Outcome([&] { Operate(storage, i); });
       EXPECT_NE(seen.find(row.at(i + 1)), std::string::npos) << row[0] << ": " << seen;
     }
   }
@@ -80,18 +83,32 @@ TEST_F(JsonFileStorageTest, LosesNothingOnAFullDevice) {
 TEST_F(JsonFileStorageTest, SharesTheLockToReadAndNotToWrite) {
   JsonFileStorage storage(kStore);
   storage.Insert("abc", 1);
-  const std::pair<const char*, std::function<void()>> operations[] = {
-      {"READ", [&] { storage.GetAssociatedData("abc"); }},
-      {"WRITE", [&] { storage.Insert("abc", 2); }},
-      {"WRITE", [&] { storage.Remove("abc"); }}};
-  for (const auto& [lock, operation] : operations) {
+  for (const std::size_t which : {2U, 0U, 1U}) {
     auto held = std::make_unique<FileLock>(kLock, true);
-    const pid_t process = Start([call = operation] { return call(), 0; });
-    EXPECT_TRUE(WaitsToLock(process, lock));
+    const pid_t process = Start([&] {
+      struct sigaction action {};  // without SA_RESTART
+      action.sa_handler = [](int) {};
+      sigaction(SIGUSR1, &action, nullptr);
+      return Operate(storage, which), 0;
+    });
+    EXPECT_TRUE(WaitsToLock(process, which == 2 ? "READ" : "WRITE"));
+    kill(process, SIGUSR1);
     held.reset();
     EXPECT_EQ(Finish(process), 0);
   }
   EXPECT_EQ(ReadFile(kStore), "abc 2\n");
+}
+
+// Opening the pipe waits for its other end, with the lock held.
+TEST_F(JsonFileStorageTest, KeepsTheLockUntilItIsDone) {
+  JsonFileStorage storage(kStore);
+  mkfifo(kStore, 0600);
+  for (const std::size_t which : {0U, 2U}) {
+    const pid_t process = Start([&] { return Operate(storage, which), 0; });
+    const std::string held = (which == 0 ? "WRITE " : "READ ") + std::to_string(process) + " ";
+    EXPECT_EVENTUALLY(ReadFile("/proc/locks").find(held) != held.npos);
+    EndProcess(process);
+  }
 }
 
 }  // namespace ZELT::TokenManager::JsonFileStorageTests

@@ -1,6 +1,5 @@
 // How a store is opened, taken over or refused, and the text store.
 #include <fnmatch.h>
-#include <sys/resource.h>
 
 #include "database.h"
 #include "support/logged.h"
@@ -28,13 +27,28 @@ TEST_F(StoreStartTest, RefusesWhatIsDamagedOrForeignAndLeavesItAsItIs) {
   }
 }
 
+MDB_dbi Open(const Transaction& change, const char* name) {
+  MDB_dbi table = 0;
+  Expect(mdb_dbi_open(change.get(), name, MDB_CREATE, &table), name);
+  return table;
+}
+
 void Put(const Transaction& change, const char* name, std::string_view key,
          std::string_view value) {
-  MDB_dbi table = 0;
   MDB_val put_key = ValueOf(key);
   MDB_val put_value = ValueOf(value);
-  Expect(mdb_dbi_open(change.get(), name, MDB_CREATE, &table), name);
-  Expect(mdb_put(change.get(), table, &put_key, &put_value, 0), name);
+  Expect(mdb_put(change.get(), Open(change, name), &put_key, &put_value, 0), name);
+}
+
+TEST_F(StoreStartTest, RefusesTokensWithoutTotals) {
+  Daemon().Issue("a");
+  {
+    Database database(kPath, Database::Use::kServe);
+    Transaction change = database.Begin();
+    mdb_drop(change.get(), Open(change, "usage2"), 0);
+    database.Commit(std::move(change));
+  }
+  EXPECT_THAT(Outcome([] { const Daemon daemon; }), HasSubstr("the totals are inconsistent"));
 }
 
 // Whose tokens were their own keys, and had ids in front of their headers.
@@ -73,6 +87,12 @@ TEST_F(StoreStartTest, GoesOnWithTheOldFileIfThereIsNoSpaceForANewOne) {
   }
 }
 
+TEST_F(StoreStartTest, KeepsMoreThanItsSizeNow) {
+  const std::string large = "'" + std::string(60'000, 'x') + "'";
+  for (int i = 0; i < 40; ++i) Daemon().Issue(std::to_string(i), From(kAlice), large);
+  EXPECT_EQ(Daemon({.path = kPath, .bytes = 1}).Pid("39"), std::to_string(getpid()));
+}
+
 TEST_F(StoreStartTest, IsUsedByOneDaemonOnly) {
   const Daemon daemon;
   EXPECT_EQ(Outcome([&] { StoreLock(daemon.options, std::chrono::milliseconds(1)); }),
@@ -104,16 +124,15 @@ TEST_F(StoreStartTest, TheTextStoreHasItsOwnDirectoryAndOneOwnerForAToken) {
     EXPECT_THAT(Outcome([&] { StoreLock(options, {}); }), HasSubstr(" uses the store /tmp/text"));
     EXPECT_EQ(daemon.Issue("a", From(kAlice, 1)), "done");
     EXPECT_THAT(daemon.Transfer("a", 0), StartsWith("no living process"));
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{.rlim_cur = fs::file_size(options.path), .rlim_max = RLIM_INFINITY};
-    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(daemon.Issue("c", From(kAlice, 1)), "done");
+    LimitFiles(fs::file_size(options.path));
     EXPECT_NE(daemon.Transfer("a", getpid()), "done");  // which needs more bytes
-    limit.rlim_cur = RLIM_INFINITY;
-    setrlimit(RLIMIT_FSIZE, &limit);
+    LimitFiles(RLIM_INFINITY);
     EXPECT_EQ(daemon.Pid("a"), "1");
     EXPECT_EQ(daemon.Transfer("a", getpid()), "done");
     EXPECT_EQ(daemon.Pid("a"), std::to_string(getpid()));
-    EXPECT_EQ(Outcome([&] { daemon.List(); }), "the text store cannot do this");
+    EXPECT_EQ(daemon.Issue("b", From(kAlice), "[]", std::chrono::seconds(1)),
+              "the text store cannot do this");
   }
   std::ofstream(options.path, std::ios::app) << "torn {";
   const Daemon daemon(options);

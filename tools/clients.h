@@ -160,12 +160,6 @@ inline void Prepare() {
   }
 }
 
-/// What nobody should have been told.
-inline std::uint64_t Wrongs() {
-  const auto& counts = board->counts;
-  return counts[kLost] + counts[kHonoured] + counts[kTwoOwners] + counts[kWrong];
-}
-
 inline void SignalClients(int signal) {
   for (const pid_t client : board->clients) client != 0 ? kill(client, signal) : 0;
 }
@@ -175,7 +169,7 @@ inline void EndClients() {
 inline void StartClients() {
   for (std::size_t number = 0; number < kClients; ++number) {
     Start([number]() -> int { Live(number); }, kUsers.at(number % kUsers.size()));
-    EXPECT_TRUE(Eventually([number] { return board->clients.at(number) != 0; }));
+    EXPECT_EVENTUALLY(board->clients.at(number) != 0);
   }
 }
 

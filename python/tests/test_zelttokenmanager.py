@@ -17,7 +17,7 @@ import zelttokenmanager
 from zelttokenmanager import Token, _calls, _exchange, aio
 
 FIRST, SECOND = _exchange.PATHS
-TABLE = pathlib.Path(__file__).parents[2] / "tests" / "tables" / "answers.txt"
+TABLE = pathlib.Path(__file__).parents[2] / "tests/tables/answers.txt"
 GRANTS = [{"api": "Demo.Item", "method": "get"}]
 USE = {"api": "Demo.Item", "method": "get", "runner": "root"}
 
@@ -92,7 +92,7 @@ class Answers(unittest.TestCase):
                 self.check(name, [answer.encode()], expected)
         for answer in (
             b'{"success":true,"permitted":true,"x":"\xff"}', b"\xef\xbb\xbf{}", b"[" * 100000,
-            b'{"":' * 100000, b'{"x":' + b"9" * 900000 + b"}", b" " * (1 << 20) + b"{}",
+            b" " * (1 << 20) + b"{}",
         ):  # fmt: skip
             self.check("validate", [answer], "Interrupted")
 
@@ -133,13 +133,13 @@ class Answers(unittest.TestCase):
         for call in call_sync, call_aio:
             self.assertEqual(outcome(call, "revoke", "s", "t", timeout=0.05), "Interrupted")
         self.listener.close()
-        for call in call_sync, call_aio:
-            with listen(SECOND, backlog=0) as full, socket.socket(socket.AF_UNIX) as first:
-                first.connect(SECOND)
+        for call, path in (call_sync, FIRST), (call_aio, SECOND):
+            with listen(path, backlog=0) as full, socket.socket(socket.AF_UNIX) as first:
+                first.connect(path)
                 self.assertEqual(outcome(call, "revoke", "s", "t", timeout=0.05), "Unavailable")
                 answer_none = lambda: (full.accept()[0].close(), Server(full, []))
                 threading.Timer(0.05, answer_none).start()
-                self.assertEqual(outcome(call, "revoke", "s", "t"), "Interrupted")
+                self.assertEqual(outcome(call, "revoke", "s", "t", timeout=1e9), "Interrupted")
 
 
 class Listeners(unittest.TestCase):
@@ -194,13 +194,15 @@ class RealDaemon(unittest.TestCase):
         with self.assertRaises(KeyError), Token.issue("fastapi", GRANTS) as revoked_too:
             raise KeyError
         with Token.issue("fastapi", GRANTS) as transferred:
-            transferred.transfer(self.daemon.pid)
+            transferred.transfer(os.getpid())
         with Token.issue("fastapi", GRANTS) as dropped:
             zelttokenmanager.revoke("fastapi", dropped)
         outcomes = [outcome(each.validate, USE) for each in (revoked, revoked_too, transferred)]
         self.assertEqual(outcomes, ["Refused", "Refused", "True"])
         with self.assertRaises(zelttokenmanager.Unavailable), Token.issue("fastapi", GRANTS):
-            self.stop()
+            with self.assertRaises(KeyError), Token.issue("fastapi", GRANTS):
+                self.stop()
+                raise KeyError
 
     def test_tokens_are_revoked_by_event_loops(self):
         async def use():
@@ -209,10 +211,14 @@ class RealDaemon(unittest.TestCase):
                 self.assertEqual(await asyncio.gather(*checks), [True] * 50)
                 self.assertEqual(await token.validate_many([USE]), [True])
                 self.assertEqual((await token.inspect()).requester, "root")
-            return str(token)
+            async with await aio.Token.issue("fastapi", GRANTS) as dropped:
+                await aio.revoke("fastapi", dropped)
+            async with await aio.Token.issue("fastapi", GRANTS) as kept:
+                await kept.transfer(os.getpid())
+            return token, kept
 
-        text = asyncio.run(use())
-        self.assertEqual(outcome(call_sync, "validate", "fastapi", text, USE), "Refused")
+        outcomes = [outcome(call_sync, "validate", "fastapi", each, USE) for each in asyncio.run(use())]
+        self.assertEqual(outcomes, ["Refused", "True"])
 
 
 if __name__ == "__main__":

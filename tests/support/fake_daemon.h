@@ -1,8 +1,6 @@
 // The daemon's end of a socket, for tests of clients.
 #pragma once
 
-#include <sys/time.h>
-
 #include "owned_descriptor.h"
 #include "support/testing.h"
 #include "unix_address.h"
@@ -11,15 +9,12 @@ namespace ZELT {
 
 using TokenManager::OwnedDescriptor;
 
-/// Listens at `path`. Whoever waits for a client that does not come gives up in the end.
-inline OwnedDescriptor ListenAt(const std::string& path, int backlog = SOMAXCONN) {
+inline OwnedDescriptor ListenAt(const std::string& path) {
   OwnedDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  constexpr timeval kLimit{.tv_sec = 30, .tv_usec = 0};
-  Check(setsockopt(listener.Get(), SOL_SOCKET, SO_RCVTIMEO, &kLimit, sizeof kLimit), path);
   fs::create_directories(fs::path(path).parent_path());
   fs::remove(path);
   Check(TokenManager::UnixAddress(path).Bind(listener.Get()), path);
-  Check(listen(listener.Get(), backlog), path);
+  Check(listen(listener.Get(), SOMAXCONN), path);
   return listener;
 }
 

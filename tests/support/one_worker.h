@@ -35,9 +35,10 @@ struct Daemon {
                     const std::string& payload = "[]",
                     std::optional<std::chrono::seconds> lifetime = {}) const {
     names[IdOf(KeyOf(token))] = token;
-    const std::string data =
-        "{'requester':'alice','service':'fastapi','pid':" + std::to_string(peer.credential.pid) +
-        ",'payload':" + payload + "}";
+    const std::string service = token == "A" ? "printing" : "fastapi";
+    const std::string data = "{'requester':'alice','service':'" + service +
+                             "','pid':" + std::to_string(peer.credential.pid) +
+                             ",'payload':" + payload + "}";
     return InChange(peer, [&](TokenStore& store) {
       if (lifetime) store.ExpireAfter(*lifetime);
       store.Insert(token, Value(data));

@@ -52,7 +52,8 @@ struct TestServer {
       if (request == "stop") kill(getpid(), SIGTERM);
       return handler(peer, request);
     };
-    Server({listener.Get(), second.Get()}, limits, slot, lines, answer, every_second, [] {
+    Server({listener.Get(), second.Get()}, limits, slot, lines, answer, every_second, [&] {
+      ++after_answers;
     }).Serve();
     const timespec none{};
     sigtimedwait(&ending, nullptr, &none);  // takes it
@@ -69,6 +70,7 @@ struct TestServer {
   const OwnedDescriptor listener;
   const OwnedDescriptor second;
   sigset_t ending{};
+  std::size_t after_answers = 0;
   WorkerSlot slot;
   LineTotal lines;
 };

@@ -50,14 +50,24 @@ inline std::vector<Cells> Section(const std::string& file, const std::string& ti
   return rows;
 }
 
+/// The request of a call of clients.
+inline std::string RequestOf(const std::string& call) {
+  for (const Cells& row : Section("utils.txt", "requests")) {
+    if (row.at(0) == call) return row.at(1);
+  }
+  return "";
+}
+
 /// Calls `call` with the first two cells of each row, read as JSON. The last cell is the outcome;
-/// of an error the file and the number are enough.
+/// of an error the file and the number are enough, and of one in `source` the number.
 template <typename Call>
-void CheckSection(const std::string& file, const std::string& title, const Call& call) {
+void CheckSection(const std::string& file, const std::string& title, const Call& call,
+                  const std::string& source = "") {
   for (const Cells& row : Section(file, title)) {
     const auto value = [](const std::string& cell) { return Value(Requoted(cell)); };
     std::string outcome =
         Requoted(Outcome([&] { return call(value(row.at(0)), value(row.at(1))); }));
+    if (outcome.starts_with(source)) outcome.erase(0, source.size());
     if (outcome.starts_with(row.back() + " ")) outcome.resize(row.back().size());
     EXPECT_EQ(outcome, row.back()) << title << ": " << row[0] << " | " << row[1];
   }
@@ -68,15 +78,18 @@ template <typename Service>
 void CheckService(const std::string& name) {
   const auto with = [](const Json::Value& payload, Json::Value object) {
     object["payload"] = payload;
-    return payload == "no request" ? 5 : object;
+    return object;
   };
   EXPECT_EQ(Service().GetName(), name);
-  CheckSection("services.txt", name + " issues", [&](const auto& payload, const auto& privilege) {
+  const auto issue = [&](const auto& payload, const auto& privilege) {
     return Service().Issue(with(payload, {}), privilege);
-  });
-  CheckSection("services.txt", name + " validates", [&](const auto& payload, const auto& held) {
+  };
+  const auto validate = [&](const auto& payload, const auto& held) {
     return Service().Validate(with(payload, {}), with(held, Value("{'requester':'@r'}")));
-  });
+  };
+  const std::string source = "service/" + name + ".cpp";
+  CheckSection("services.txt", name + " issues", issue, source);
+  CheckSection("services.txt", name + " validates", validate, source);
 }
 
 }  // namespace ZELT

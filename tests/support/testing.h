@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -75,12 +76,6 @@ inline std::string Shell(const std::string& command) {
   return output;
 }
 
-/// Mounts the file "image", in which an empty file system of the `type` is made the first time.
-inline void MountImage(const std::string& directory, const std::string& type) {
-  Shell("[ -e image ] || { truncate -s 160M image && /sbin/mkfs." + type +
-        " -q image >/dev/null; } && mount -o loop image " + directory);
-}
-
 /// Writes a file, making the directories that lead to it.
 inline void WriteFile(const fs::path& path, const std::string& text) {
   fs::create_directories(path.parent_path());
@@ -117,9 +112,9 @@ class PrivateFiles : public testing::Test {
     if (entered != "done") GTEST_SKIP() << "no private machine: " << entered;
     for (const char* directory : {"/tmp", "/var", "/etc"}) MountEmpty(directory, "mode=755");
     fs::create_directory("/var/packages");
-    WriteFile("/etc/passwd",
-              "root:x:0:0::/:/bin/sh\nalice:x:4001:4100::/:/bin/sh\nbob:x:4002:4100::/:/bin/sh\n"
-              "any:x:4003:4100::/:/bin/sh\ncarol:x:4004:4100::/:/bin/sh\n");
+    WriteFile("/etc/passwd", "root:x:0:0::/:/bin/sh\nalice:x:4001:4100:" + std::string(2000, 'x') +
+                                 ":/:/bin/sh\nbob:x:4002:4100::/:/bin/sh\n"
+                                 "any:x:4003:4100::/:/bin/sh\ncarol:x:4004:4100::/:/bin/sh\n");
     WriteFile("/etc/group", "root:x:0:\nusers:x:4100:\nstaff:x:4101:bob\n");
   }
 };
@@ -133,6 +128,8 @@ inline bool Eventually(const std::function<bool()>& condition) {
   }
   return true;
 }
+
+#define EXPECT_EVENTUALLY(...) EXPECT_TRUE(::ZELT::Eventually([&] { return __VA_ARGS__; }))
 
 /// Forks a process that runs `work` as `user`, and exits with what it returns.
 inline pid_t Start(const std::function<int()>& work, uid_t user = getuid()) {
@@ -150,6 +147,13 @@ inline int Finish(pid_t process) {
   int status = 0;
   waitpid(process, &status, 0);
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+/// Limits the size of the files that this process writes.
+inline void LimitFiles(rlim_t bytes) {
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit limit{.rlim_cur = bytes, .rlim_max = RLIM_INFINITY};
+  Check(setrlimit(RLIMIT_FSIZE, &limit), "setrlimit");
 }
 
 inline int EndProcess(pid_t process) { return kill(process, SIGKILL), Finish(process); }
