@@ -70,6 +70,7 @@ std::size_t Accounts::EverySecond() {
     LogSecond(account);
     waiting += account.waiting.size();
   }
+  lines.lost += ReportLostLines();
   std::erase_if(accounts, [](const auto& each) { return each.second.used.connections == 0; });
   return waiting;
 }

@@ -80,8 +80,9 @@ class Accounts {
   bool Empty() const { return total.connections == 0; }
   bool AnyReady() const { return !turns.empty(); }
 
-  /// Logs what was held back or given up, and forgets accounts that use nothing. Returns how many
-  /// connections wait for their client. Call this about once a second.
+  /// Logs what was held back or given up, counts the lines that the log lost, and forgets accounts
+  /// that use nothing. Returns how many connections wait for their client. Call this about once a
+  /// second.
   std::size_t EverySecond();
 
   Usage total;  ///< of all accounts

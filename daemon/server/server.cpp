@@ -9,7 +9,6 @@
 #include <exception>
 #include <new>
 
-#include "log.h"
 #include "zelttokenmanager/utils.h"
 
 using std::chrono::milliseconds;
@@ -55,8 +54,7 @@ Server::Server(const std::vector<int>& listeners, const ServerLimits& server_lim
                std::function<void()> periodic_work, std::function<void()> work_after_answer)
     : limits(Raised(server_limits)),
       slot(worker_slot),
-      lines(all_lines),
-      accounts(limits, lines),
+      accounts(limits, all_lines),
       backlog(poll, listeners),
       signals(OpenTermination()),
       handler(std::move(request_handler)),
@@ -79,7 +77,6 @@ void Server::Serve() {
   for (busy = true; busy || (now < end && !accounts.Empty());)
     busy = Step(!busy, now < end ? kRound : 0);
   accounts.EverySecond();
-  lines.lost += ReportLostLines();
 }
 
 // Accepts what is waiting, at most `round` connections, and serves some. Returns whether there were
@@ -120,7 +117,6 @@ void Server::EverySecond() {
   next_second = now + std::chrono::seconds(1);
   if (!terminating) backlog.Listen();
   slot.waiting = accounts.EverySecond();
-  lines.lost += ReportLostLines();
   every_second();
   now = Clock::now();  // nobody is charged for this
 }

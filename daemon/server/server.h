@@ -59,7 +59,6 @@ class Server final : Awaiting {
 
   const ServerLimits limits;
   WorkerSlot& slot;
-  LineTotal& lines;
   Poll poll;
   Accounts accounts;
   boost::intrusive::list<Connection, boost::intrusive::constant_time_size<false>> due;
